@@ -1,0 +1,105 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <utils/StrongPointer.h>
+#include <vesk/VeskCallback.h>
+#include <vesk/VeskConfig.h>
+#include <vesk/VeskExport.h>
+#include <vesk/VeskFrame.h>
+#include <vesk/VeskQueue.h>
+#include <vesk/VeskSession.h>
+#include <vesk/VeskSessionManager.h>
+#include <vesk/VeskThreadAnnotations.h>
+#include <vesk/VeskTopic.h>
+#include <vesk/VeskTopicManager.h>
+
+namespace vesk {
+
+/**
+ * The one object of the process through which a host drives the library.
+ *
+ * A host, in this order: getInstance(); init() with its callback; createTopic() for each topic it
+ * serves; sessions for its clients through getSessionManager(); then every frame that it reads from
+ * the channel goes to getQueue()->receiveFromChannel(), and the callback gets the bytes to write.
+ *
+ * Ownership: the facade owns the queue, both managers and the catalogue for the life of the
+ * process. Pointers that it returns stay its own. Threads:   every operation may be called from any
+ * thread and from inside a callback. Install the callback before traffic starts: until then bytes,
+ * frames and notifications are lost. The end:   the instance is destroyed at process exit. It first
+ * empties and stops the queue and waits for a callback that the looper is just running; a
+ * sendToChannel() that never returns is the only thing that can hold the exit. Threads of the host
+ * must have stopped calling the library by then.
+ */
+class VESK_EXPORT Vesk {
+public:
+    /** The process-wide instance, made by the first call; never null. */
+    static Vesk* getInstance();
+
+    /** For getInstance() alone. Throws std::system_error where no thread can be started. */
+    Vesk();
+    ~Vesk();
+    Vesk(Vesk const&) = delete;
+    Vesk& operator=(Vesk const&) = delete;
+
+    /**
+     * Installs the host's callback in place of an earlier one. Null is ignored. A call that is
+     * under way on another thread may still reach the earlier callback, which lives until then.
+     */
+    void init(android::sp<VeskCallback> callback) VESK_EXCLUDES(mCallbackMutex);
+
+    VeskConfig* getConfig() { return &mConfig; }
+    VeskSessionManager* getSessionManager() { return &mSessionManager; }
+    VeskTopicManager* getTopicManager() { return &mTopicManager; }
+
+    /** The queue; the caller becomes one more owner. */
+    std::shared_ptr<VeskQueue> getQueue() { return mQueue; }
+
+    /** Hands bytes to the callback's sendToChannel(). Called by the queue's looper. */
+    void sendToChannel(std::vector<uint8_t> bytes);
+
+    /**
+     * The host's word on its channel. false: whatever waits to be sent, to be acknowledged or to be
+     * acknowledged to the peer is dropped, and the counters are reset. true: nothing happens.
+     */
+    void onChannelAvailable(bool available);
+
+    /** Creates a topic by its catalogue name. See VeskTopicManager::createTopic(). */
+    int createTopic(std::string const& name, bool isLocal);
+
+    /** Removes a topic by its catalogue name. See VeskTopicManager::removeTopic(). */
+    int removeTopic(std::string const& name);
+
+    /** Whether the topic that the catalogue knows by this name is present. */
+    bool hasTopic(std::string const& name);
+    bool hasTopic(uint16_t topicId);
+
+    /** The topic with this id; null when it is not present. */
+    std::shared_ptr<VeskTopic> getTopic(uint16_t topicId);
+
+    /** Hands a frame to the callback's receive() on the caller's thread. A null one is ignored. */
+    void receive(uint32_t clientId, uint32_t sessionId, bool local,
+                 std::shared_ptr<VeskFrame> const& frame);
+
+    /** Hands the news to the callback's notifyTopicChanged(). */
+    void notifyTopicChanged(bool added, std::string topicName);
+
+    /** Hands the news to the callback's notifyBusinessChanged(). */
+    void notifyBusinessChanged(bool added, std::string topicName, std::string businessName);
+
+private:
+    android::sp<VeskCallback> callback() const VESK_EXCLUDES(mCallbackMutex);
+
+    android::sp<VeskCallback> mCallback VESK_GUARDED_BY(mCallbackMutex);
+    std::shared_ptr<VeskQueue> mQueue;
+    VeskTopicManager mTopicManager;
+    VeskSessionManager mSessionManager;
+    VeskConfig mConfig;
+    mutable std::mutex mCallbackMutex;
+};
+
+}  // namespace vesk

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <utils/RefBase.h>
+#include <vesk/VeskExport.h>
+
+namespace vesk {
+
+class VeskFrame;
+
+/**
+ * What the library asks of its host: implement it and install it with Vesk::init().
+ *
+ * Ownership: held by android::sp<>; the library keeps one reference until the process ends or
+ *            another callback is installed.
+ * Threads:   no lock of the library is held during any of these calls, so each may call back into
+ *            the library. Several may run at once on different threads.
+ * Failure:   none is reported back; do not let an exception leave an implementation.
+ *
+ * The order of the operations is part of the binary interface and never changes.
+ */
+class VESK_EXPORT VeskCallback : public android::RefBase {
+public:
+    /**
+     * A frame for one local session. Runs on the thread that called receiveFromChannel() or, for a
+     * frame looped back inside this process, on the sender's thread.
+     *
+     * @param clientId  the client that owns the session, as given to createSession().
+     * @param sessionId the session that the frame is meant for.
+     * @param local     true: looped back inside this process. false: it came from the channel.
+     * @param frame     the very frame that was routed; shared, not a copy.
+     */
+    virtual void receive(uint32_t clientId, uint32_t sessionId, bool local,
+                         std::shared_ptr<VeskFrame> const& frame) = 0;
+
+    /**
+     * One whole frame to write to the byte channel. Runs on the queue's looper thread, one call at
+     * a time and in the order in which the bytes must leave. A call that blocks holds back every
+     * other outgoing frame; one that never returns keeps the process from ending.
+     */
+    virtual void sendToChannel(std::vector<uint8_t> bytes) = 0;
+
+    /** A topic was created or removed. Runs on the thread that did it. */
+    virtual void notifyTopicChanged(bool added, std::string topicName) = 0;
+
+    /** A provider session was created or removed. Runs on the thread that did it. */
+    virtual void notifyBusinessChanged(bool added, std::string topicName,
+                                       std::string businessName) = 0;
+
+protected:
+    ~VeskCallback() override;
+};
+
+}  // namespace vesk

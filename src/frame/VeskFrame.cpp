@@ -1,0 +1,52 @@
+#include <vesk/VeskFrame.h>
+
+#include <algorithm>
+
+#include "frame/ByteOrder.h"
+
+namespace vesk {
+
+std::atomic<uint16_t> VeskFrame::SERIAL_GEN{0};
+
+std::shared_ptr<VeskFrame> VeskFrame::obtainFrame(bool const& withSerial) {
+    auto frame = std::make_shared<VeskFrame>();
+    if (withSerial) {
+        frame->serialNumber = SERIAL_GEN.fetch_add(1);
+    }
+    return frame;
+}
+
+void VeskFrame::serialze(std::vector<uint8_t>& out) const {
+    out.resize(FRAME_HEAD_SIZE + data.size());
+    out[MAGIC_INDEX] = magic;
+    putU16(&out[DATASIZE_INDEX], static_cast<uint16_t>(data.size()));
+    out[TOPICID_INDEX] = topicId;
+    out[BUSINESSID_INDEX] = businessId;
+    out[MSGTYPE_INDEX] = msgType;
+    putU16(&out[REPLY_INDEX], reply);
+    putU16(&out[SERIALNUMB_INDEX], serialNumber);
+    putU16(&out[MSGID_INDEX], msgId);
+    std::copy(data.begin(), data.end(), out.begin() + DATA_INDEX);
+}
+
+bool VeskFrame::unSerialze(std::vector<uint8_t> const& in) {
+    if (in.size() < FRAME_HEAD_SIZE) {
+        return false;
+    }
+    magic = in[MAGIC_INDEX];
+    dataSize = getU16(&in[DATASIZE_INDEX]);
+    topicId = in[TOPICID_INDEX];
+    businessId = in[BUSINESSID_INDEX];
+    msgType = in[MSGTYPE_INDEX];
+    reply = getU16(&in[REPLY_INDEX]);
+    serialNumber = getU16(&in[SERIALNUMB_INDEX]);
+    msgId = getU16(&in[MSGID_INDEX]);
+    if (in.size() > FRAME_HEAD_SIZE) {
+        // The size before the copy, as documented: readers take the length from data itself.
+        dataSize = static_cast<uint16_t>(data.size());
+        data.assign(in.begin() + DATA_INDEX, in.end());
+    }
+    return true;
+}
+
+}  // namespace vesk

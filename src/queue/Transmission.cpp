@@ -1,0 +1,102 @@
+// Handing due packets to the channel, and the history of those that await acknowledgement.
+
+#include <vesk/Vesk.h>
+
+#include <quillex/SystemClock.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "core/DebugLog.h"
+#include "queue/LooperThread.h"
+#include "queue/QueueRules.h"
+
+namespace vesk {
+
+void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
+    bool const onLooper = gLoopingQueue == this;
+    android::sp<QueuedPacket> current;
+    int budget = 0;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        current = mHead;
+        budget = mPending;
+    }
+    uint64_t const now = quillex::SystemClock::uptimeMillis();
+    while (current != nullptr) {
+        android::sp<QueuedPacket> due;
+        std::vector<uint8_t> bytes;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            due = nextDue(current, budget, now, nextTime);
+            if (due == nullptr || !recordSend(due, now, nextTime, bytes)) return;
+        }
+        VeskFrame const& frame = *due->mFrame;
+        debugLog(QUEUE_TAG, "sendToChannel:", frame.msgId, "; serial:", frame.serialNumber,
+                 ";size:", bytes.size());
+        Vesk::getInstance()->sendToChannel(std::move(bytes));
+        if (onLooper && gLoopingQueue != this) {
+            return;
+        }
+        mFeedback.sendPackets(1);
+        current = removePacket(due);
+    }
+}
+
+android::sp<VeskQueue::QueuedPacket> VeskQueue::nextDue(android::sp<QueuedPacket> const& from,
+                                                        int& budget, uint64_t now,
+                                                        unsigned long long& nextTime) const {
+    for (QueuedPacket* entry = from.get(); entry != nullptr && mRunning;
+         entry = entry->mNext.get()) {
+        // A pass ends with as many packets as were pending when it began, so that unbroken sending
+        // does not keep acknowledgements and expiries waiting; it also ends where another thread
+        // has taken its place in the chain away. Either way the next one follows at once.
+        if (budget-- <= 0 || !isChained(entry)) {
+            nextTime = 0;
+            return nullptr;
+        }
+        uint64_t const age = elapsed(now, entry->mEnqueueTime);
+        if (entry->mPriority == IMMEDIATE_PRIORITY || age >= mTimeout) {
+            return entry;
+        }
+        lowerTo(nextTime, mTimeout - age);
+    }
+    return nullptr;
+}
+
+bool VeskQueue::recordSend(android::sp<QueuedPacket>& packet, uint64_t now,
+                           unsigned long long& nextTime, std::vector<uint8_t>& bytes) {
+    if (!addToHistoryList(packet)) {
+        debugLog(QUEUE_TAG, "history is oversize");
+        mHistoryWasFull = true;
+        return false;
+    }
+    // All in one step with the record: the acknowledgement may come back from inside the callback,
+    // and replacePacket() may want the frame at any time.
+    packet->mSendTime = now;
+    packet->mFrame->serialze(bytes);
+    if (packet->mNeedRetransmission) {
+        lowerTo(nextTime, mTimeout);
+    }
+    return true;
+}
+
+bool VeskQueue::addToHistoryList(android::sp<QueuedPacket>& packet) {
+    if (packet == nullptr || !packet->mNeedRetransmission) {
+        return true;
+    }
+    auto const superseded = std::find_if(mWaitAckList.begin(), mWaitAckList.end(),
+                                         [&](android::sp<QueuedPacket> const& entry) {
+                                             return entry->mFrame->msgId == packet->mFrame->msgId;
+                                         });
+    if (superseded != mWaitAckList.end()) {
+        mWaitAckList.erase(superseded);
+    }
+    if (mWaitAckList.size() >= mMaxHistory) {
+        return false;
+    }
+    mWaitAckList.push_back(packet);
+    return true;
+}
+
+}  // namespace vesk
