@@ -1,0 +1,110 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <vesk/VeskCallback.h>
+#include <vesk/testkit/Await.h>
+
+namespace vesk::testkit {
+
+/**
+ * A host that remembers everything it is told: install it with Vesk::init().
+ *
+ * Ownership: held by android::sp<>. Delivered frames are shared with the library, not copied.
+ * Threads:   every operation may be called from any thread.
+ * Hooks:     one per operation of the callback, called after the call has been recorded, on the
+ *            calling thread and with no lock held: a hook may call the library, and this object.
+ *            What a hook refers to must live until it is replaced and its last run is over.
+ * Failure:   a wait that reaches its deadline (real time) returns false.
+ */
+class RecordingCallback : public VeskCallback {
+public:
+    using Bytes = std::vector<uint8_t>;
+
+    struct Delivery {
+        uint32_t clientId;
+        uint32_t sessionId;
+        bool local;
+        std::shared_ptr<VeskFrame> frame;
+    };
+
+    struct TopicChange {
+        bool added;
+        std::string topicName;
+    };
+
+    struct BusinessChange {
+        bool added;
+        std::string topicName;
+        std::string businessName;
+    };
+
+    using SendHook = std::function<void(Bytes const&)>;
+    using ReceiveHook = std::function<void(Delivery const&)>;
+    using TopicHook = std::function<void(TopicChange const&)>;
+    using BusinessHook = std::function<void(BusinessChange const&)>;
+
+    /** Replaces a hook; an empty function removes it. */
+    void onSend(SendHook hook);
+    void onReceive(ReceiveHook hook);
+    void onTopicChange(TopicHook hook);
+    void onBusinessChange(BusinessHook hook);
+
+    /** Copies of what was recorded since the last clear(), oldest first. */
+    std::vector<Bytes> sent() const;
+    std::vector<Delivery> deliveries() const;
+    std::vector<TopicChange> topicChanges() const;
+    std::vector<BusinessChange> businessChanges() const;
+
+    size_t sentCount() const;
+
+    /** Waits until at least `count` calls of sendToChannel() are on record. */
+    bool waitForSent(size_t count, std::chrono::milliseconds deadline = DEADLINE) const;
+
+    /** Waits until at least `count` calls of receive() are on record. */
+    bool waitForDeliveries(size_t count, std::chrono::milliseconds deadline = DEADLINE) const;
+
+    /** Waits until `condition` holds; asks for it at once and after every call recorded. */
+    bool waitUntil(std::function<bool()> const& condition,
+                   std::chrono::milliseconds deadline = DEADLINE) const;
+
+    /** Forgets what was recorded; the hooks stay. */
+    void clear();
+
+    void receive(uint32_t clientId, uint32_t sessionId, bool local,
+                 std::shared_ptr<VeskFrame> const& frame) override;
+    void sendToChannel(Bytes bytes) override;
+    void notifyTopicChanged(bool added, std::string topicName) override;
+    void notifyBusinessChanged(bool added, std::string topicName,
+                               std::string businessName) override;
+
+protected:
+    ~RecordingCallback() override = default;
+
+private:
+    template <typename Entry>
+    void record(std::vector<Entry>& list, std::function<void(Entry const&)> const& hook,
+                Entry const& entry);
+
+    std::vector<Bytes> mSent;
+    std::vector<Delivery> mDeliveries;
+    std::vector<TopicChange> mTopicChanges;
+    std::vector<BusinessChange> mBusinessChanges;
+    SendHook mSendHook;
+    ReceiveHook mReceiveHook;
+    TopicHook mTopicHook;
+    BusinessHook mBusinessHook;
+    uint64_t mCalls = 0;
+    mutable std::condition_variable mRecorded;
+    mutable std::mutex mMutex;  // guards everything above
+};
+
+}  // namespace vesk::testkit

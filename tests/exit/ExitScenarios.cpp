@@ -1,0 +1,131 @@
+// Ends its process in the way that is named on the command line. The exit status is the result: 0
+// from a process that ended cleanly, under a leak checker too.
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <string>
+#include <thread>
+
+#include <vesk/Vesk.h>
+#include <vesk/testkit/Await.h>
+#include <vesk/testkit/FarPeer.h>
+#include <vesk/testkit/RecordingCallback.h>
+
+namespace vesk {
+namespace {
+
+using testkit::eventually;
+using testkit::FarPeer;
+using testkit::RecordingCallback;
+
+std::atomic<bool> gExiting{false};
+std::atomic<bool> gSending{false};
+
+android::sp<RecordingCallback> host() {
+    android::sp<RecordingCallback> const callback = new RecordingCallback;
+    Vesk::getInstance()->init(callback);
+    return callback;
+}
+
+void enqueue(int priority, bool needAck) {
+    auto const frame = VeskFrame::obtainFrame(true);
+    frame->topicId = 2;
+    frame->businessId = 1;
+    frame->msgType = 2;
+    Vesk::getInstance()->getQueue()->enqueue(priority, needAck, frame);
+}
+
+/** Leaves something in every place that the end has to clear. */
+void fill() {
+    Vesk* const vesk = Vesk::getInstance();
+    VeskSessionManager* const sessions = vesk->getSessionManager();
+    vesk->createTopic("test", false);
+    for (int const type : {VeskSessionManager::CONSUMER, VeskSessionManager::PROVIDER}) {
+        sessions->createSession(1, type, "test", "test", false);
+    }
+    vesk->createTopic("virtualcomm", false);
+    sessions->createSession(1, VeskSessionManager::PROVIDER, "virtualcomm", "cell0", false);
+    vesk->removeTopic("virtualcomm");  // its session keeps it
+    FarPeer().send(FarPeer::Frame{2, 1, 2, 0, 1, 1, {}});
+    for (int i = 0; i < 3; ++i)
+        enqueue(2, true);
+    enqueue(1, true);
+}
+
+[[noreturn]] void waitForTheEnd() {
+    for (;;)
+        pause();
+}
+
+void sendWithoutCallback() {
+    fill();
+    eventually([] { return Vesk::getInstance()->getQueue()->awaitingAck() == 1; });
+}
+
+void endIdle() {
+    auto const callback = host();
+    fill();
+    callback->waitForSent(1);
+    eventually([] { return Vesk::getInstance()->getQueue()->idle(); });
+}
+
+void endMidSend() {
+    host()->onSend([](auto const&) {
+        gSending = true;
+        eventually([] { return gExiting.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // ends after the exit began
+        enqueue(1, true);
+    });
+    // Registered after the instance was made, so it runs before the instance ends.
+    std::atexit([] { gExiting = true; });
+    fill();
+    eventually([] { return gSending.load(); });
+}
+
+void exitInSend(bool filled) {
+    host()->onSend([](auto const&) { std::exit(0); });
+    if (filled) fill();
+    enqueue(1, true);
+    waitForTheEnd();
+}
+
+void exitInReceive() {
+    auto const callback = host();
+    callback->onReceive([](auto const&) { std::exit(0); });
+    fill();
+}
+
+std::map<std::string, std::function<void()>> const SCENARIOS{
+        {"unused",
+         [] {
+             if (VeskFrame::obtainFrame(true)->serialNumber != 0) std::exit(1);
+         }},
+        {"no-callback", sendWithoutCallback},
+        {"idle", endIdle},
+        {"mid-send", endMidSend},
+        {"exit-in-send", [] { exitInSend(true); }},
+        {"exit-in-send-bare", [] { exitInSend(false); }},
+        {"exit-in-receive", exitInReceive},
+};
+
+}  // namespace
+}  // namespace vesk
+
+int main(int argc, char** argv) {
+    auto const scenario = vesk::SCENARIOS.find(argc == 2 ? argv[1] : "");
+    if (scenario == vesk::SCENARIOS.end()) {
+        std::fprintf(stderr, "usage: vesk_exit SCENARIO, which is one of:");
+        for (auto const& known : vesk::SCENARIOS)
+            std::fprintf(stderr, " %s", known.first.c_str());
+        std::fprintf(stderr, "\n");
+        return 2;
+    }
+    scenario->second();
+    return 0;
+}

@@ -1,0 +1,68 @@
+#include "support/VeskTest.h"
+
+#include <thread>
+
+namespace vesk {
+namespace {
+
+/** Queues that do not live as long as the process. */
+class StopTest : public VeskTest {
+protected:
+    std::shared_ptr<VeskQueue> own = std::make_shared<VeskQueue>();
+};
+
+TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
+    own->stop();
+    own->stop();
+    log.clear();
+    own->enqueue(1, true, frame(5));
+    EXPECT_EQ(log.messages("VeskQueue"),
+              (Strings{"enqueue:5; priority:1", "enqueuing packet:5",
+                       "sending a packet to died queue", "enqueue fail."}));
+    EXPECT_TRUE(own->empty());
+    EXPECT_EQ(own->dequeuePacket(), Packet());
+    EXPECT_EQ(callback->sentCount(), 0U);
+}
+
+TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
+    Gate gate(*callback);
+    own->enqueue(1, true, frame(1));
+    own->enqueue(1, true, frame(2));
+    ASSERT_TRUE(gate.reached());
+    std::thread stopper([&] {
+        own->stop();
+        EXPECT_TRUE(gate.passed());
+    });
+    Packet late = packet(9, 3);
+    EXPECT_TRUE(eventually([&] {  // refused: it is stopping
+        std::lock_guard<std::mutex> const lock(own->mutex());
+        return !own->enqueuePacket(late) && !log.lines().empty() &&
+               log.lines().back().message == "sending a packet to died queue";
+    }));
+    gate.open();
+    stopper.join();
+    EXPECT_EQ(left(), std::vector<int>{1});
+}
+
+TEST_F(StopTest, QueueMayStopOrEndInsideItsOwnSend) {
+    for (bool const destroyed : {false, true}) {
+        SCOPED_TRACE(destroyed);
+        std::atomic<bool> ended{false};
+        auto mine = std::make_shared<VeskQueue>();
+        auto const waiting = frame(2);
+        callback->onSend([&](auto const&) {
+            mine->enqueue(1, true, waiting);
+            mine->stop();
+            if (destroyed) mine.reset();
+            ended = true;
+        });
+        mine->enqueue(1, true, frame(1));
+        ASSERT_TRUE(eventually([&] { return ended.load(); }));
+        mine.reset();
+        EXPECT_TRUE(eventually([&] { return waiting.use_count() == 1; }));
+    }
+    EXPECT_EQ(left(), (std::vector<int>{1, 1}));
+}
+
+}  // namespace
+}  // namespace vesk

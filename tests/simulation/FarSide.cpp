@@ -1,0 +1,69 @@
+#include "FarSide.h"
+
+#include <cstddef>
+
+namespace vesk::simulation {
+
+using testkit::FarPeer;
+
+namespace {
+
+constexpr size_t HEADER = 12;
+
+/** Whether the bytes may begin a frame of this system. */
+bool plausible(Bytes const& bytes) {
+    bool const ack = bytes[3] == 0xAA && bytes[4] == 0xAA && bytes[5] == 1;
+    bool const data =
+            (bytes[3] == 1 && bytes[4] >= 1 && bytes[4] <= 13) || (bytes[3] == 2 && bytes[4] == 1);
+    return bytes[0] == 'U' && (ack || (data && (bytes[5] == 2 || bytes[5] == 3)));
+}
+
+}  // namespace
+
+std::vector<FarSide::Frame> FarSide::read(uint64_t now, Bytes const& chunk) {
+    mStream.insert(mStream.end(), chunk.begin(), chunk.end());
+    std::vector<Frame> frames;
+    size_t at = 0;
+    while (mStream.size() - at >= HEADER) {
+        Bytes const rest(mStream.begin() + static_cast<ptrdiff_t>(at), mStream.end());
+        if (!plausible(rest)) {
+            ++at;
+            continue;
+        }
+        size_t const size = HEADER + rest[1] + rest[2] * size_t{256};
+        if (rest.size() < size) break;
+        frames.push_back(
+                FarPeer::decode({rest.begin(), rest.begin() + static_cast<ptrdiff_t>(size)}));
+        at += size;
+        if (!FarPeer::isAck(frames.back()) && !mRandom.chance(100)) {
+            mPlans.emplace(now + mRandom.below(700), Plan{now, frames.back().serialNumber});
+        }
+    }
+    mStream.erase(mStream.begin(), mStream.begin() + static_cast<ptrdiff_t>(at));
+    return frames;
+}
+
+std::vector<Bytes> FarSide::dueAcks(uint64_t now) {
+    std::vector<Bytes> writes;
+    std::vector<FarPeer::Ack> batch;
+    auto const end = mPlans.upper_bound(now);
+    for (auto plan = mPlans.begin(); plan != end; ++plan) {
+        auto const hold = static_cast<uint16_t>(now - plan->second.received);
+        batch.push_back({hold, plan->second.serialNumber});
+        if (batch.size() < 5 && !mRandom.chance(300)) continue;
+        writes.push_back(FarPeer::encode(FarPeer::ackFrame(batch)));
+        batch.clear();
+    }
+    if (!batch.empty()) {
+        writes.push_back(FarPeer::encode(FarPeer::ackFrame(batch)));
+    }
+    mPlans.erase(mPlans.begin(), end);
+    return writes;
+}
+
+void FarSide::reset() {
+    mStream.clear();
+    mPlans.clear();
+}
+
+}  // namespace vesk::simulation

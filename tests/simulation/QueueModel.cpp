@@ -1,0 +1,196 @@
+#include "QueueModel.h"
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <utility>
+
+#include <vesk/VeskFrame.h>
+#include <vesk/VeskQueue.h>
+#include <vesk/testkit/FarPeer.h>
+
+namespace vesk::simulation {
+
+namespace {
+
+constexpr uint64_t HOLD_MS = 2000, EXPIRY_MS = 2000, ACK_AGE_MS = 500;
+constexpr size_t ACK_COUNT = 5;
+
+Bytes wireBytes(VeskFrame const& frame) {
+    return testkit::FarPeer::encode({frame.topicId, frame.businessId, frame.msgType, frame.reply,
+                                     frame.serialNumber, frame.msgId, frame.data});
+}
+
+bool sameMessage(VeskFrame const& a, VeskFrame const& b) {
+    return std::tie(a.topicId, a.businessId, a.msgId, a.msgType, a.reply) ==
+           std::tie(b.topicId, b.businessId, b.msgId, b.msgType, b.reply);
+}
+
+}  // namespace
+
+void QueueModel::admit(uint64_t now, int priority, bool needsAck,
+                       std::shared_ptr<VeskFrame> frame) {
+    if (mPending.size() + mInWrite >= BOUND) {
+        ++mCounters.refused;
+        return;
+    }
+    // A copy: the library may change the original's data, and must do so as replace() does here.
+    insert({priority, now, needsAck, std::make_shared<VeskFrame>(*frame)});
+}
+
+void QueueModel::insert(Packet packet) {
+    auto const behind = std::find_if(mPending.begin(), mPending.end(), [&](Packet const& other) {
+        return other.priority > packet.priority;
+    });
+    mPending.insert(behind, std::move(packet));
+    mCounters.maxPending = std::max<uint64_t>(mCounters.maxPending, mPending.size() + mInWrite);
+}
+
+bool QueueModel::replace(VeskFrame const& with) {
+    for (Packet& packet : mPending) {
+        if (!sameMessage(*packet.frame, with)) continue;
+        packet.frame->data = with.data;
+        return true;
+    }
+    return false;
+}
+
+void QueueModel::owe(uint64_t now, uint16_t serialNumber) {
+    ++mReceived;
+    mOwed.push_back({now, serialNumber});
+}
+
+void QueueModel::acknowledge(uint64_t now,
+                             std::vector<std::pair<uint16_t, uint16_t>> const& holdAndSerial) {
+    for (auto const& [hold, serialNumber] : holdAndSerial) {
+        auto const sent = std::find_if(
+                mHistory.begin(), mHistory.end(),
+                [serial = serialNumber](Sent const& s) { return s.serialNumber == serial; });
+        if (sent == mHistory.end()) continue;
+        measured(static_cast<uint32_t>(now - sent->time - hold));
+        mHistory.erase(sent);
+        ++mCounters.acknowledged;
+    }
+}
+
+void QueueModel::cleanup() {
+    mCounters.cleared += mHistory.size();
+    mPending.clear();
+    mHistory.clear();
+    mOwed.clear();
+    mSent = mReceived = mDelay = mSlow = 0;
+}
+
+void QueueModel::measured(uint32_t delay) {
+    mDelay = delay;
+    mSlow = delay > 1500 ? mSlow + 1 : 0;
+}
+
+void QueueModel::pass(uint64_t now) {
+    batchAcks(now);
+    expire(now);
+    for (auto next = mPending.begin(); next != mPending.end();) {
+        auto const packet = next++;
+        if (packet->priority != 1 && now - packet->admitted < HOLD_MS) continue;
+        if (packet->needsAck && !record(now, *packet)) {
+            mLastStall = now;
+            return;
+        }
+        if (packet->priority != 1 && mLastStall <= packet->admitted) {
+            mCounters.latestHeld = std::max(mCounters.latestHeld, now - packet->admitted);
+        }
+        Write write{wireBytes(*packet->frame), packet->needsAck && mRandom.chance(50)};
+        if (write.ackInside) {
+            acknowledge(now, {{0, packet->frame->serialNumber}});
+        }
+        mExpected.push_back(std::move(write));
+        ++mSent;
+        mPending.erase(packet);
+    }
+}
+
+void QueueModel::batchAcks(uint64_t now) {
+    if (mOwed.empty() || (mOwed.size() < ACK_COUNT && now - mOwed.front().time < ACK_AGE_MS)) {
+        return;
+    }
+    if (mOwed.size() <= BOUND) {
+        auto ack = std::make_shared<VeskFrame>();
+        ack->topicId = ack->businessId = 0xAA;
+        ack->msgType = 1;
+        ack->msgId = 0xAA;
+        ack->reply = static_cast<uint16_t>(mOwed.size());
+        for (Owed const& owed : mOwed) {
+            for (uint64_t value : {now - owed.time, uint64_t{owed.serialNumber}}) {
+                ack->data.push_back(static_cast<uint8_t>(value & 0xFF));
+                ack->data.push_back(static_cast<uint8_t>(value >> 8 & 0xFF));
+            }
+        }
+        insert({1, now, false, std::move(ack)});
+    }
+    mOwed.clear();
+}
+
+void QueueModel::expire(uint64_t now) {
+    for (auto sent = mHistory.begin(); sent != mHistory.end();) {
+        if (now - sent->time < EXPIRY_MS) {
+            ++sent;
+            continue;
+        }
+        measured(60000);
+        sent = mHistory.erase(sent);
+        ++mCounters.timedOut;
+    }
+}
+
+bool QueueModel::record(uint64_t now, Packet const& packet) {
+    VeskFrame const& frame = *packet.frame;
+    auto const older = std::find_if(mHistory.begin(), mHistory.end(),
+                                    [&](Sent const& s) { return s.msgId == frame.msgId; });
+    if (older != mHistory.end()) {
+        mHistory.erase(older);
+        ++mCounters.superseded;
+    }
+    if (mHistory.size() >= BOUND) {
+        return false;
+    }
+    mHistory.push_back({now, frame.serialNumber, frame.msgId});
+    ++mCounters.sentWithAck;
+    mCounters.maxAwaiting = std::max<uint64_t>(mCounters.maxAwaiting, mHistory.size());
+    return true;
+}
+
+bool QueueModel::takeExpected(Write& write) {
+    if (mExpected.empty()) {
+        return false;
+    }
+    write = std::move(mExpected.front());
+    mExpected.pop_front();
+    return true;
+}
+
+std::string QueueModel::compare(VeskQueue const& queue) const {
+    struct Row {
+        char const* name;
+        uint64_t expected, found;
+    };
+    VeskFeedback const& feedback = queue.feedback();
+    std::ostringstream differences;
+    for (Row const& row :
+         {Row{"pending", mPending.size(), static_cast<uint64_t>(queue.size())},
+          Row{"awaiting", mHistory.size(), queue.awaitingAck()},
+          Row{"owed", mOwed.size(), queue.owedAcks()}, Row{"sent", mSent, feedback.sentPackets()},
+          Row{"received", mReceived, feedback.receivedPackets()},
+          Row{"delay", mDelay, feedback.delay()}, Row{"slow", mSlow, feedback.slowCount()}}) {
+        if (row.expected == row.found) continue;
+        differences << row.name << " is " << row.found << " instead of " << row.expected << "; ";
+    }
+    return differences.str();
+}
+
+std::string QueueModel::balance() const {
+    Counters const& c = mCounters;
+    uint64_t const left = c.acknowledged + c.timedOut + c.superseded + c.cleared + mHistory.size();
+    return left == c.sentWithAck ? "" : "packets left the history twice or never";
+}
+
+}  // namespace vesk::simulation

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <memory>
+#include <vector>
+
+#include "Link.h"
+
+namespace vesk {
+class VeskFrame;
+class VeskQueue;
+}  // namespace vesk
+
+namespace vesk::simulation {
+
+/**
+ * What the queue has to do, without threads, locks or waiting: told of every event, it says which
+ * bytes leave next and what the numbers are then. Bounds and times are written down a second time.
+ */
+class QueueModel {
+public:
+    static constexpr size_t BOUND = 1000;
+
+    /** One write that is due; the far side acknowledges it from inside the write where it says so.
+     */
+    struct Write {
+        Bytes bytes;
+        bool ackInside = false;
+    };
+
+    struct Counters {
+        uint64_t acknowledged = 0, timedOut = 0, superseded = 0, cleared = 0;
+        uint64_t sentWithAck = 0, refused = 0, maxPending = 0, maxAwaiting = 0, latestHeld = 0;
+    };
+
+    explicit QueueModel(Random& random) : mRandom(random) {}
+
+    void admit(uint64_t now, int priority, bool needsAck, std::shared_ptr<VeskFrame> frame);
+    bool replace(VeskFrame const& with);
+    void owe(uint64_t now, uint16_t serialNumber);
+    void acknowledge(uint64_t now, std::vector<std::pair<uint16_t, uint16_t>> const& holdAndSerial);
+    void cleanup();
+
+    /** One pass, as far as it gets: whatever is due now goes to the expected writes. */
+    void pass(uint64_t now);
+
+    /** While the host's write blocks, the packet in it is still pending. */
+    void blockWrites(bool blocked) { mInWrite = blocked ? 1 : 0; }
+
+    /** The next write that must come; null when none is due. */
+    bool takeExpected(Write& write);
+    bool expectsWrites() const { return !mExpected.empty(); }
+
+    /** Empty when the queue agrees in every number; else what differs. Only between passes. */
+    std::string compare(VeskQueue const& queue) const;
+
+    /** Empty when each packet that left the history did so for one reason. */
+    std::string balance() const;
+
+    bool empty() const { return mPending.empty() && mHistory.empty() && mOwed.empty(); }
+    size_t pending() const { return mPending.size(); }
+    size_t awaiting() const { return mHistory.size(); }
+    Counters const& counters() const { return mCounters; }
+
+private:
+    struct Packet {
+        int priority;
+        uint64_t admitted;
+        bool needsAck;
+        std::shared_ptr<VeskFrame> frame;
+    };
+    struct Sent {
+        uint64_t time;
+        uint16_t serialNumber, msgId;
+    };
+    struct Owed {
+        uint64_t time;
+        uint16_t serialNumber;
+    };
+
+    void insert(Packet packet);
+    void expire(uint64_t now);
+    void batchAcks(uint64_t now);
+    bool record(uint64_t now, Packet const& packet);
+    void measured(uint32_t delay);
+
+    Random& mRandom;
+    std::list<Packet> mPending;
+    std::list<Sent> mHistory;
+    std::vector<Owed> mOwed;
+    std::deque<Write> mExpected;
+    Counters mCounters;
+    size_t mInWrite = 0;
+    uint64_t mLastStall = 0;  // when the history was last full
+    uint32_t mSent = 0, mReceived = 0, mDelay = 0, mSlow = 0;
+};
+
+}  // namespace vesk::simulation

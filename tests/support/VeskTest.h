@@ -1,0 +1,127 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <vesk/Vesk.h>
+#include <vesk/testkit/Await.h>
+#include <vesk/testkit/CapturedLog.h>
+#include <vesk/testkit/FarPeer.h>
+#include <vesk/testkit/RecordingCallback.h>
+#include <vesk/testkit/ShiftedClock.h>
+
+namespace vesk {
+
+using testkit::CapturedLog;
+using testkit::eventually;
+using testkit::FarPeer;
+using testkit::RecordingCallback;
+using testkit::ShiftedClock;
+
+using Packet = android::sp<VeskQueue::QueuedPacket>;
+using Strings = std::vector<std::string>;
+using Ids = std::vector<uint16_t>;
+
+/**
+ * A host with a fresh callback, a captured log and a clock that stands still. Clients 1 to 9 and
+ * both topics are gone after each test, so the tests may share one process.
+ */
+class VeskTest : public testing::Test {
+protected:
+    VeskTest() {
+        vesk->init(callback);
+        clock.settle();
+        log.clear();
+    }
+
+    void TearDown() override {
+        callback->onSend(nullptr);
+        callback->onReceive(nullptr);
+        for (uint32_t client = 1; client <= 9; ++client)
+            sessions->removeSessionByClient(client);
+        vesk->removeTopic("test");
+        vesk->removeTopic("virtualcomm");
+        vesk->onChannelAvailable(false);
+        clock.settle();
+    }
+
+    /** A frame of topic "test", business "test". */
+    static std::shared_ptr<VeskFrame> frame(uint16_t msgId, uint8_t type = 2, uint16_t reply = 0) {
+        auto const frame = VeskFrame::obtainFrame(false);
+        frame->topicId = 2;
+        frame->businessId = 1;
+        frame->msgType = type;
+        frame->reply = reply;
+        frame->msgId = msgId;
+        frame->serialNumber = msgId;
+        return frame;
+    }
+
+    static FarPeer::Frame request(uint16_t serialNumber) {
+        return {2, 1, 2, 0, serialNumber, serialNumber, {}};
+    }
+
+    static Packet packet(int priority, uint16_t msgId, bool needAck = false) {
+        return new VeskQueue::QueuedPacket(priority, needAck, frame(msgId));
+    }
+
+    int join(int client, int type) {
+        return sessions->createSession(client, type, "test", "test", false);
+    }
+
+    std::vector<FarPeer::Frame> wire(bool acks) const {
+        std::vector<FarPeer::Frame> frames;
+        for (auto const& bytes : callback->sent()) {
+            FarPeer::Frame const frame = FarPeer::decode(bytes);
+            if (FarPeer::isAck(frame) == acks) frames.push_back(frame);
+        }
+        return frames;
+    }
+
+    /** The msgIds of the data frames that have left, in the order of leaving. */
+    std::vector<int> left() const {
+        std::vector<int> ids;
+        for (auto const& frame : wire(false))
+            ids.push_back(frame.msgId);
+        return ids;
+    }
+
+    std::vector<FarPeer::Frame> acksLeft() const { return wire(true); }
+
+    CapturedLog log;
+    ShiftedClock clock;
+    Vesk* vesk = Vesk::getInstance();
+    VeskSessionManager* sessions = vesk->getSessionManager();
+    std::shared_ptr<VeskQueue> queue = vesk->getQueue();
+    android::sp<RecordingCallback> callback = new RecordingCallback;
+    FarPeer peer;
+};
+
+/** Holds the looper inside sendToChannel() until it is opened. */
+class Gate {
+public:
+    explicit Gate(RecordingCallback& callback) {
+        callback.onSend([this](RecordingCallback::Bytes const&) {
+            mReached = true;
+            eventually([this] { return mOpen.load(); });
+            mPassed = true;
+        });
+    }
+
+    bool reached() const {
+        return eventually([this] { return mReached.load(); });
+    }
+    bool passed() const { return mPassed; }
+    void open() { mOpen = true; }
+
+private:
+    std::atomic<bool> mReached{false};
+    std::atomic<bool> mOpen{false};
+    std::atomic<bool> mPassed{false};
+};
+
+}  // namespace vesk
