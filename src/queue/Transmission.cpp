@@ -40,6 +40,8 @@ void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
         }
         mFeedback.sendPackets(1);
         current = removePacket(due);
+        // Taken out meanwhile by someone else, it cannot tell what followed it: look again.
+        if (current == nullptr && !empty()) nextTime = 0;
     }
 }
 

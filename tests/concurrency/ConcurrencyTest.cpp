@@ -72,7 +72,7 @@ TEST_F(ConcurrencyTest, EverythingAtOnceLeavesAQueueThatWorks) {
                     join(client, VeskSessionManager::PROVIDER);
                 int const consumer = join(1, VeskSessionManager::CONSUMER);
                 sessions->removeSession(static_cast<uint16_t>(consumer));
-                for (uint32_t client : {1, 2})
+                for (uint32_t client : {1U, 2U})
                     sessions->removeSessionByClient(client);
                 vesk->removeTopic("test");
             },

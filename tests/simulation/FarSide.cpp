@@ -11,7 +11,7 @@ namespace {
 constexpr size_t HEADER = 12;
 
 /** Whether the bytes may begin a frame of this system. */
-bool plausible(Bytes const& bytes) {
+bool plausible(uint8_t const* bytes) {
     bool const ack = bytes[3] == 0xAA && bytes[4] == 0xAA && bytes[5] == 1;
     bool const data =
             (bytes[3] == 1 && bytes[4] >= 1 && bytes[4] <= 13) || (bytes[3] == 2 && bytes[4] == 1);
@@ -25,17 +25,16 @@ std::vector<FarSide::Frame> FarSide::read(uint64_t now, Bytes const& chunk) {
     std::vector<Frame> frames;
     size_t at = 0;
     while (mStream.size() - at >= HEADER) {
-        Bytes const rest(mStream.begin() + static_cast<ptrdiff_t>(at), mStream.end());
+        uint8_t const* const rest = &mStream[at];
         if (!plausible(rest)) {
             ++at;
             continue;
         }
         size_t const size = HEADER + rest[1] + rest[2] * size_t{256};
-        if (rest.size() < size) break;
-        frames.push_back(
-                FarPeer::decode({rest.begin(), rest.begin() + static_cast<ptrdiff_t>(size)}));
+        if (mStream.size() - at < size) break;
+        frames.push_back(FarPeer::decode({rest, rest + size}));
         at += size;
-        if (!FarPeer::isAck(frames.back()) && !mRandom.chance(100)) {
+        if (!FarPeer::isAck(frames.back()) && !mRandom.chance(mForgets)) {
             mPlans.emplace(now + mRandom.below(700), Plan{now, frames.back().serialNumber});
         }
     }

@@ -25,6 +25,9 @@ public:
 
     void reset();
 
+    /** From now on every frame is acknowledged. */
+    void forgetNothing() { mForgets = 0; }
+
 private:
     struct Plan {
         uint64_t received;
@@ -32,6 +35,7 @@ private:
     };
 
     Random& mRandom;
+    unsigned mForgets = 100;  // thousandths of the frames
     Bytes mStream;
     std::multimap<uint64_t, Plan> mPlans;  // by the time of sending
 };

@@ -2,8 +2,7 @@
 
 #include <algorithm>
 #include <sstream>
-#include <string>
-#include <utility>
+#include <tuple>
 
 #include <vesk/VeskFrame.h>
 #include <vesk/VeskQueue.h>
@@ -99,11 +98,10 @@ void QueueModel::pass(uint64_t now) {
         if (packet->priority != 1 && mLastStall <= packet->admitted) {
             mCounters.latestHeld = std::max(mCounters.latestHeld, now - packet->admitted);
         }
-        Write write{wireBytes(*packet->frame), packet->needsAck && mRandom.chance(50)};
-        if (write.ackInside) {
+        mWrites.push_back(wireBytes(*packet->frame));
+        if (ackedInside(mWrites.back())) {
             acknowledge(now, {{0, packet->frame->serialNumber}});
         }
-        mExpected.push_back(std::move(write));
         ++mSent;
         mPending.erase(packet);
     }
@@ -159,13 +157,18 @@ bool QueueModel::record(uint64_t now, Packet const& packet) {
     return true;
 }
 
-bool QueueModel::takeExpected(Write& write) {
-    if (mExpected.empty()) {
-        return false;
+bool QueueModel::ackedInside(Bytes const& write) {
+    return write[5] != 1 && write.size() > 12 && write[12] % 20 == 0;
+}
+
+uint64_t QueueModel::nextDeadline() const {
+    uint64_t deadline = UINT64_MAX;
+    for (Packet const& packet : mPending) {
+        if (packet.priority != 1) deadline = std::min(deadline, packet.admitted + HOLD_MS);
     }
-    write = std::move(mExpected.front());
-    mExpected.pop_front();
-    return true;
+    if (!mHistory.empty()) deadline = std::min(deadline, mHistory.front().time + EXPIRY_MS);
+    if (!mOwed.empty()) deadline = std::min(deadline, mOwed.front().time + ACK_AGE_MS);
+    return deadline;
 }
 
 std::string QueueModel::compare(VeskQueue const& queue) const {

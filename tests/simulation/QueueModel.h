@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "Link.h"
@@ -35,8 +36,6 @@ public:
         uint64_t sentWithAck = 0, refused = 0, maxPending = 0, maxAwaiting = 0, latestHeld = 0;
     };
 
-    explicit QueueModel(Random& random) : mRandom(random) {}
-
     void admit(uint64_t now, int priority, bool needsAck, std::shared_ptr<VeskFrame> frame);
     bool replace(VeskFrame const& with);
     void owe(uint64_t now, uint16_t serialNumber);
@@ -49,15 +48,21 @@ public:
     /** While the host's write blocks, the packet in it is still pending. */
     void blockWrites(bool blocked) { mInWrite = blocked ? 1 : 0; }
 
-    /** The next write that must come; null when none is due. */
-    bool takeExpected(Write& write);
-    bool expectsWrites() const { return !mExpected.empty(); }
+    /** The writes that were due, in order, since the last call. */
+    std::vector<Bytes> takeWrites() { return std::exchange(mWrites, {}); }
+    bool expectsWrites() const { return !mWrites.empty(); }
+
+    /** Some frames are acknowledged from inside the write; their bytes say which. */
+    static bool ackedInside(Bytes const& write);
 
     /** Empty when the queue agrees in every number; else what differs. Only between passes. */
     std::string compare(VeskQueue const& queue) const;
 
     /** Empty when each packet that left the history did so for one reason. */
     std::string balance() const;
+
+    /** When the next packet or acknowledgement falls due; the largest number where none does. */
+    uint64_t nextDeadline() const;
 
     bool empty() const { return mPending.empty() && mHistory.empty() && mOwed.empty(); }
     size_t pending() const { return mPending.size(); }
@@ -86,11 +91,10 @@ private:
     bool record(uint64_t now, Packet const& packet);
     void measured(uint32_t delay);
 
-    Random& mRandom;
     std::list<Packet> mPending;
     std::list<Sent> mHistory;
     std::vector<Owed> mOwed;
-    std::deque<Write> mExpected;
+    std::vector<Bytes> mWrites;
     Counters mCounters;
     size_t mInWrite = 0;
     uint64_t mLastStall = 0;  // when the history was last full

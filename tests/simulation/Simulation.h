@@ -45,6 +45,10 @@ public:
 
 private:
     class Host;
+    using Receivers = std::vector<RoutingModel::SessionPtr>;
+
+    static constexpr uint32_t CLIENTS = 5;
+    static constexpr char const* TOPICS[] = {"virtualcomm", "test"};
 
     // Time and the link
     void step();
@@ -53,6 +57,7 @@ private:
     void exchange();
     void setLink(bool up);
     void arrive(Bytes const& bytes);
+    void receive(Bytes const& bytes);
     void settle();
     void finish();
 
@@ -68,18 +73,20 @@ private:
     void burst();
     void answer(RoutingModel::Session const& session, VeskFrame const& request);
     void submit(int priority, bool needsAck, std::shared_ptr<VeskFrame> const& frame);
-    void publish(RoutingModel::Session const& session, VeskSession& live, bool local,
+    void publish(RoutingModel::Session const& session, bool local,
                  std::shared_ptr<VeskFrame> const& frame);
+    Bytes farFrame();
+    std::shared_ptr<VeskFrame> newTracked(bool withSerial);
     std::shared_ptr<VeskFrame> newFrame(uint8_t topicId, uint8_t business, uint8_t type);
     Bytes newPayload();
 
     // What the library does
-    void onWrite(Bytes const& bytes);
+    void onWrite(Bytes bytes);
     void onDelivery(uint32_t client, uint32_t session, bool local,
                     std::shared_ptr<VeskFrame> const& frame);
-    void expectDelivery(std::vector<RoutingModel::SessionPtr> receivers, bool local);
+    void expectDelivery(Receivers receivers, bool local);
     void checkDelivered();
-    void fail(std::string const& what);
+    [[noreturn]] void fail(std::string const& what) const;
 
     Random mRandom;
     testkit::ShiftedClock mClock;
@@ -88,6 +95,7 @@ private:
     uint64_t mStart;
     bool mLossless;
     bool mUp = true;
+    bool mHolding = false;  // the looper is held inside a write
     uint64_t mUpAgain = 0;
     Link mOut, mIn;
     FarSide mFar;
@@ -98,15 +106,15 @@ private:
     std::deque<Bytes> mOutSent, mInSent;  // on a lossless link: what must arrive, in order
     std::vector<std::weak_ptr<VeskFrame>> mFrames;
 
-    std::vector<RoutingModel::SessionPtr> mReceivers;  // of the delivery that is under way
+    Receivers mReceivers;  // of the delivery that is under way
     bool mDelivered = true, mDeliveredLocal = false;
 
-    std::mutex mMutex;  // the looper writes while this thread may be inside receive()
+    std::mutex mMutex;  // guards the three below, which the looper changes
     std::condition_variable mGate;
     bool mGateShut = false, mBlocked = false;
-    QueueModel mModel;
     std::vector<Bytes> mWritten;
-    std::string mFailure;
+
+    QueueModel mModel;
 };
 
 }  // namespace vesk::simulation
