@@ -1,0 +1,220 @@
+#include "CallCommand.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <deque>
+#include <unordered_map>
+#include <vector>
+
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "CallReport.h"
+#include "Endpoint.h"
+#include "Errors.h"
+#include "HostClient.h"
+#include "PayloadSource.h"
+
+namespace vesk::tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/**
+ * One consumer: keeps up to `window` requests outstanding until all are answered or given up.
+ *
+ * A msgId that was given up is not used again until its late reply has come, so that no late reply
+ * is ever taken for a newer request's.
+ */
+class Caller {
+public:
+    Caller(asio::io_context& io, CallOptions const& options);
+    int run();
+
+private:
+    enum class IdState : uint8_t { FREE, OUTSTANDING, GIVEN_UP };
+    struct Request {
+        Clock::time_point sent;
+        Bytes payload;  // kept for verification only
+    };
+
+    void sendMore();
+    void sendOne();
+    uint16_t takeMsgId();
+    void received(Message const& message);
+    void accept(DataMessage const& reply, Request const& request);
+    void expire();
+    void watchTimeout();
+    void finishWhenDone();
+    void reportProgress();
+    int conclude();
+
+    asio::io_context& mIo;
+    CallOptions const& mOptions;
+    PayloadSource mPayloads;
+    HostClient mHost;
+    asio::steady_timer mTimer;
+    uint16_t mSession = 0;
+    uint16_t mNextMsgId;
+    std::array<IdState, 65536> mIds{};
+    std::unordered_map<uint16_t, Request> mOutstanding;
+    std::deque<std::pair<uint16_t, Clock::time_point>> mDeadlines;  // in the order of sending
+    std::vector<uint32_t> mLatencies;                               // in microseconds
+    CallReport mReport;
+    Clock::time_point mNextProgress = Clock::now();
+    Clock::time_point const mStart = Clock::now();
+    bool mFailed = false;
+};
+
+Caller::Caller(asio::io_context& io, CallOptions const& options)
+    : mIo(io),
+      mOptions(options),
+      mPayloads(options),
+      mHost(io, parseUnixPath("--host", options.host)),
+      mTimer(io),
+      mNextMsgId(mPayloads.firstMsgId()) {}
+
+int Caller::run() {
+    mSession = mHost.join(HostClient::CONSUMER, BusinessName::parse(mOptions.business));
+    mHost.start([this](Message const& message) { received(message); },
+                [this](std::string const& reason) {
+                    say(reason);
+                    mFailed = true;
+                    mIo.stop();
+                });
+    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    signals.async_wait([this](asio::error_code const& error, int) {
+        if (error) return;
+        mFailed = true;
+        mIo.stop();
+    });
+    sendMore();
+    mIo.run();
+    return conclude();
+}
+
+void Caller::sendMore() {
+    while (mReport.requests < mOptions.count && mOutstanding.size() < mOptions.window)
+        sendOne();
+    finishWhenDone();
+}
+
+void Caller::sendOne() {
+    uint16_t const msgId = takeMsgId();
+    Bytes payload = mPayloads.next();
+    mHost.send(DataMessage::encode(MessageType::REQUEST, mSession, msgId, payload));
+    auto const now = Clock::now();
+    if (!mOptions.verify) payload.clear();
+    mOutstanding[msgId] = Request{now, std::move(payload)};
+    mDeadlines.emplace_back(msgId, now + std::chrono::milliseconds(mOptions.timeoutMillis));
+    ++mReport.requests;
+    if (mDeadlines.size() == 1) watchTimeout();
+}
+
+uint16_t Caller::takeMsgId() {
+    for (size_t tried = 0; tried < mIds.size(); ++tried) {
+        uint16_t const msgId = mNextMsgId++;
+        if (mIds[msgId] != IdState::FREE) continue;
+        mIds[msgId] = IdState::OUTSTANDING;
+        return msgId;
+    }
+    throw std::runtime_error("no message id is left: too many requests got no reply");
+}
+
+void Caller::received(Message const& message) {
+    std::optional<DataMessage> const reply = DataMessage::decode(message.body);
+    if (message.type != MessageType::REPLY || !reply) return;
+    IdState const state = mIds[reply->msgId];
+    mIds[reply->msgId] = IdState::FREE;
+    if (state != IdState::OUTSTANDING) return;  // too late, or never asked for
+    auto const found = mOutstanding.find(reply->msgId);
+    accept(*reply, found->second);
+    mOutstanding.erase(found);
+    sendMore();
+}
+
+void Caller::accept(DataMessage const& reply, Request const& request) {
+    auto const latency = Clock::now() - request.sent;
+    mLatencies.push_back(static_cast<uint32_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(latency).count()));
+    ++mReport.replies;
+    if (mOptions.verify && reply.payload != request.payload) ++mReport.wrong;
+    if (mOptions.report) return reportProgress();
+    std::fwrite(reply.payload.data(), 1, reply.payload.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+// All requests have the same time, so the oldest is the first to run out of it.
+void Caller::watchTimeout() {
+    mTimer.expires_at(mDeadlines.front().second);
+    mTimer.async_wait([this](asio::error_code const& error) {
+        if (!error) expire();
+    });
+}
+
+void Caller::expire() {
+    while (!mDeadlines.empty()) {
+        auto const [msgId, deadline] = mDeadlines.front();
+        auto const found = mOutstanding.find(msgId);
+        // The id may be in use again by a request that is younger than this deadline.
+        auto const timeout = std::chrono::milliseconds(mOptions.timeoutMillis);
+        bool const waits = found != mOutstanding.end() && found->second.sent + timeout == deadline;
+        if (waits && deadline > Clock::now()) break;
+        mDeadlines.pop_front();
+        if (!waits) continue;
+        mIds[msgId] = IdState::GIVEN_UP;
+        mOutstanding.erase(found);
+        ++mReport.lost;
+    }
+    if (!mDeadlines.empty()) watchTimeout();
+    sendMore();
+}
+
+void Caller::finishWhenDone() {
+    if (mReport.requests == mOptions.count && mOutstanding.empty()) mIo.stop();
+}
+
+void Caller::reportProgress() {
+    auto const now = Clock::now();
+    if (now < mNextProgress) return;
+    mNextProgress = now + std::chrono::milliseconds(50);
+    std::printf("progress %zu\n", mReport.replies);
+    std::fflush(stdout);
+}
+
+int Caller::conclude() {
+    mReport.lost += mOutstanding.size();
+    std::sort(mLatencies.begin(), mLatencies.end());
+    mReport.p50Micros = percentile(mLatencies, 50);
+    mReport.p99Micros = percentile(mLatencies, 99);
+    if (mOptions.report) std::printf("%s\n", mReport.line().c_str());
+    std::fflush(stdout);
+    if (mOptions.stats) {
+        std::chrono::duration<double> const seconds = Clock::now() - mStart;
+        std::fprintf(stderr, "requests %zu, replies %zu, lost %zu, p50 %s, p99 %s, %.2f s\n",
+                     mReport.requests, mReport.replies, mReport.lost,
+                     formatMicros(mReport.p50Micros).c_str(),
+                     formatMicros(mReport.p99Micros).c_str(), seconds.count());
+    } else if (mReport.lost > 0) {
+        say(std::to_string(mReport.lost) + " of " + std::to_string(mReport.requests) +
+            " requests got no reply");
+    }
+    if (mReport.wrong > 0)
+        say(std::to_string(mReport.wrong) + " replies were not the request's bytes");
+    bool const all = mReport.complete() && mReport.requests == mOptions.count;
+    return all && !mFailed ? EXIT_OK : EXIT_FAILED;
+}
+
+}  // namespace
+
+int runCall(CallOptions const& options) {
+    asio::io_context io;
+    return Caller(io, options).run();
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace vesk::tool {
+
+struct CallOptions {
+    std::string host;                 // unix:PATH
+    std::string business;             // TOPIC/BUSINESS
+    std::optional<std::string> data;  // the payload; else the file's content; else stdin's
+    std::string file;
+    std::optional<size_t> randomSize;  // random payloads up to this size instead
+    size_t count = 1;
+    size_t window = 1;
+    size_t timeoutMillis = 5000;
+    bool verify = false;  // each reply must equal its request
+    bool stats = false;
+    bool report = false;
+};
+
+/**
+ * vesk call: sends requests to a business and prints the replies. Returns 0 only when every reply
+ * came (and, with `verify`, was right).
+ */
+int runCall(CallOptions const& options);
+
+}  // namespace vesk::tool

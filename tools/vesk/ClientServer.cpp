@@ -1,0 +1,251 @@
+#include "ClientServer.h"
+
+#include <vesk/Vesk.h>
+
+#include "BusinessName.h"
+#include "Errors.h"
+
+namespace vesk::tool {
+
+namespace {
+
+constexpr uint8_t TYPE_REQUEST = 2;
+constexpr uint8_t TYPE_REPLY = 3;
+
+// Room also comes without an event, by the expiry of what was never acknowledged.
+constexpr std::chrono::milliseconds PARKED_POLL{10};
+
+char const* roleName(int role) {
+    return role == VeskSessionManager::PROVIDER ? "provider" : "consumer";
+}
+
+}  // namespace
+
+ClientServer::ClientServer(asio::io_context& io, std::string const& path,
+                           std::set<std::string> localTopics, Services services)
+    : mIo(io),
+      mListener(io, path),
+      mLocalTopics(std::move(localTopics)),
+      mServices(std::move(services)),
+      mParkedTimer(io) {
+    accept();
+}
+
+ClientServer::~ClientServer() {
+    for (auto const& [id, client] : mClients) {
+        Vesk::getInstance()->getSessionManager()->removeSessionByClient(id);
+    }
+}
+
+void ClientServer::accept() {
+    mListener.acceptor().async_accept([this](asio::error_code const& error, auto socket) {
+        if (error == asio::error::operation_aborted) return;
+        if (error) {
+            say("cannot accept a client: " + error.message());
+        } else {
+            uint32_t const id = ++mLastClientId;
+            ClientConnection::Owner& owner = *this;
+            auto connection = std::make_shared<ClientConnection>(id, std::move(socket), owner);
+            mClients[id].connection = connection;
+            connection->start();
+        }
+        accept();
+    });
+}
+
+bool ClientServer::onMessage(ClientConnection& connection, Message const& message) {
+    Client& client = mClients.at(connection.id());
+    switch (message.type) {
+        case MessageType::JOIN:
+            join(client, message);
+            return true;
+        case MessageType::REQUEST:
+        case MessageType::REPLY:
+            return publish(client, message);
+        case MessageType::WATCH:
+            watch(client);
+            return true;
+        case MessageType::QUERY:
+            answerQuery(client);
+            return true;
+        default:
+            refuse(connection, "a client does not send messages of type " +
+                                       std::to_string(static_cast<int>(message.type)));
+            return true;
+    }
+}
+
+void ClientServer::onBadMessage(ClientConnection& connection, std::string const& reason) {
+    refuse(connection, reason);
+}
+
+void ClientServer::refuse(ClientConnection& connection, std::string const& reason) {
+    ++mRefused;
+    say("refused client " + std::to_string(connection.id()) + ": " + reason);
+    connection.refuse(reason);
+}
+
+void ClientServer::onClosed(ClientConnection& connection, std::string const& reason) {
+    auto const found = mClients.find(connection.id());
+    Client const client = std::move(found->second);
+    mClients.erase(found);
+    if (connection.evicted()) ++mEvicted;
+    // A client that came for a look and leaves as it should is not worth a line.
+    if (client.session || connection.evicted()) {
+        say("client " + std::to_string(connection.id()) + " is gone: " + reason);
+    }
+    Vesk::getInstance()->getSessionManager()->removeSessionByClient(connection.id());
+}
+
+void ClientServer::join(Client& client, Message const& message) {
+    std::optional<JoinMessage> const join = JoinMessage::decode(message.body);
+    if (!join) return refuse(*client.connection, "a JOIN message is not of its form");
+    if (client.session) return refuse(*client.connection, "this client has joined already");
+    std::string const why = whyNoSession(*join);
+    if (!why.empty()) return refuse(*client.connection, why);
+
+    VeskSessionManager& sessions = *Vesk::getInstance()->getSessionManager();
+    uint32_t const id = client.connection->id();
+    int const sessionId = sessions.createSession(static_cast<int>(id), join->role, join->topic,
+                                                 join->business, false);
+    if (sessionId < 0) return refuse(*client.connection, "every session id is in use");
+    client.session = sessions.getSession(static_cast<uint16_t>(sessionId));
+    client.local = mLocalTopics.count(join->topic) > 0;
+    say("client " + std::to_string(id) + " is a " + roleName(join->role) + " of " + join->topic +
+        "/" + join->business + ", session " + std::to_string(sessionId));
+    client.connection->send(JoinedMessage{static_cast<uint16_t>(sessionId)}.encode());
+}
+
+std::string ClientServer::whyNoSession(JoinMessage const& join) const {
+    VeskConfig const& catalogue = *Vesk::getInstance()->getConfig();
+    int const topicId = catalogue.getTopicIdByName(join.topic);
+    if (join.role != VeskSessionManager::CONSUMER && join.role != VeskSessionManager::PROVIDER) {
+        return "a client joins as consumer (1) or provider (2), not as " +
+               std::to_string(join.role);
+    }
+    if (topicId < 1) {
+        return "there is no topic '" + join.topic +
+               "'; the known ones are: " + joinNames(topicNames(catalogue));
+    }
+    if (mTopics.count(join.topic) == 0) {
+        return "this host does not serve the topic '" + join.topic +
+               "'; it serves: " + joinNames({mTopics.begin(), mTopics.end()});
+    }
+    if (catalogue.getBussinessIdByName(topicId, join.business) < 1) {
+        return "the topic '" + join.topic + "' has no business '" + join.business +
+               "'; the known ones are: " + joinNames(businessNames(catalogue, join.topic));
+    }
+    return {};
+}
+
+// A consumer's request carries its own session id, so that the reply finds its way back.
+bool ClientServer::publish(Client& client, Message const& message) {
+    bool const request = message.type == MessageType::REQUEST;
+    int const role = request ? VeskSessionManager::CONSUMER : VeskSessionManager::PROVIDER;
+    if (!client.session || client.session->type() != role) {
+        refuse(*client.connection, std::string("only a ") + roleName(role) +
+                                           (request ? " sends requests" : " sends replies"));
+        return true;
+    }
+    if (!client.local && !mayPublish()) {
+        park(client);
+        return false;
+    }
+    std::optional<DataMessage> data = DataMessage::decode(message.body);
+    if (!data) {
+        refuse(*client.connection, "a REQUEST or REPLY message is not of its form");
+        return true;
+    }
+    std::shared_ptr<VeskFrame> const frame = VeskFrame::obtainFrame(true);
+    frame->topicId = static_cast<uint8_t>(client.session->topicId());
+    frame->businessId = static_cast<uint8_t>(client.session->businessId());
+    frame->msgType = request ? TYPE_REQUEST : TYPE_REPLY;
+    frame->reply = request ? client.session->sessionId() : data->session;
+    frame->msgId = data->msgId;
+    frame->data = std::move(data->payload);
+    client.session->send(client.local, frame, 1);
+    return true;
+}
+
+// Who has waited longest goes first: a newcomer does not pass those who are parked.
+bool ClientServer::mayPublish() const {
+    return (mResuming || mParked.empty()) && mServices.admitsFrame();
+}
+
+void ClientServer::park(Client const& client) {
+    mParked.push_back(client.connection->id());
+    if (mParked.size() == 1) pollParked();
+}
+
+void ClientServer::resumeParked() {
+    mResuming = true;
+    while (!mParked.empty() && mServices.admitsFrame()) {
+        uint32_t const id = mParked.front();
+        mParked.pop_front();
+        auto const found = mClients.find(id);
+        if (found == mClients.end()) continue;
+        std::shared_ptr<ClientConnection> const connection = found->second.connection;
+        connection->resume();
+    }
+    mResuming = false;
+    if (!mParked.empty()) pollParked();
+}
+
+void ClientServer::pollParked() {
+    mParkedTimer.expires_after(PARKED_POLL);
+    mParkedTimer.async_wait([this](asio::error_code const& error) {
+        if (!error) resumeParked();
+    });
+}
+
+void ClientServer::watch(Client& client) {
+    client.watches = true;
+    for (std::string const& topic : mTopics) {
+        client.connection->send(ChangeMessage{true, topic, {}}.encode(MessageType::TOPIC));
+    }
+    for (auto const& [topic, business] : mProviders) {
+        client.connection->send(ChangeMessage{true, topic, business}.encode(MessageType::PROVIDER));
+    }
+}
+
+void ClientServer::answerQuery(Client& client) {
+    Counters counters;
+    counters.clients = mClients.size();
+    counters.providers = mProviders.size();
+    counters.refused = mRefused;
+    counters.evicted = mEvicted;
+    mServices.addCounters(counters);
+    client.connection->send(counters.encode());
+}
+
+void ClientServer::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {
+    auto const found = mClients.find(clientId);
+    if (found == mClients.end()) return;
+    bool const request = frame.msgType == TYPE_REQUEST;
+    uint16_t const session = request ? frame.reply : static_cast<uint16_t>(sessionId);
+    MessageType const type = request ? MessageType::REQUEST : MessageType::REPLY;
+    found->second.connection->send(DataMessage::encode(type, session, frame.msgId, frame.data));
+}
+
+void ClientServer::topicChanged(bool added, std::string const& topic) {
+    added ? (void)mTopics.insert(topic) : (void)mTopics.erase(topic);
+    broadcast(ChangeMessage{added, topic, {}}.encode(MessageType::TOPIC));
+}
+
+void ClientServer::providerChanged(bool added, std::string const& topic,
+                                   std::string const& business) {
+    if (added) {
+        mProviders.emplace(topic, business);
+    } else if (auto const found = mProviders.find({topic, business}); found != mProviders.end()) {
+        mProviders.erase(found);
+    }
+    broadcast(ChangeMessage{added, topic, business}.encode(MessageType::PROVIDER));
+}
+
+void ClientServer::broadcast(Bytes const& message) {
+    for (auto const& [id, client] : mClients) {
+        if (client.watches) client.connection->send(message);
+    }
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,311 @@
+#include "DemoCommand.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <asio/io_context.hpp>
+#include <asio/read_until.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/streambuf.hpp>
+
+#include "BusinessName.h"
+#include "ChildProcess.h"
+#include "DemoReport.h"
+#include "Errors.h"
+#include "HostClient.h"
+
+namespace vesk::tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// No step of the demo takes a fraction of this on a machine that is fit to run it.
+constexpr std::chrono::seconds STEP_LIMIT{120};
+constexpr std::chrono::milliseconds POLL{20};
+
+struct Interrupted {};
+
+/** A directory of our own, which goes with this object. */
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string name = (std::filesystem::temp_directory_path() / "vesk-demo-XXXXXX").string();
+        if (!::mkdtemp(name.data())) {
+            throw std::runtime_error("cannot create a directory like '" + name +
+                                     "'; set TMPDIR to one where that is possible");
+        }
+        mPath = name;
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(mPath, ignored);
+    }
+    TemporaryDirectory(TemporaryDirectory const&) = delete;
+    TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
+
+    std::string file(char const* name) const { return mPath + "/" + name; }
+
+private:
+    std::string mPath;
+};
+
+/** A vesk call process and what it has reported so far. */
+class Consumer {
+public:
+    Consumer(asio::io_context& io, std::string business, ChildProcess::Options const& options)
+        : mBusiness(std::move(business)), mProcess(io, options) {
+        read();
+    }
+
+    std::string const& business() const { return mBusiness; }
+    size_t done() const { return mDone; }
+    bool ended() { return mReadAll && !mProcess.ending().empty(); }
+    bool succeeded() { return mProcess.succeeded(); }
+    std::optional<CallReport> const& result() const { return mResult; }
+
+private:
+    void read() {
+        asio::async_read_until(mProcess.output(), mBuffer, '\n',
+                               [this](asio::error_code const& error, size_t) {
+                                   mReadAll = static_cast<bool>(error);
+                                   if (mReadAll) return;
+                                   std::istream in(&mBuffer);
+                                   std::string line;
+                                   std::getline(in, line);
+                                   take(line);
+                                   read();
+                               });
+    }
+
+    void take(std::string const& line) {
+        std::sscanf(line.c_str(), "progress %zu", &mDone);
+        mResult = CallReport::parse(line);
+        if (mResult) mDone = mResult->replies;
+    }
+
+    std::string const mBusiness;
+    ChildProcess mProcess;
+    asio::streambuf mBuffer;
+    size_t mDone = 0;
+    bool mReadAll = false;
+    std::optional<CallReport> mResult;
+};
+
+class Demo {
+public:
+    explicit Demo(DemoOptions const& options);
+    int run();
+
+private:
+    ChildProcess::Options vesk(std::vector<std::string> arguments) const;
+    void serve(std::vector<std::string> arguments);
+    void startHosts();
+    void startProviders();
+    void startConsumers();
+    void awaitConsumers();
+    int conclude();
+    void await(char const* what, std::function<bool()> const& reached);
+    std::optional<Counters> query(std::string const& path);
+    void endServants();
+    void printErrors() const;
+
+    DemoOptions const mOptions;
+    std::vector<std::string> mBusinesses;
+    TemporaryDirectory const mDirectory;
+    std::string const mNear = mDirectory.file("near");
+    std::string const mFar = mDirectory.file("far");
+    asio::io_context mIo;
+    asio::signal_set mSignals;
+    bool mInterrupted = false;
+    std::vector<std::unique_ptr<ChildProcess>> mServants;  // hosts and providers
+    std::vector<std::unique_ptr<Consumer>> mConsumers;
+};
+
+Demo::Demo(DemoOptions const& options) : mOptions(options), mSignals(mIo, SIGINT, SIGTERM) {
+    mSignals.async_wait([this](asio::error_code const& error, int) { mInterrupted = !error; });
+    VeskConfig const catalogue;
+    for (std::string const& topic : topicNames(catalogue)) {
+        for (std::string const& business : businessNames(catalogue, topic)) {
+            mBusinesses.push_back(BusinessName{topic, business}.toString());
+        }
+    }
+}
+
+int Demo::run() {
+    try {
+        startHosts();
+        startProviders();
+        startConsumers();
+        awaitConsumers();
+        return conclude();
+    } catch (Interrupted const&) {
+        clearProgress();
+        say("interrupted");
+        return EXIT_INTERRUPTED;
+    } catch (std::exception const&) {
+        clearProgress();
+        printErrors();
+        throw;
+    }
+}
+
+ChildProcess::Options Demo::vesk(std::vector<std::string> arguments) const {
+    ChildProcess::Options options;
+    options.arguments = std::move(arguments);
+    options.arguments.insert(options.arguments.begin(), "/proc/self/exe");
+    if (mOptions.verbose) {
+        options.arguments.emplace_back("--verbose");
+    } else {
+        options.errorFile = mDirectory.file("errors");
+    }
+    return options;
+}
+
+void Demo::serve(std::vector<std::string> arguments) {
+    mServants.push_back(std::make_unique<ChildProcess>(mIo, vesk(std::move(arguments))));
+}
+
+void Demo::startHosts() {
+    std::string const channel = "unix:" + mDirectory.file("channel");
+    serve({"host", "--channel", channel, "--listen", "--clients", "unix:" + mFar});
+    serve({"host", "--channel", channel, "--clients", "unix:" + mNear});
+    await("the two hosts to find each other", [this] {
+        auto const near = query(mNear);
+        auto const far = query(mFar);
+        return near && far && near->channelUp != 0 && far->channelUp != 0;
+    });
+}
+
+void Demo::startProviders() {
+    for (std::string const& business : mBusinesses) {
+        serve({"provide", "--host", "unix:" + mFar, business, "--echo"});
+    }
+    await("the providers to join", [this] {
+        auto const far = query(mFar);
+        return far && far->providers == mBusinesses.size();
+    });
+}
+
+void Demo::startConsumers() {
+    std::printf(
+            "%zu consumers send %zu requests each, of 0 to 65535 bytes, through two hosts to "
+            "%zu providers\n",
+            mBusinesses.size(), mOptions.requests, mBusinesses.size());
+    std::fflush(stdout);
+    for (std::string const& business : mBusinesses) {
+        ChildProcess::Options options =
+                vesk({"call", "--host", "unix:" + mNear, business, "--random-size", "65535",
+                      "--count", std::to_string(mOptions.requests), "--window", "16", "--timeout",
+                      "30000", "--verify", "--report"});
+        options.pipeOutput = true;
+        mConsumers.push_back(std::make_unique<Consumer>(mIo, business, options));
+    }
+}
+
+void Demo::awaitConsumers() {
+    size_t const total = mBusinesses.size() * mOptions.requests;
+    size_t done = 0;
+    for (bool ended = false; !ended;) {
+        size_t const before = done;
+        await("another reply", [&] {
+            done = 0;
+            ended = true;
+            for (auto const& consumer : mConsumers) {
+                done += consumer->done();
+                ended = ended && consumer->ended();
+            }
+            printProgress(done, total);
+            return ended || done > before;
+        });
+    }
+    clearProgress();
+}
+
+int Demo::conclude() {
+    DemoRows rows;
+    bool complete = true;
+    for (auto const& consumer : mConsumers) {
+        if (!consumer->result()) {
+            throw std::runtime_error("the consumer of " + consumer->business() +
+                                     " ended without a result");
+        }
+        rows.emplace_back(consumer->business(), *consumer->result());
+        complete = complete && consumer->succeeded() &&
+                   consumer->result()->replies == mOptions.requests;
+    }
+    printTable(rows);
+    auto const near = query(mNear);
+    auto const far = query(mFar);
+    if (!near || !far) throw std::runtime_error("a host is gone");
+    printHost("near host", *near);
+    printHost("far host", *far);
+    endServants();
+    std::printf("%s\n", complete ? "every request got its right reply"
+                                 : "NOT every request got "
+                                   "its right reply");
+    if (!complete) printErrors();
+    return complete ? EXIT_OK : EXIT_FAILED;
+}
+
+void Demo::await(char const* what, std::function<bool()> const& reached) {
+    auto const limit = Clock::now() + STEP_LIMIT;
+    for (;;) {
+        if (reached()) return;
+        if (mInterrupted) throw Interrupted();
+        for (auto const& servant : mServants) {
+            if (servant->ending().empty()) continue;
+            throw std::runtime_error("a host or provider ended with " + servant->ending());
+        }
+        if (Clock::now() > limit)
+            throw std::runtime_error(std::string("waited in vain for ") + what);
+        mIo.run_for(POLL);
+    }
+}
+
+// Empty while the host is not there yet.
+std::optional<Counters> Demo::query(std::string const& path) {
+    try {
+        return HostClient(mIo, path).query();
+    } catch (std::runtime_error const&) {
+        return std::nullopt;
+    }
+}
+
+// Providers first: they would take the end of their host for a failure.
+void Demo::endServants() {
+    while (!mServants.empty()) {
+        std::unique_ptr<ChildProcess> const servant = std::move(mServants.back());
+        mServants.pop_back();
+        servant->terminate();
+        await("a process to end", [&] { return !servant->ending().empty(); });
+        if (!servant->succeeded()) {
+            throw std::runtime_error("a host or provider ended with " + servant->ending());
+        }
+    }
+}
+
+void Demo::printErrors() const {
+    std::ifstream errors(mDirectory.file("errors"));
+    std::string line;
+    while (std::getline(errors, line))
+        std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+}  // namespace
+
+int runDemo(DemoOptions const& options) {
+    return Demo(options).run();
+}
+
+}  // namespace vesk::tool

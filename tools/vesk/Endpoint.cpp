@@ -1,0 +1,110 @@
+#include "Endpoint.h"
+
+#include <sys/un.h>
+#include <termios.h>
+
+#include <charconv>
+#include <optional>
+
+#include "Errors.h"
+
+namespace vesk::tool {
+
+namespace {
+
+constexpr size_t MAX_UNIX_PATH = sizeof(sockaddr_un::sun_path) - 1;
+
+std::optional<unsigned> parseNumber(std::string const& text) {
+    unsigned value = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+std::string checkedUnixPath(std::string const& path, std::string const& text) {
+    if (path.empty()) {
+        throw UsageError("'" + text + "' names no socket; write unix:PATH");
+    }
+    if (path.size() > MAX_UNIX_PATH) {
+        throw UsageError("the socket path in '" + text + "' has " + std::to_string(path.size()) +
+                         " bytes; the system takes " + std::to_string(MAX_UNIX_PATH) +
+                         " at most, so choose a shorter one");
+    }
+    return path;
+}
+
+void parseTcp(std::string const& rest, std::string const& text, Endpoint& endpoint) {
+    size_t const colon = rest.rfind(':');
+    std::optional<unsigned> const port =
+            parseNumber(colon == std::string::npos ? rest : rest.substr(colon + 1));
+    if (!port || *port == 0 || *port > 65535) {
+        throw UsageError("'" + text + "' names no port; write tcp:HOST:PORT or, for the loopback " +
+                         "interface, tcp:PORT, with a port from 1 to 65535");
+    }
+    endpoint.port = static_cast<uint16_t>(*port);
+    if (colon == std::string::npos || colon == 0) return;
+    endpoint.host = rest.substr(0, colon);
+    if (endpoint.host.front() == '[' && endpoint.host.back() == ']') {
+        endpoint.host = endpoint.host.substr(1, endpoint.host.size() - 2);
+    }
+}
+
+void parseTty(std::string const& rest, std::string const& text, Endpoint& endpoint) {
+    size_t const comma = rest.find(',');
+    endpoint.path = rest.substr(0, comma);
+    if (endpoint.path.empty()) {
+        throw UsageError("'" + text + "' names no device; write tty:DEVICE or tty:DEVICE,BAUD");
+    }
+    if (comma == std::string::npos) return;
+    std::optional<unsigned> const baud = parseNumber(rest.substr(comma + 1));
+    termios probe{};
+    if (!baud || *baud == 0 || cfsetspeed(&probe, *baud) != 0) {
+        throw UsageError("'" + rest.substr(comma + 1) + "' in '" + text +
+                         "' is no speed of a serial line; write one like 9600, 115200 or 921600");
+    }
+    endpoint.baud = *baud;
+}
+
+bool startsWith(std::string const& text, char const* prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
+
+}  // namespace
+
+Endpoint Endpoint::parse(std::string const& text) {
+    Endpoint endpoint;
+    if (startsWith(text, "unix:")) {
+        endpoint.path = checkedUnixPath(text.substr(5), text);
+    } else if (startsWith(text, "tcp:")) {
+        endpoint.kind = Kind::TCP;
+        parseTcp(text.substr(4), text, endpoint);
+    } else if (startsWith(text, "tty:")) {
+        endpoint.kind = Kind::TTY;
+        parseTty(text.substr(4), text, endpoint);
+    } else {
+        throw UsageError("'" + text + "' is no channel; write unix:PATH, tcp:HOST:PORT or " +
+                         "tty:DEVICE[,BAUD]");
+    }
+    return endpoint;
+}
+
+std::string Endpoint::toString() const {
+    switch (kind) {
+        case Kind::TCP:
+            return "tcp:" + host + ":" + std::to_string(port);
+        case Kind::TTY:
+            return "tty:" + path + "," + std::to_string(baud);
+        case Kind::UNIX:
+            break;
+    }
+    return "unix:" + path;
+}
+
+std::string parseUnixPath(std::string const& option, std::string const& text) {
+    if (!startsWith(text, "unix:")) {
+        throw UsageError(option + " '" + text + "' is no client socket; write unix:PATH");
+    }
+    return checkedUnixPath(text.substr(5), text);
+}
+
+}  // namespace vesk::tool

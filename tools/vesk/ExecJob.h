@@ -1,0 +1,45 @@
+#pragma once
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "ChildProcess.h"
+#include "ClientProtocol.h"
+
+namespace vesk::tool {
+
+/**
+ * One run of a shell command: a payload goes in on its stdin, the reply comes out of its stdout.
+ *
+ * Threads: the one that runs the io_context.
+ */
+class ExecJob : public std::enable_shared_from_this<ExecJob> {
+public:
+    /** Gets the reply or, with an error that is not empty, the reason why there is none. */
+    using Done = std::function<void(Bytes const& reply, std::string const& error)>;
+
+    /** Starts the command. Throws std::runtime_error where it cannot. */
+    ExecJob(asio::io_context& io, std::string const& command, Bytes payload);
+
+    /** Keeps the job alive until `done` has been called, once. */
+    void run(Done done);
+
+private:
+    void read();
+    void awaitEnd();
+    void finish(std::string const& error);
+
+    ChildProcess mProcess;
+    asio::steady_timer mTimer;
+    Bytes const mPayload;
+    Bytes mReply;
+    std::array<uint8_t, 16 * 1024> mChunk{};
+    Done mDone;
+};
+
+}  // namespace vesk::tool

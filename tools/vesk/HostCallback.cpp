@@ -1,0 +1,30 @@
+#include "HostCallback.h"
+
+namespace vesk::tool {
+
+void HostCallback::detach() {
+    mClients = nullptr;
+    std::lock_guard<std::mutex> lock(mMutex);
+    mChannel = nullptr;
+}
+
+void HostCallback::receive(uint32_t clientId, uint32_t sessionId, bool,
+                           std::shared_ptr<VeskFrame> const& frame) {
+    if (mClients) mClients->deliver(clientId, sessionId, *frame);
+}
+
+void HostCallback::sendToChannel(std::vector<uint8_t> bytes) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mChannel) mChannel->write(bytes);
+}
+
+void HostCallback::notifyTopicChanged(bool added, std::string topicName) {
+    if (mClients) mClients->topicChanged(added, topicName);
+}
+
+void HostCallback::notifyBusinessChanged(bool added, std::string topicName,
+                                         std::string businessName) {
+    if (mClients) mClients->providerChanged(added, topicName, businessName);
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,123 @@
+#include "HostClient.h"
+
+#include <fcntl.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include <asio/write.hpp>
+
+#include "Errors.h"
+
+namespace vesk::tool {
+
+namespace {
+
+std::string text(Message const& message) {
+    return {message.body.begin(), message.body.end()};
+}
+
+[[noreturn]] void throwNotUnderstood() {
+    throw std::runtime_error("the host's answer is not understood; is it another version of vesk?");
+}
+
+}  // namespace
+
+HostClient::HostClient(asio::io_context& io, std::string const& path) : mSocket(io) {
+    asio::error_code error;
+    mSocket.connect(path, error);
+    if (error) {
+        throw std::runtime_error("no host serves '" + path + "' (" + error.message() +
+                                 "); start one with: vesk host --clients unix:" + path +
+                                 " --channel ENDPOINT");
+    }
+    // A command that a provider starts must not keep the connection open after the provider's end.
+    ::fcntl(mSocket.native_handle(), F_SETFD, FD_CLOEXEC);
+}
+
+uint16_t HostClient::join(int role, BusinessName const& business) {
+    asio::write(mSocket,
+                asio::buffer(JoinMessage{role, business.topic, business.business}.encode()));
+    Message const answer = receive();
+    if (answer.type == MessageType::REFUSED) throw UsageError(text(answer));
+    auto const joined = JoinedMessage::decode(answer.body);
+    if (answer.type != MessageType::JOINED || !joined) throwNotUnderstood();
+    return joined->session;
+}
+
+Counters HostClient::query() {
+    asio::write(mSocket, asio::buffer(encodeMessage(MessageType::QUERY)));
+    Message const answer = receive();
+    auto const counters = Counters::decode(answer.body);
+    if (answer.type != MessageType::COUNTERS || !counters) throwNotUnderstood();
+    return *counters;
+}
+
+Message HostClient::receive() {
+    Message message;
+    for (;;) {
+        switch (mReader.next(message)) {
+            case MessageReader::Result::MESSAGE:
+                return message;
+            case MessageReader::Result::NEED_MORE:
+                mReader.append(mChunk.data(), mSocket.read_some(asio::buffer(mChunk)));
+                break;
+            default:
+                throwNotUnderstood();
+        }
+    }
+}
+
+void HostClient::start(MessageHandler onMessage, ClosedHandler onClosed) {
+    mOnMessage = std::move(onMessage);
+    mOnClosed = std::move(onClosed);
+    handOver();
+}
+
+void HostClient::read() {
+    mSocket.async_read_some(asio::buffer(mChunk),
+                            [this](asio::error_code const& error, size_t size) {
+                                if (error) return closed("the host is gone: " + error.message());
+                                mReader.append(mChunk.data(), size);
+                                handOver();
+                            });
+}
+
+void HostClient::handOver() {
+    Message message;
+    for (;;) {
+        switch (mReader.next(message)) {
+            case MessageReader::Result::MESSAGE:
+                if (message.type == MessageType::REFUSED) {
+                    return closed("the host refused: " + text(message));
+                }
+                mOnMessage(message);
+                break;
+            case MessageReader::Result::NEED_MORE:
+                return read();
+            default:
+                return closed("the host's messages are not understood");
+        }
+    }
+}
+
+void HostClient::send(Bytes const& message) {
+    mWaiting.insert(mWaiting.end(), message.begin(), message.end());
+    if (mLeaving.empty()) write();
+}
+
+void HostClient::write() {
+    mLeaving.swap(mWaiting);
+    asio::async_write(mSocket, asio::buffer(mLeaving),
+                      [this](asio::error_code const& error, size_t) {
+                          mLeaving.clear();
+                          // Why the host does not take it any more, reading will tell.
+                          if (!error && !mWaiting.empty()) write();
+                      });
+}
+
+void HostClient::closed(std::string const& reason) {
+    if (mOnClosed) std::exchange(mOnClosed, nullptr)(reason);
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,142 @@
+#include "HostCommand.h"
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <set>
+
+#include <vesk/Vesk.h>
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+
+#include "Admission.h"
+#include "BusinessName.h"
+#include "Channel.h"
+#include "ClientServer.h"
+#include "Errors.h"
+#include "HostCallback.h"
+
+namespace vesk::tool {
+
+namespace {
+
+/**
+ * The host proper: the library between one channel and many clients.
+ *
+ * One thread runs it all. The library's looper is the only other one, and reaches no further than
+ * the channel's buffer.
+ */
+class Host {
+public:
+    Host(asio::io_context& io, HostOptions const& options);
+    ~Host() { mCallback->detach(); }
+    Host(Host const&) = delete;
+    Host& operator=(Host const&) = delete;
+
+private:
+    Channel::Events channelEvents();
+    ClientServer::Services services();
+    void createTopics(HostOptions const& options);
+    void channelChanged(bool up);
+    void frameArrived(std::vector<uint8_t> const& bytes);
+    void addCounters(Counters& counters) const;
+
+    std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
+    Channel mChannel;
+    Admission const mAdmission;
+    ClientServer mClients;
+    android::sp<HostCallback> const mCallback;
+};
+
+Host::Host(asio::io_context& io, HostOptions const& options)
+    : mChannel(io, Endpoint::parse(options.channel), options.listen,
+               *Vesk::getInstance()->getConfig(), channelEvents()),
+      mAdmission(*mQueue, mChannel),
+      mClients(io, parseUnixPath("--clients", options.clients),
+               {options.localTopics.begin(), options.localTopics.end()}, services()),
+      mCallback(new HostCallback(mChannel, mClients)) {
+    Vesk::getInstance()->init(mCallback);
+    createTopics(options);
+    say("serving clients on " + options.clients);
+    mChannel.start();
+}
+
+Channel::Events Host::channelEvents() {
+    return {[this](bool up) { channelChanged(up); },
+            [this](std::vector<uint8_t> const& frame) { frameArrived(frame); },
+            [this] { mClients.resumeParked(); }};
+}
+
+ClientServer::Services Host::services() {
+    return {[this] { return mAdmission.open(); },
+            [this](Counters& counters) { addCounters(counters); }};
+}
+
+void Host::createTopics(HostOptions const& options) {
+    for (std::string const& topic : options.topics)
+        Vesk::getInstance()->createTopic(topic, false);
+    for (std::string const& topic : options.localTopics) {
+        Vesk::getInstance()->createTopic(topic, true);
+    }
+}
+
+void Host::channelChanged(bool up) {
+    if (!up && !mQueue->empty()) {
+        say(std::to_string(mQueue->size()) + " queued frames are lost with the channel");
+    }
+    Vesk::getInstance()->onChannelAvailable(up);
+    if (up) mClients.resumeParked();
+}
+
+void Host::frameArrived(std::vector<uint8_t> const& bytes) {
+    std::shared_ptr<VeskFrame> const frame = VeskFrame::obtainFrame(false);
+    frame->unSerialze(bytes);
+    mQueue->receiveFromChannel(frame);
+}
+
+void Host::addCounters(Counters& counters) const {
+    VeskFeedback const& feedback = mQueue->feedback();
+    counters.channelUp = mChannel.up() ? 1 : 0;
+    counters.pending = static_cast<uint64_t>(mQueue->size());
+    counters.awaitingAck = mQueue->awaitingAck();
+    counters.owedAcks = mQueue->owedAcks();
+    counters.lastDelayMillis = feedback.delay();
+    counters.slowCount = feedback.slowCount();
+    counters.sentPackets = feedback.sentPackets();
+    counters.receivedPackets = feedback.receivedPackets();
+    counters.skippedBytes = mChannel.skippedBytes();
+    counters.reconnects = mChannel.reconnects();
+}
+
+// With no topic named, all are served.
+HostOptions withTopics(HostOptions options) {
+    std::vector<std::string> const known = topicNames(*Vesk::getInstance()->getConfig());
+    std::set<std::string> named;
+    for (auto const* topics : {&options.topics, &options.localTopics}) {
+        for (std::string const& topic : *topics) {
+            if (std::find(known.begin(), known.end(), topic) == known.end()) {
+                throw UsageError("there is no topic '" + topic +
+                                 "'; the known ones are: " + joinNames(known));
+            }
+            if (!named.insert(topic).second) {
+                throw UsageError("the topic '" + topic + "' is named twice; name it once, with " +
+                                 "--topic or with --local-topic");
+            }
+        }
+    }
+    if (named.empty()) options.topics = known;
+    return options;
+}
+
+}  // namespace
+
+int runHost(HostOptions const& options) {
+    asio::io_context io;
+    asio::signal_set signals(io, SIGINT, SIGTERM);
+    signals.async_wait([&io](asio::error_code const&, int) { io.stop(); });
+    Host const host(io, withTopics(options));
+    io.run();
+    return EXIT_OK;
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace vesk::tool {
+
+struct HostOptions {
+    std::string channel;  // an endpoint
+    bool listen = false;
+    std::string clients;  // unix:PATH
+    std::vector<std::string> topics;
+    std::vector<std::string> localTopics;
+};
+
+/**
+ * vesk host: owns one byte channel and serves local clients until SIGINT or SIGTERM.
+ *
+ * Returns the exit status. Throws UsageError and std::runtime_error.
+ */
+int runHost(HostOptions const& options);
+
+}  // namespace vesk::tool

@@ -1,0 +1,147 @@
+#include "LinkSource.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <type_traits>
+#include <utility>
+
+#include <asio/connect.hpp>
+#include <asio/post.hpp>
+
+#include "Errors.h"
+
+namespace vesk::tool {
+
+namespace {
+
+using asio::ip::tcp;
+using UnixSocket = asio::local::stream_protocol::socket;
+
+asio::error_code lastError() {
+    return {errno, asio::error::get_system_category()};
+}
+
+// Raw bytes, no modem lines.
+bool configureTty(int fd, unsigned baud) {
+    termios settings{};
+    if (::tcgetattr(fd, &settings) != 0) return false;
+    ::cfmakeraw(&settings);
+    settings.c_cflag |= CREAD | CLOCAL;
+    return ::cfsetspeed(&settings, baud) == 0 && ::tcsetattr(fd, TCSANOW, &settings) == 0;
+}
+
+}  // namespace
+
+LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool listen)
+    : mIo(io), mEndpoint(endpoint), mResolver(io) {
+    if (!listen) return;
+    switch (endpoint.kind) {
+        case Endpoint::Kind::TTY:
+            throw UsageError("--listen makes no sense with '" + endpoint.toString() +
+                             "': a device is opened, nobody connects to it");
+        case Endpoint::Kind::UNIX:
+            mUnixListener.emplace(io, endpoint.path);
+            accept(mUnixListener->acceptor());
+            break;
+        case Endpoint::Kind::TCP:
+            listenTcp();
+            break;
+    }
+}
+
+void LinkSource::open(Handler handler) {
+    mHandler = std::move(handler);
+    if (mUnixListener || mTcpAcceptor) return;
+    switch (mEndpoint.kind) {
+        case Endpoint::Kind::UNIX:
+            connectUnix();
+            break;
+        case Endpoint::Kind::TCP:
+            connectTcp();
+            break;
+        case Endpoint::Kind::TTY:
+            openTty();
+            break;
+    }
+}
+
+template <typename Acceptor>
+void LinkSource::accept(Acceptor& acceptor) {
+    acceptor.async_accept([this, &acceptor](asio::error_code const& error, auto socket) {
+        if (error == asio::error::operation_aborted) return;
+        if (!error && mHandler) {
+            adopt(std::move(socket));
+        } else if (!error) {
+            say("turned away a second peer of the channel " + mEndpoint.toString());
+        }
+        accept(acceptor);
+    });
+}
+
+template <typename Socket>
+void LinkSource::adopt(Socket socket) {
+    if constexpr (std::is_same_v<Socket, tcp::socket>) {
+        asio::error_code ignored;
+        socket.set_option(tcp::no_delay(true), ignored);
+        socket.set_option(asio::socket_base::keep_alive(true), ignored);
+    }
+    answer(std::make_shared<Link>(mIo, socket.release()), {});
+}
+
+void LinkSource::listenTcp() {
+    std::string const where = mEndpoint.toString();
+    asio::error_code error;
+    auto const found = mResolver.resolve(mEndpoint.host, std::to_string(mEndpoint.port),
+                                         tcp::resolver::passive, error);
+    if (error) throw std::runtime_error("cannot resolve '" + where + "': " + error.message());
+    tcp::endpoint const local = found.begin()->endpoint();
+    mTcpAcceptor.emplace(mIo);
+    mTcpAcceptor->open(local.protocol(), error);
+    if (!error) mTcpAcceptor->set_option(asio::socket_base::reuse_address(true), error);
+    if (!error) mTcpAcceptor->bind(local, error);
+    if (!error) mTcpAcceptor->listen(asio::socket_base::max_listen_connections, error);
+    if (error) throw std::runtime_error("cannot listen on '" + where + "': " + error.message());
+    accept(*mTcpAcceptor);
+}
+
+void LinkSource::connectUnix() {
+    auto socket = std::make_shared<UnixSocket>(mIo);
+    socket->async_connect(mEndpoint.path, [this, socket](asio::error_code const& error) {
+        error ? answer(nullptr, error) : adopt(std::move(*socket));
+    });
+}
+
+void LinkSource::connectTcp() {
+    auto socket = std::make_shared<tcp::socket>(mIo);
+    auto connected = [this, socket](asio::error_code const& error, tcp::endpoint const&) {
+        error ? answer(nullptr, error) : adopt(std::move(*socket));
+    };
+    mResolver.async_resolve(mEndpoint.host, std::to_string(mEndpoint.port),
+                            [this, socket, connected](asio::error_code const& error,
+                                                      tcp::resolver::results_type const& found) {
+                                if (error) return answer(nullptr, error);
+                                asio::async_connect(*socket, found, connected);
+                            });
+}
+
+void LinkSource::openTty() {
+    int const fd = ::open(mEndpoint.path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    asio::error_code error;
+    if (fd < 0 || !configureTty(fd, mEndpoint.baud)) error = lastError();
+    std::shared_ptr<Link> link;
+    if (!error) {
+        link = std::make_shared<Link>(mIo, fd);
+    } else if (fd >= 0) {
+        ::close(fd);
+    }
+    asio::post(mIo, [this, link, error] { answer(link, error); });
+}
+
+void LinkSource::answer(std::shared_ptr<Link> link, asio::error_code const& error) {
+    std::exchange(mHandler, nullptr)(std::move(link), error);
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+
+#include "Endpoint.h"
+#include "UnixListener.h"
+
+namespace vesk::tool {
+
+/** An open byte channel, whatever it is made of. */
+using Link = asio::posix::stream_descriptor;
+
+/**
+ * Opens one link after the other at an endpoint: connects, accepts, or opens the device.
+ *
+ * A listening source accepts at all times; a peer that arrives while nobody waits for a link, that
+ * is, a second one, is turned away.
+ *
+ * Threads: those of the io_context, which must be one at a time.
+ */
+class LinkSource {
+public:
+    /** Gets the link, or null and the reason why there is none. */
+    using Handler = std::function<void(std::shared_ptr<Link> link, asio::error_code const& error)>;
+
+    /** Throws UsageError or std::runtime_error where it cannot listen. */
+    LinkSource(asio::io_context& io, Endpoint const& endpoint, bool listen);
+
+    /**
+     * Asks for the next link. A listening source answers when a peer has arrived, however long that
+     * takes; any other with success or failure of one attempt. REQUIRES: no call is under way.
+     */
+    void open(Handler handler);
+
+private:
+    template <typename Acceptor>
+    void accept(Acceptor& acceptor);
+    template <typename Socket>
+    void adopt(Socket socket);
+    void listenTcp();
+    void connectUnix();
+    void connectTcp();
+    void openTty();
+    void answer(std::shared_ptr<Link> link, asio::error_code const& error);
+
+    asio::io_context& mIo;
+    Endpoint const mEndpoint;
+    std::optional<UnixListener> mUnixListener;
+    std::optional<asio::ip::tcp::acceptor> mTcpAcceptor;
+    asio::ip::tcp::resolver mResolver;
+    Handler mHandler;  // empty while nobody waits
+};
+
+}  // namespace vesk::tool

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <iostream>
+#include <istream>
+#include <optional>
+#include <random>
+#include <string>
+
+#include "CallCommand.h"
+#include "ClientProtocol.h"
+#include "Errors.h"
+
+namespace vesk::tool {
+
+/** Makes the payload of each request, as the options of vesk call ask. */
+class PayloadSource {
+public:
+    /** Reads the payload; throws UsageError where there is none or it is too long. */
+    explicit PayloadSource(CallOptions const& options)
+        : mRandomSize(options.randomSize), mRandom(std::random_device()()) {
+        if (mRandomSize) {
+            checkSize(*mRandomSize, "--random-size");
+        } else if (options.data) {
+            mFixed.assign(options.data->begin(), options.data->end());
+            checkSize(mFixed.size(), "--data");
+        } else if (!options.file.empty()) {
+            std::ifstream file(options.file, std::ios::binary);
+            read(file, "'" + options.file + "'");
+        } else {
+            read(std::cin, "stdin");
+        }
+    }
+
+    Bytes next() {
+        if (!mRandomSize) return mFixed;
+        // As many short ones as long ones, on a scale of powers of two.
+        double const scale = std::uniform_real_distribution<>(0, 1)(mRandom);
+        double const size = std::pow(static_cast<double>(*mRandomSize) + 1, scale) - 1;
+        Bytes bytes(static_cast<size_t>(size));
+        for (uint8_t& byte : bytes)
+            byte = static_cast<uint8_t>(mRandom());
+        return bytes;
+    }
+
+    uint16_t firstMsgId() { return static_cast<uint16_t>(mRandom()); }
+
+private:
+    // Reads one byte more than may be, to tell the longest payload from one that is too long.
+    void read(std::istream& in, std::string const& name) {
+        if (!in) throw UsageError("cannot read " + name + "; name a file that is there");
+        mFixed.resize(MAX_PAYLOAD + 1);
+        in.read(reinterpret_cast<char*>(mFixed.data()),
+                static_cast<std::streamsize>(mFixed.size()));
+        if (in.bad()) throw UsageError("cannot read " + name + "; name a file that is there");
+        mFixed.resize(static_cast<size_t>(in.gcount()));
+        if (mFixed.size() > MAX_PAYLOAD) {
+            throw UsageError("the payload from " + name + " is longer than " +
+                             std::to_string(MAX_PAYLOAD) + " bytes, which is all that one " +
+                             "message carries; send it in parts");
+        }
+    }
+
+    static void checkSize(size_t size, std::string const& name) {
+        if (size > MAX_PAYLOAD) {
+            throw UsageError("the payload of " + name + " has " + std::to_string(size) +
+                             " bytes; one message carries " + std::to_string(MAX_PAYLOAD) +
+                             " at most, so send it in parts");
+        }
+    }
+
+    std::optional<size_t> const mRandomSize;
+    std::minstd_rand mRandom;
+    Bytes mFixed;
+};
+
+}  // namespace vesk::tool

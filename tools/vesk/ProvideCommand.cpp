@@ -1,0 +1,108 @@
+#include "ProvideCommand.h"
+
+#include <csignal>
+#include <deque>
+#include <memory>
+#include <set>
+
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+
+#include "Endpoint.h"
+#include "Errors.h"
+#include "ExecJob.h"
+#include "HostClient.h"
+
+namespace vesk::tool {
+
+namespace {
+
+/**
+ * Reads every request at once and keeps those that wait for a free job, so that its need of memory
+ * is bounded by what its consumers have outstanding.
+ */
+class Provider {
+public:
+    Provider(asio::io_context& io, ProvideOptions const& options);
+
+    /** 0 after a signal, 1 when the host went away. */
+    int run();
+
+private:
+    void requested(Message const& message);
+    void reply(DataMessage const& request, Bytes const& payload);
+    void startJobs();
+    void startJob(DataMessage request);
+
+    asio::io_context& mIo;
+    ProvideOptions const& mOptions;
+    HostClient mHost;
+    std::deque<DataMessage> mWaiting;
+    std::set<std::shared_ptr<ExecJob>> mJobs;
+    int mStatus = EXIT_OK;
+};
+
+Provider::Provider(asio::io_context& io, ProvideOptions const& options)
+    : mIo(io), mOptions(options), mHost(io, parseUnixPath("--host", options.host)) {}
+
+int Provider::run() {
+    BusinessName const business = BusinessName::parse(mOptions.business);
+    uint16_t const session = mHost.join(HostClient::PROVIDER, business);
+    say("providing " + business.toString() + " as session " + std::to_string(session));
+    mHost.start([this](Message const& message) { requested(message); },
+                [this](std::string const& reason) {
+                    say(reason);
+                    mStatus = EXIT_FAILED;
+                    mIo.stop();
+                });
+    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
+    mIo.run();
+    return mStatus;
+}
+
+void Provider::requested(Message const& message) {
+    std::optional<DataMessage> request = DataMessage::decode(message.body);
+    if (message.type != MessageType::REQUEST || !request) return;
+    if (mOptions.echo) return reply(*request, request->payload);
+    mWaiting.push_back(std::move(*request));
+    startJobs();
+}
+
+void Provider::reply(DataMessage const& request, Bytes const& payload) {
+    mHost.send(DataMessage::encode(MessageType::REPLY, request.session, request.msgId, payload));
+}
+
+void Provider::startJobs() {
+    while (!mWaiting.empty() && mJobs.size() < mOptions.jobs) {
+        DataMessage request = std::move(mWaiting.front());
+        mWaiting.pop_front();
+        startJob(std::move(request));
+    }
+}
+
+void Provider::startJob(DataMessage request) {
+    auto const job = std::make_shared<ExecJob>(mIo, mOptions.command, std::move(request.payload));
+    request.payload.clear();
+    mJobs.insert(job);
+    job->run([this, request, key = std::weak_ptr<ExecJob>(job)](Bytes const& bytes,
+                                                                std::string const& error) {
+        if (error.empty()) {
+            reply(request, bytes);
+        } else {
+            say("no reply to message " + std::to_string(request.msgId) + " of session " +
+                std::to_string(request.session) + ": " + error);
+        }
+        mJobs.erase(key.lock());
+        startJobs();
+    });
+}
+
+}  // namespace
+
+int runProvide(ProvideOptions const& options) {
+    asio::io_context io;
+    return Provider(io, options).run();
+}
+
+}  // namespace vesk::tool

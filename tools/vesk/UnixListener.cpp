@@ -1,0 +1,51 @@
+#include "UnixListener.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace vesk::tool {
+
+namespace {
+
+void removeStaleSocket(asio::io_context& io, std::string const& path) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0) return;
+    if (!S_ISSOCK(info.st_mode)) {
+        throw std::runtime_error("'" + path + "' exists and is no socket; choose another path");
+    }
+    asio::local::stream_protocol::socket probe(io);
+    asio::error_code error;
+    probe.connect(path, error);
+    if (error == asio::error::connection_refused) {
+        ::unlink(path.c_str());
+    } else if (!error) {
+        throw std::runtime_error("another process serves '" + path +
+                                 "'; stop it or choose another path");
+    }
+}
+
+}  // namespace
+
+UnixListener::UnixListener(asio::io_context& io, std::string const& path)
+    : mPath(path), mAcceptor(io) {
+    removeStaleSocket(io, path);
+    asio::error_code error;
+    mAcceptor.open(asio::local::stream_protocol(), error);
+    if (!error) mAcceptor.bind(path, error);
+    if (error) {
+        throw std::runtime_error("cannot create the socket '" + path + "': " + error.message());
+    }
+    mAcceptor.listen(asio::socket_base::max_listen_connections, error);
+    if (error) {
+        ::unlink(path.c_str());
+        throw std::runtime_error("cannot listen on '" + path + "': " + error.message());
+    }
+}
+
+UnixListener::~UnixListener() {
+    ::unlink(mPath.c_str());
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,107 @@
+#include "WatchCommand.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+
+#include "Endpoint.h"
+#include "Errors.h"
+#include "HostClient.h"
+
+namespace vesk::tool {
+
+namespace {
+
+class Watcher {
+public:
+    Watcher(asio::io_context& io, std::string const& path) : mIo(io), mHost(io, path), mTimer(io) {}
+
+    int run();
+
+private:
+    void received(Message const& message);
+    void printChange(Message const& message);
+    void printCounters(Counters const& counters);
+    void query();
+
+    asio::io_context& mIo;
+    HostClient mHost;
+    asio::steady_timer mTimer;
+    int mStatus = EXIT_OK;
+};
+
+int Watcher::run() {
+    mHost.start([this](Message const& message) { received(message); },
+                [this](std::string const& reason) {
+                    say(reason);
+                    mStatus = EXIT_FAILED;
+                    mIo.stop();
+                });
+    mHost.send(encodeMessage(MessageType::WATCH));
+    query();
+    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
+    mIo.run();
+    return mStatus;
+}
+
+void Watcher::query() {
+    mHost.send(encodeMessage(MessageType::QUERY));
+    mTimer.expires_after(std::chrono::seconds(1));
+    mTimer.async_wait([this](asio::error_code const& error) {
+        if (!error) query();
+    });
+}
+
+void Watcher::received(Message const& message) {
+    if (message.type == MessageType::COUNTERS) {
+        if (auto const counters = Counters::decode(message.body)) printCounters(*counters);
+    } else {
+        printChange(message);
+    }
+    std::fflush(stdout);  // whoever reads this through a pipe wants it now
+}
+
+void Watcher::printChange(Message const& message) {
+    auto const change = ChangeMessage::decode(message.type, message.body);
+    if (!change) return;
+    char const* what = change->added ? "added" : "removed";
+    if (message.type == MessageType::TOPIC) {
+        std::printf("topic %s %s\n", change->topic.c_str(), what);
+    } else {
+        std::printf("provider %s/%s %s\n", change->topic.c_str(), change->business.c_str(), what);
+    }
+}
+
+void Watcher::printCounters(Counters const& counters) {
+    auto const print = [](char const* name, uint64_t value, char const* end) {
+        std::printf("%s %llu%s", name, static_cast<unsigned long long>(value), end);
+    };
+    std::printf("channel %s, ", counters.channelUp != 0 ? "up" : "down");
+    print("pending", counters.pending, ", ");
+    print("awaiting ack", counters.awaitingAck, ", ");
+    print("owed acks", counters.owedAcks, ", ");
+    print("sent", counters.sentPackets, ", ");
+    print("received", counters.receivedPackets, ", ");
+    print("last delay", counters.lastDelayMillis, " ms, ");
+    print("slow", counters.slowCount, ", ");
+    print("clients", counters.clients, ", ");
+    print("providers", counters.providers, ", ");
+    print("skipped bytes", counters.skippedBytes, ", ");
+    print("reconnects", counters.reconnects, ", ");
+    print("refused", counters.refused, ", ");
+    print("evicted", counters.evicted, "\n");
+}
+
+}  // namespace
+
+int runWatch(std::string const& host) {
+    asio::io_context io;
+    return Watcher(io, parseUnixPath("--host", host)).run();
+}
+
+}  // namespace vesk::tool

@@ -1,0 +1,151 @@
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <string>
+
+#include <quillex/Log.h>
+#include <CLI/CLI.hpp>
+
+#include "CallCommand.h"
+#include "DemoCommand.h"
+#include "Errors.h"
+#include "HostCommand.h"
+#include "ProvideCommand.h"
+#include "WatchCommand.h"
+
+namespace vesk::tool {
+
+namespace {
+
+using Command = std::function<int()>;
+
+void printLogLine(char const* tag, char const* message) {
+    std::fprintf(stderr, "%s: %s\n", tag, message);
+}
+
+std::string const EXIT_STATUSES = "Exit status: 0 success, 1 failure, 2 wrong usage.";
+
+void addHost(CLI::App& app, HostOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand("host", "Owns one byte channel and serves local clients");
+    sub->add_option("--channel", options.channel,
+                    "The byte channel: unix:PATH, tcp:HOST:PORT (tcp:PORT is loopback) or "
+                    "tty:DEVICE[,BAUD]")
+            ->required();
+    sub->add_flag("--listen", options.listen,
+                  "Wait for the peer at a unix: or tcp: channel instead of connecting to it");
+    sub->add_option("--clients", options.clients, "The socket for local clients: unix:PATH")
+            ->required();
+    sub->add_option("--topic", options.topics,
+                    "Serve this topic with the peer; may be repeated (default: all there are)");
+    sub->add_option("--local-topic", options.localTopics,
+                    "Serve this topic among local clients only; may be repeated");
+    sub->callback([&] { command = [&] { return runHost(options); }; });
+}
+
+void addProvide(CLI::App& app, ProvideOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand("provide", "Answers the requests of one business");
+    sub->add_option("--host", options.host, "The host's client socket: unix:PATH")->required();
+    sub->add_option("business", options.business, "TOPIC/BUSINESS")->required();
+    CLI::Option_group* answer = sub->add_option_group("answer", "How to answer; one of");
+    answer->add_flag("--echo", options.echo, "With the request's own bytes");
+    answer->add_option("--exec", options.command,
+                       "With what this shell command writes when it reads the request on stdin");
+    answer->require_option(1);
+    sub->add_option("--jobs", options.jobs, "Commands of --exec that run at once")
+            ->check(CLI::Range(1, 256))
+            ->capture_default_str();
+    sub->callback([&] { command = [&] { return runProvide(options); }; });
+}
+
+void addCall(CLI::App& app, CallOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand(
+            "call",
+            "Sends requests to a business and prints the replies; succeeds only when every "
+            "reply came");
+    sub->add_option("--host", options.host, "The host's client socket: unix:PATH")->required();
+    sub->add_option("business", options.business, "TOPIC/BUSINESS")->required();
+    CLI::Option_group* payload =
+            sub->add_option_group("payload", "What to send, up to 65535 bytes (default: stdin)");
+    payload->add_option("--data", options.data, "This text");
+    payload->add_option("--file", options.file, "The content of this file");
+    payload->add_option("--random-size", options.randomSize,
+                        "Random bytes, another length up to this one for each request");
+    payload->require_option(0, 1);
+    sub->add_option("--count", options.count, "Number of requests")
+            ->check(CLI::Range(size_t{1}, size_t{1000000000}))
+            ->capture_default_str();
+    sub->add_option("--window", options.window, "Requests that may be outstanding")
+            ->check(CLI::Range(1, 32768))
+            ->capture_default_str();
+    sub->add_option("--timeout", options.timeoutMillis, "Milliseconds to wait for each reply")
+            ->check(CLI::Range(1, 86400000))
+            ->capture_default_str();
+    sub->add_flag("--verify", options.verify, "Count a reply that is no echo as a failure");
+    sub->add_flag("--stats", options.stats, "Print count, lost, p50 and p99 to stderr");
+    sub->add_flag("--report", options.report,
+                  "Print, instead of the replies, lines for a program: 'progress REPLIES' and last "
+                  "'result REQUESTS REPLIES LOST WRONG P50 P99' (in microseconds)");
+    sub->callback([&] { command = [&] { return runCall(options); }; });
+}
+
+void addWatch(CLI::App& app, std::string& host, Command& command) {
+    CLI::App* sub = app.add_subcommand(
+            "watch", "Prints a host's topics, providers and, once a second, counters");
+    sub->add_option("--host", host, "The host's client socket: unix:PATH")->required();
+    sub->callback([&] { command = [&] { return runWatch(host); }; });
+}
+
+void addDemo(CLI::App& app, DemoOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand(
+            "demo", "Shows it all: two hosts, a provider and a consumer for every business");
+    sub->add_option("--requests", options.requests, "Requests for each business")
+            ->check(CLI::Range(1, 1000000))
+            ->capture_default_str();
+    sub->callback([&] { command = [&] { return runDemo(options); }; });
+}
+
+int run(int argc, char** argv) {
+    CLI::App app("Many conversations over one byte channel: a host and its clients.", "vesk");
+    bool verbose = false;
+    HostOptions host;
+    ProvideOptions provide;
+    CallOptions call;
+    std::string watched;
+    DemoOptions demo;
+    Command command;
+    app.add_flag("-v,--verbose", verbose, "Print the library's log lines to stderr");
+    app.footer(EXIT_STATUSES + " 'vesk COMMAND --help' tells more of a command.");
+    app.require_subcommand(1);
+    app.fallthrough();
+    addHost(app, host, command);
+    addProvide(app, provide, command);
+    addCall(app, call, command);
+    addWatch(app, watched, command);
+    addDemo(app, demo, command);
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& error) {
+        return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+    }
+    if (verbose) quillex::Log::setSink(printLogLine);
+    demo.verbose = verbose;
+    return command();
+}
+
+}  // namespace
+
+}  // namespace vesk::tool
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);  // a peer that is gone shows as an error of the write
+    try {
+        return vesk::tool::run(argc, argv);
+    } catch (vesk::tool::UsageError const& error) {
+        vesk::tool::say(error.what());
+        return vesk::tool::EXIT_USAGE;
+    } catch (std::exception const& error) {
+        vesk::tool::say(error.what());
+        return vesk::tool::EXIT_FAILED;
+    }
+}
