@@ -242,13 +242,16 @@ void Simulation::burst() {
         mHolding = true;
         mModel.blockWrites(true);
     }
-    size_t const count = mRandom.between(1, mRandom.chance(200) ? 1200 : 40);
-    bool const arrivals = mHolding && mRandom.chance(300);
+    static constexpr size_t SIZES[] = {20, 40, 300, 999, 1000, 1001, 1200};
+    size_t const count = SIZES[mRandom.below(7)];
+    size_t const kind = mRandom.below(mHolding ? 3 : 2);
     for (size_t i = 0; i < count; ++i) {
-        if (arrivals) {
-            receive(farFrame());
-        } else {
+        if (kind == 0) {
             enqueueDirectly();
+        } else if (kind == 1) {
+            submit(1, true, newFrame(1, 10, 2));
+        } else {
+            receive(farFrame());
         }
     }
     mHolding = false;
