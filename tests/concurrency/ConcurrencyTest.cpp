@@ -69,8 +69,8 @@ TEST_F(ConcurrencyTest, EverythingAtOnceLeavesAQueueThatWorks) {
             [&](uint16_t) {  // the host's manager thread
                 vesk->createTopic("test", false);
                 for (int client : {1, 2})
-                    join(client, VeskSessionManager::PROVIDER);
-                int const consumer = join(1, VeskSessionManager::CONSUMER);
+                    join(client, PROVIDER);
+                int const consumer = join(1, CONSUMER);
                 sessions->removeSession(static_cast<uint16_t>(consumer));
                 for (uint32_t client : {1U, 2U})
                     sessions->removeSessionByClient(client);

@@ -32,6 +32,9 @@ using Ids = std::vector<uint16_t>;
  */
 class VeskTest : public testing::Test {
 protected:
+    static constexpr int CONSUMER = VeskSessionManager::CONSUMER;
+    static constexpr int PROVIDER = VeskSessionManager::PROVIDER;
+
     VeskTest() {
         vesk->init(callback);
         clock.settle();
@@ -71,6 +74,11 @@ protected:
 
     int join(int client, int type) {
         return sessions->createSession(client, type, "test", "test", false);
+    }
+
+    /** Waits until the looper sleeps, without waking it: what it was not told, it does not do. */
+    void rest() const {
+        ASSERT_TRUE(eventually([this] { return queue->idle(); }));
     }
 
     std::vector<FarPeer::Frame> wire(bool acks) const {
