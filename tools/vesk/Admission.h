@@ -29,7 +29,7 @@ public:
     static constexpr size_t MAX_PENDING = 256;
 
     /** Bytes that the looper has handed to the channel and the channel has not sent yet. */
-    static constexpr size_t MAX_BACKLOG = 1024 * 1024;
+    static constexpr size_t MAX_BACKLOG = size_t{1024} * 1024;
 
     /** Both must outlive this object. */
     Admission(VeskQueue const& queue, Channel const& channel) : mQueue(queue), mChannel(channel) {}

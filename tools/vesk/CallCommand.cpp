@@ -56,6 +56,7 @@ private:
 
     asio::io_context& mIo;
     CallOptions const& mOptions;
+    BusinessName const mBusiness;
     PayloadSource mPayloads;
     HostClient mHost;
     asio::steady_timer mTimer;
@@ -74,13 +75,14 @@ private:
 Caller::Caller(asio::io_context& io, CallOptions const& options)
     : mIo(io),
       mOptions(options),
+      mBusiness(BusinessName::parse(options.business)),
       mPayloads(options),
       mHost(io, parseUnixPath("--host", options.host)),
       mTimer(io),
       mNextMsgId(mPayloads.firstMsgId()) {}
 
 int Caller::run() {
-    mSession = mHost.join(HostClient::CONSUMER, BusinessName::parse(mOptions.business));
+    mSession = mHost.join(HostClient::CONSUMER, mBusiness);
     mHost.start([this](Message const& message) { received(message); },
                 [this](std::string const& reason) {
                     say(reason);

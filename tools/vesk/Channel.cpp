@@ -11,7 +11,7 @@
 namespace vesk::tool {
 
 namespace {
-constexpr size_t CHUNK_SIZE = 256 * 1024;
+constexpr size_t CHUNK_SIZE = size_t{256} * 1024;
 }
 
 Channel::Channel(asio::io_context& io, Endpoint const& endpoint, bool listen,

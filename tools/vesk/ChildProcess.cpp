@@ -79,8 +79,8 @@ ChildProcess::~ChildProcess() {
     ::waitpid(mPid, nullptr, 0);
 }
 
-void ChildProcess::terminate() {
-    if (ending().empty()) ::kill(mPid, SIGTERM);
+void ChildProcess::signal(int number) {
+    if (ending().empty()) ::kill(mPid, number);
 }
 
 std::string const& ChildProcess::ending() {

@@ -38,8 +38,8 @@ public:
     asio::posix::stream_descriptor& input() { return mInput; }
     asio::posix::stream_descriptor& output() { return mOutput; }
 
-    /** Asks the process to end. */
-    void terminate();
+    /** Sends it a signal, unless it has ended. */
+    void signal(int number);
 
     /** "exit status 3" or "signal 9" when it has ended; empty while it runs. */
     std::string const& ending();

@@ -24,7 +24,7 @@ namespace vesk::tool {
  */
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 public:
-    static constexpr size_t OUTGOING_LIMIT = 32 * 1024 * 1024;
+    static constexpr size_t OUTGOING_LIMIT = size_t{32} * 1024 * 1024;
 
     class Owner {
     public:
@@ -69,7 +69,7 @@ private:
     uint32_t const mId;
     asio::local::stream_protocol::socket mSocket;
     Owner& mOwner;
-    std::array<uint8_t, 64 * 1024> mChunk{};
+    std::array<uint8_t, size_t{64} * 1024> mChunk{};
     MessageReader mReader;
     Message mMessage;
     bool mHasMessage = false;  // mMessage waits for the owner to take it

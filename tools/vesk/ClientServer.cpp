@@ -23,8 +23,7 @@ char const* roleName(int role) {
 
 ClientServer::ClientServer(asio::io_context& io, std::string const& path,
                            std::set<std::string> localTopics, Services services)
-    : mIo(io),
-      mListener(io, path),
+    : mListener(io, path),
       mLocalTopics(std::move(localTopics)),
       mServices(std::move(services)),
       mParkedTimer(io) {

@@ -72,7 +72,6 @@ private:
     void broadcast(Bytes const& message);
     void refuse(ClientConnection& connection, std::string const& reason);
 
-    asio::io_context& mIo;
     UnixListener mListener;
     std::set<std::string> const mLocalTopics;
     Services const mServices;

@@ -287,7 +287,7 @@ void Demo::endServants() {
     while (!mServants.empty()) {
         std::unique_ptr<ChildProcess> const servant = std::move(mServants.back());
         mServants.pop_back();
-        servant->terminate();
+        servant->signal(SIGTERM);
         await("a process to end", [&] { return !servant->ending().empty(); });
         if (!servant->succeeded()) {
             throw std::runtime_error("a host or provider ended with " + servant->ending());

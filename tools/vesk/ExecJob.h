@@ -38,7 +38,7 @@ private:
     asio::steady_timer mTimer;
     Bytes const mPayload;
     Bytes mReply;
-    std::array<uint8_t, 16 * 1024> mChunk{};
+    std::array<uint8_t, size_t{16} * 1024> mChunk{};
     Done mDone;
 };
 

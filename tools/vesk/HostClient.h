@@ -55,7 +55,7 @@ private:
     void closed(std::string const& reason);
 
     asio::local::stream_protocol::socket mSocket;
-    std::array<uint8_t, 64 * 1024> mChunk{};
+    std::array<uint8_t, size_t{64} * 1024> mChunk{};
     MessageReader mReader;
     MessageHandler mOnMessage;
     ClosedHandler mOnClosed;

@@ -36,6 +36,7 @@ private:
 
     asio::io_context& mIo;
     ProvideOptions const& mOptions;
+    BusinessName const mBusiness;
     HostClient mHost;
     std::deque<DataMessage> mWaiting;
     std::set<std::shared_ptr<ExecJob>> mJobs;
@@ -43,12 +44,14 @@ private:
 };
 
 Provider::Provider(asio::io_context& io, ProvideOptions const& options)
-    : mIo(io), mOptions(options), mHost(io, parseUnixPath("--host", options.host)) {}
+    : mIo(io),
+      mOptions(options),
+      mBusiness(BusinessName::parse(options.business)),
+      mHost(io, parseUnixPath("--host", options.host)) {}
 
 int Provider::run() {
-    BusinessName const business = BusinessName::parse(mOptions.business);
-    uint16_t const session = mHost.join(HostClient::PROVIDER, business);
-    say("providing " + business.toString() + " as session " + std::to_string(session));
+    uint16_t const session = mHost.join(HostClient::PROVIDER, mBusiness);
+    say("providing " + mBusiness.toString() + " as session " + std::to_string(session));
     mHost.start([this](Message const& message) { requested(message); },
                 [this](std::string const& reason) {
                     say(reason);

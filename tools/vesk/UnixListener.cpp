@@ -35,7 +35,8 @@ UnixListener::UnixListener(asio::io_context& io, std::string const& path)
     mAcceptor.open(asio::local::stream_protocol(), error);
     if (!error) mAcceptor.bind(path, error);
     if (error) {
-        throw std::runtime_error("cannot create the socket '" + path + "': " + error.message());
+        throw std::runtime_error("cannot create the socket '" + path + "': " + error.message() +
+                                 "; choose a path where one can be created");
     }
     mAcceptor.listen(asio::socket_base::max_listen_connections, error);
     if (error) {

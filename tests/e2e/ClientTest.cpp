@@ -1,0 +1,182 @@
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <asio/read.hpp>
+#include <asio/write.hpp>
+
+#include "support/Scene.h"
+
+namespace vesk::e2e {
+
+namespace {
+
+using tool::Bytes;
+
+/** What local clients do, and what is done to them. */
+class ClientTest : public Scene {
+protected:
+    using Connection = asio::local::stream_protocol::socket;
+
+    /** A client that follows no rules. */
+    Connection connect(std::string const& host) {
+        Connection connection(mIo);
+        connection.connect(path(host));
+        return connection;
+    }
+
+    static std::string readToEnd(Connection& connection) {
+        std::string all;
+        asio::error_code end;
+        asio::read(connection, asio::dynamic_buffer(all), end);
+        return all;
+    }
+
+    static Bytes half(Bytes bytes) {
+        bytes.resize(bytes.size() / 2);
+        return bytes;
+    }
+
+    void expectCall(std::string const& ending, Arguments arguments, std::string const& errors,
+                    std::string const& business = "test/test") {
+        Process& caller = call("near", std::move(arguments), business);
+        EXPECT_EQ(caller.ending(), ending);
+        EXPECT_NE(caller.errors().find(errors), std::string::npos) << caller.errors();
+    }
+};
+
+TEST_F(ClientTest, AProviderThatDiesTakesItsSessionAlong) {
+    startPair();
+    Process& watcher = start({"watch", "--host", socket("far")});
+    Process& provider = startEcho("far");
+    expectCall("exit status 0", {"--data", "x"}, "");
+
+    provider.signal(SIGKILL);
+    await("watch to tell",
+          [&] { return watcher.output().find("provider test/test removed") != std::string::npos; });
+    EXPECT_EQ(provider.ending(), "signal 9");
+    expectCall("exit status 1", {"--data", "x", "--timeout", "300", "--count", "2"},
+               "2 of 2 requests got no reply");
+    EXPECT_EQ(counters("far").providers, 0U);
+
+    startEcho("far");
+    expectCall("exit status 0", {"--data", "x"}, "");
+}
+
+TEST_F(ClientTest, BrokenClientsHarmNobody) {
+    startPair();
+    startEcho("far");
+    Bytes const join = tool::JoinMessage{1, "test", "test"}.encode();
+    {
+        Connection vanishing = connect("near");
+        asio::write(vanishing, asio::buffer(half(join)));
+        Connection joined = connect("near");
+        asio::write(joined, asio::buffer(join));
+        asio::write(joined, asio::buffer(half(tool::DataMessage::encode(tool::MessageType::REQUEST,
+                                                                        0, 7, Bytes(500)))));
+        await("both to arrive", [&] { return counters("near").clients == 3; });
+    }
+    await("both to be gone", [&] { return counters("near").clients == 1; });
+
+    struct {
+        Bytes bytes;
+        char const* answer;
+    } const bad[] = {
+            {{0xFF, 0xFF, 0xFF, 0xFF, 4}, "65535 bytes at most"},
+            {{0, 0, 0, 0}, "without a type"},
+            {{1, 0, 0, 0, 99}, "messages of type 99"},
+            {{3, 0, 0, 0, 1, 1, 200}, "not of its form"},
+            {tool::JoinMessage{3, "test", "test"}.encode(), "not as 3"},
+            {tool::DataMessage::encode(tool::MessageType::REPLY, 1, 1, {}), "only a provider"},
+    };
+    for (auto const& [bytes, answer] : bad) {
+        Connection connection = connect("near");
+        asio::write(connection, asio::buffer(bytes));
+        EXPECT_NE(readToEnd(connection).find(answer), std::string::npos) << answer;
+    }
+    EXPECT_EQ(counters("near").refused, std::size(bad));
+    expectCall("exit status 0", {"--data", "x"}, "");
+}
+
+TEST_F(ClientTest, AClientThatDoesNotReadIsDisconnected) {
+    startPair();
+    startEcho("far");
+    Connection connection = connect("near");
+    asio::write(connection, asio::buffer(tool::JoinMessage{1, "test", "test"}.encode()));
+    Bytes const request =
+            tool::DataMessage::encode(tool::MessageType::REQUEST, 0, 1, Bytes(tool::MAX_PAYLOAD));
+    asio::error_code error;
+    for (int i = 0; i < 2000 && !error; ++i)
+        asio::write(connection, asio::buffer(request), error);
+    EXPECT_TRUE(error) << "the host buffers without end";
+    EXPECT_EQ(counters("near").evicted, 1U);
+    expectCall("exit status 0", {"--data", "x"}, "");
+}
+
+TEST_F(ClientTest, WhatCannotBeIsRefusedWithTheReason) {
+    startHost("near", socket("channel"), {"--local-topic", "test"});
+    std::ofstream(path("long")) << std::string(65536, 'x');
+    std::ofstream(path("longest")) << std::string(65535, 'x');
+    expectCall("exit status 2", {"--file", path("long")}, "longer than 65535 bytes");
+    expectCall("exit status 2", {"--data", "x"}, "the known ones are: test", "test/toast");
+    expectCall("exit status 2", {"--data", "x"}, "known ones are: virtualcomm, test", "nix/vm");
+    expectCall("exit status 2", {"--data", "x"}, "it serves: test", "virtualcomm/vm");
+    expectCall("exit status 2", {"--data", "x"}, "write TOPIC/BUSINESS", "test");
+    expectCall("exit status 2", {"--data", "x", "--window", "0"}, "--window");
+
+    // A local topic needs no channel.
+    startEcho("near");
+    Process& caller = call("near", {"--file", path("longest")});
+    EXPECT_EQ(caller.output(), std::string(65535, 'x') + "\n");
+}
+
+TEST_F(ClientTest, EveryCommandEndsCleanlyAndASocketIsNeverInTheWay) {
+    Process& far = startHost("far", socket("channel"), {"--listen"});
+    Process& rival = start({"host", "--channel", socket("other"), "--clients", socket("far")});
+    await("the rival to give up", [&] { return rival.ended(); });
+    EXPECT_EQ(rival.ending(), "exit status 1");
+    EXPECT_NE(rival.errors().find("another process serves"), std::string::npos);
+
+    far.signal(SIGKILL);
+    await("the host to die", [&] { return far.ended(); });
+    ASSERT_TRUE(std::filesystem::exists(path("far")));
+    Process& successor = startHost("far", socket("channel"), {"--listen"});
+    Process& provider = startEcho("far");
+    Process& caller = start({"call", "--host", socket("far"), "test/test", "--data", "x"});
+    await("the call to wait", [&] { return counters("far").clients == 3; });
+    for (Process* process : {&caller, &provider, &successor}) {
+        process->signal(SIGINT);
+        await("Ctrl-C to work", [&] { return process->ended(); });
+    }
+    EXPECT_EQ(caller.ending(), "exit status 1") << "its reply never came";
+    EXPECT_EQ(provider.ending(), "exit status 0");
+    EXPECT_EQ(successor.ending(), "exit status 0");
+    EXPECT_FALSE(std::filesystem::exists(path("far")));
+    EXPECT_FALSE(std::filesystem::exists(path("channel")));
+}
+
+TEST_F(ClientTest, TheDemoLosesNothingAndCleansUp) {
+    ::setenv("TMPDIR", path("").c_str(), 1);
+    Process& demo = start({"demo", "--requests", "30"});
+    await("the demo", [&] { return demo.ended(); });
+    EXPECT_EQ(demo.ending(), "exit status 0") << demo.errors();
+    EXPECT_NE(demo.output().find("\ntotal                          420       420      0"),
+              std::string::npos)
+            << demo.output();
+
+    Process& interrupted = start({"demo", "--requests", "1000000"});
+    await("the consumers", [&] { return !interrupted.output().empty(); });
+    interrupted.signal(SIGINT);
+    await("Ctrl-C to work", [&] { return interrupted.ended(); });
+    EXPECT_EQ(interrupted.ending(), "exit status 130");
+    for (auto const& entry : std::filesystem::directory_iterator(path(""))) {
+        EXPECT_EQ(entry.path().filename().string().rfind("errors", 0), 0U) << entry.path();
+    }
+}
+
+}  // namespace
+
+}  // namespace vesk::e2e

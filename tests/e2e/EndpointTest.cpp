@@ -1,0 +1,80 @@
+#include <optional>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <asio/ip/tcp.hpp>
+
+#include "support/Scene.h"
+#include "support/Wire.h"
+
+namespace vesk::e2e {
+
+namespace {
+
+std::string freePort(asio::io_context& io) {
+    using asio::ip::tcp;
+    tcp::acceptor const probe(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0));
+    return std::to_string(probe.local_endpoint().port());
+}
+
+/** The same traffic over each kind of channel. */
+class EndpointTest : public Scene, public ::testing::WithParamInterface<char const*> {
+protected:
+    void startHosts() {
+        std::string const kind = GetParam();
+        if (kind == "tty") {
+            PseudoTerminal const near(mIo);
+            PseudoTerminal const far(mIo);
+            mWire.emplace(near.end(), far.end());
+            mTerminals = {near, far};
+            startHost("near", "tty:" + near.device() + ",921600");
+            startHost("far", "tty:" + far.device());
+        } else {
+            std::string const channel =
+                    kind == "tcp" ? "tcp:127.0.0.1:" + freePort(mIo) : socket("channel");
+            startHost("near", channel);  // the one that connects has to try again
+            startHost("far", channel, {"--listen"});
+        }
+        awaitChannel("near", true);
+        awaitChannel("far", true);
+    }
+
+private:
+    std::optional<Wire> mWire;
+    std::vector<PseudoTerminal> mTerminals;
+};
+
+TEST_P(EndpointTest, RequestsOfEverySizeAreAnswered) {
+    startHosts();
+    startEcho("far");
+    startEcho("far", "virtualcomm/cell0");
+    Process& provider =
+            start({"provide", "--host", socket("near"), "virtualcomm/vm", "--exec", "tr a-z A-Z"});
+    await("the provider", [&] { return counters("near").providers == 1; });
+
+    for (char const* business : {"test/test", "virtualcomm/cell0"}) {
+        Process& caller = call("near",
+                               {"--random-size", "65535", "--count", "150", "--window", "8",
+                                "--verify", "--report", "--timeout", "60000"},
+                               business);
+        EXPECT_EQ(caller.ending(), "exit status 0") << caller.errors();
+        EXPECT_NE(caller.output().find("result 150 150 0 0"), std::string::npos) << caller.output();
+    }
+    Process& shout = call("far", {"--data", "loud", "--count", "20", "--window", "20", "--stats"},
+                          "virtualcomm/vm");
+    EXPECT_EQ(shout.ending(), "exit status 0") << shout.errors() << provider.errors();
+    std::string twenty;
+    for (int i = 0; i < 20; ++i)
+        twenty += "LOUD\n";
+    EXPECT_EQ(shout.output(), twenty);
+    EXPECT_NE(shout.errors().find("requests 20, replies 20, lost 0, p50"), std::string::npos);
+    EXPECT_EQ(counters("near").skippedBytes, 0U);
+    EXPECT_EQ(counters("far").receivedPackets, 300U + 20U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, EndpointTest, ::testing::Values("unix", "tcp", "tty"),
+                         [](auto const& kind) { return std::string(kind.param); });
+
+}  // namespace
+
+}  // namespace vesk::e2e
