@@ -27,13 +27,14 @@ namespace vesk {
  * serves; sessions for its clients through getSessionManager(); then every frame that it reads from
  * the channel goes to getQueue()->receiveFromChannel(), and the callback gets the bytes to write.
  *
- * Ownership: the facade owns the queue, both managers and the catalogue for the life of the
- * process. Pointers that it returns stay its own. Threads:   every operation may be called from any
- * thread and from inside a callback. Install the callback before traffic starts: until then bytes,
- * frames and notifications are lost. The end:   the instance is destroyed at process exit. It first
- * empties and stops the queue and waits for a callback that the looper is just running; a
- * sendToChannel() that never returns is the only thing that can hold the exit. Threads of the host
- * must have stopped calling the library by then.
+ * Ownership: the facade owns the queue, both managers and the catalogue for the life of the process.
+ *            Pointers that it returns stay its own.
+ * Threads:   every operation may be called from any thread and from inside a callback. Install the
+ *            callback before traffic starts: until then bytes, frames and notifications are lost.
+ * The end:   the instance is destroyed at process exit. It first stops the queue and waits for a
+ *            sendToChannel() that the looper is just in; one that never returns is the only thing
+ *            that can hold the exit. Threads of the host must have stopped calling the library by
+ *            then.
  */
 class VESK_EXPORT Vesk {
 public:

@@ -38,9 +38,9 @@ public:
                          std::shared_ptr<VeskFrame> const& frame) = 0;
 
     /**
-     * One whole frame to write to the byte channel. Runs on the queue's looper thread, one call at
-     * a time and in the order in which the bytes must leave. A call that blocks holds back every
-     * other outgoing frame; one that never returns keeps the process from ending.
+     * One whole frame to write to the byte channel. Runs on the facade's queue's looper thread, one
+     * call at a time and in the order in which the bytes must leave. A call that blocks holds back
+     * every other outgoing frame; one that never returns keeps the process from ending.
      */
     virtual void sendToChannel(std::vector<uint8_t> bytes) = 0;
 

@@ -44,14 +44,16 @@ private:
  * of the same msgId is sent after it, or 2000 ms have passed; nothing is ever sent twice.
  * Acknowledgements owed to the peer leave five at a time or 500 ms after the oldest.
  *
- * Threads:   every operation may be called from any thread and from inside a callback, but for
- * those marked "looper only". The host's sendToChannel() runs on the looper thread. Locks: mMutex
- * guards everything that can change; it is never held while the facade, a topic or the host is
- * called. Some log lines are written under it: a log sink must not call the queue. Ownership:
- * shares each frame until it is sent and, where asked for, acknowledged or expired. Limits:    1000
- * packets pending and 1000 awaiting acknowledgement. The packet that finds the queue full is
- * dropped, which is logged and reported to nobody: look at size() before. Times:     milliseconds
- * of uptime, unsigned 64-bit.
+ * Threads:   every operation may be called from any thread and from inside a callback, but for those
+ *            marked "looper only". The host's sendToChannel() runs on the looper thread; while it
+ *            blocks, nothing else leaves, and what was sent goes on ageing.
+ * Locks:     mMutex guards everything that can change but the counters; it is never held while the
+ *            facade, a topic or the host is called. Some log lines are written under it: a log sink
+ *            must not call the queue.
+ * Ownership: shares each frame until it is sent and, where asked for, acknowledged or expired.
+ * Limits:    1000 packets pending and 1000 awaiting acknowledgement. The packet that finds the queue
+ *            full is dropped, which is logged and reported to nobody: look at size() before.
+ * Times:     milliseconds of uptime, unsigned 64-bit.
  */
 class VESK_EXPORT VeskQueue {
 public:
@@ -128,7 +130,7 @@ public:
     void enqueue(int priority, bool needRetransmission, std::shared_ptr<VeskFrame> frame)
             VESK_EXCLUDES(mMutex);
 
-    /** Like enqueue(), for a packet made by the caller, which must not be pending already. */
+    /** Like enqueue(), for a packet of the caller's, which no queue may hold already. */
     void push(android::sp<QueuedPacket>& packet) VESK_EXCLUDES(mMutex);
 
     /**
@@ -144,7 +146,7 @@ public:
     android::sp<QueuedPacket> dequeuePacket() VESK_EXCLUDES(mMutex);
 
     /**
-     * Takes one packet out of the pending ones; nothing happens to one that is not among them.
+     * Takes one packet out of the pending ones; nothing happens to one that no queue holds.
      * @return the packet that followed it; null when it was the last.
      */
     android::sp<QueuedPacket> removePacket(android::sp<QueuedPacket> const& packet)
@@ -152,7 +154,8 @@ public:
 
     /**
      * Gives the first pending frame that agrees in topic, business, msgId, msgType and reply the
-     * data of the packet's frame. It keeps its place, times, serial number and msgId.
+     * data of the packet's frame. It keeps its place, times, serial number and msgId. A frame that
+     * sendToChannel() is just writing still counts as pending; the new data is not written then.
      * @return false when no pending frame agrees; the packet is not queued then.
      */
     bool replacePacket(android::sp<QueuedPacket>& packet) VESK_EXCLUDES(mMutex);
@@ -217,12 +220,13 @@ public:
     /** Makes the looper look at the clock again: for a clock that has been moved. */
     void wake() VESK_EXCLUDES(mMutex);
 
-    /** Whether the looper sleeps with nothing left to do at the present time. */
+    /** Whether the looper sleeps, with nothing left to do when it last looked at the clock. */
     bool idle() const VESK_EXCLUDES(mMutex);
 
     /**
      * Ends the looper: waits for a sendToChannel() that is under way, unless called from inside it.
-     * What is pending is not sent any more, and admission is refused. Further calls do nothing.
+     * What is pending is not sent any more, and admission is refused. Further calls do nothing; one
+     * that comes while another waits does not wait itself.
      */
     void stop() VESK_EXCLUDES(mMutex);
 
@@ -239,6 +243,7 @@ private:
     android::sp<QueuedPacket> nextDue(android::sp<QueuedPacket> const& from, int& budget,
                                       uint64_t now, unsigned long long& nextTime) const
             VESK_REQUIRES(mMutex);
+    void wakeStalled() VESK_REQUIRES(mMutex);
     bool recordSend(android::sp<QueuedPacket>& packet, uint64_t now, unsigned long long& nextTime,
                     std::vector<uint8_t>& bytes) VESK_REQUIRES(mMutex);
 
@@ -265,6 +270,7 @@ private:
     bool mWakeAsked VESK_GUARDED_BY(mMutex) = false;  // since the pass began
     bool mAsleep VESK_GUARDED_BY(mMutex) = false;
     bool mHistoryWasFull VESK_GUARDED_BY(mMutex) = false;  // the last pass stopped at it
+    PacketList mDropped VESK_GUARDED_BY(mMutex);  // for the looper to let go of outside the lock
 };
 
 }  // namespace vesk

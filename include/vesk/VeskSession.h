@@ -33,7 +33,7 @@ public:
 
     /**
      * Publishes a frame through the topic. The frame's header is the sender's business; nothing in
-     * it is changed. Without a topic, or with a null frame, nothing happens.
+     * it is changed. Without a topic nothing happens, and a null frame goes nowhere.
      *
      * @param local    true: deliver to a session of this process. false: queue it for the peer.
      * @param priority accepted and ignored; what goes to the peer has priority 1.

@@ -20,9 +20,9 @@ class VeskSession;
  * Creates, finds and removes sessions, hands out their ids and announces providers.
  *
  * Threads: memory stays sound whatever threads call, and every operation may be called from inside
- *          a callback. Creations and removals belong on one thread at a time: two that race over
- * the same session each do their steps, in an order that nobody chose. Locks:   none is held while
- * a topic, the facade or the host is called.
+ *          a callback. Creations and removals belong on one thread at a time: two that race over the
+ *          same session each do their steps, in an order that nobody chose.
+ * Locks:   none is held while a topic, the facade or the host is called.
  */
 class VESK_EXPORT VeskSessionManager {
 public:
@@ -75,6 +75,8 @@ public:
      * announced as gone but stays in its topic, which goes on routing to it;
      * removeSessionByClient() takes providers out of their topics as well.
      *
+     * The id is free before the announcement; getSession() finds the provider until it is over.
+     *
      * @return the number of sessions removed, 0 or 1.
      */
     size_t removeSession(uint16_t sessionId) VESK_EXCLUDES(mMutex);
@@ -86,7 +88,6 @@ public:
     int removeSessionByClient(uint32_t clientId) VESK_EXCLUDES(mMutex);
 
 private:
-    friend class Vesk;
     using SessionTable = std::unordered_map<uint16_t, std::shared_ptr<VeskSession>>;
 
     int allocateId() VESK_REQUIRES(mMutex);
@@ -110,7 +111,6 @@ private:
     size_t removeAllOf(int type, uint32_t clientId) VESK_EXCLUDES(mMutex);
     std::vector<std::shared_ptr<VeskSession>> sessionsOf(int type, uint32_t clientId) const
             VESK_EXCLUDES(mMutex);
-    std::vector<std::shared_ptr<VeskSession>> sessions() const VESK_EXCLUDES(mMutex);
 
     std::set<uint16_t> mSessionIds VESK_GUARDED_BY(mMutex);
     SessionTable mConsumerSessions VESK_GUARDED_BY(mMutex);

@@ -19,7 +19,8 @@ class VeskSession;
  * The sessions that have joined one topic, and the routing among them.
  *
  * Ownership: made by VeskTopicManager and shared with the sessions. A topic holds its sessions and
- *            they hold it, so both live until the sessions are removed.
+ *            they hold it, so both live until the sessions have been taken out of it, or until the
+ *            process ends.
  * Threads:   every operation may be called from any thread and from inside a callback; a session is
  *            called with no lock held, kept alive by a reference of the caller's.
  */
@@ -52,7 +53,7 @@ public:
     /**
      * Sends a frame to the peer (priority 1, acknowledgement wanted) or, with `local`, to a session
      * of this process. A local topic refuses to send to the peer with the log line
-     * "publish fail for local!". A null frame is ignored.
+     * "publish fail for local!". Nothing else happens to a null frame.
      *
      * @param priority accepted and ignored.
      */

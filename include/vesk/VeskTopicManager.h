@@ -52,9 +52,12 @@ public:
 private:
     friend class Vesk;
 
-    std::vector<std::shared_ptr<VeskTopic>> topics() const VESK_EXCLUDES(mMutex);
+    void rememberRemoved(std::shared_ptr<VeskTopic> const& topic) VESK_REQUIRES(mMutex);
+    std::vector<std::shared_ptr<VeskTopic>> everyTopic() const VESK_EXCLUDES(mMutex);
 
     std::unordered_map<uint16_t, std::shared_ptr<VeskTopic>> mTopics VESK_GUARDED_BY(mMutex);
+    // Removed, and perhaps still alive through their sessions.
+    std::vector<std::weak_ptr<VeskTopic>> mRemoved VESK_GUARDED_BY(mMutex);
     mutable std::mutex mMutex;
 };
 

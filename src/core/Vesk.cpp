@@ -17,11 +17,8 @@ Vesk::~Vesk() {
     // The looper ends before anything that it calls. Topics and sessions own each other: without
     // the cut they, and the queue with them, would outlive the process's last statement.
     mQueue->stop();
-    for (auto const& topic : mTopicManager.topics()) {
+    for (auto const& topic : mTopicManager.everyTopic()) {
         topic->dropSessions();
-    }
-    for (auto const& session : mSessionManager.sessions()) {
-        if (auto const topic = session->getTopic()) topic->dropSessions();
     }
 }
 

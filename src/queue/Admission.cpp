@@ -71,6 +71,7 @@ bool VeskQueue::enqueuePacket(android::sp<QueuedPacket>& packet) {
 
 void VeskQueue::insertByPriority(android::sp<QueuedPacket> const& packet) {
     if (mHead == nullptr) {
+        if (mTail != nullptr) mDropped.push_back(mTail);  // the stale one
         mHead = packet;
         mTail = packet;
     } else if (packet->mPriority < mHead->mPriority) {
@@ -105,6 +106,7 @@ android::sp<VeskQueue::QueuedPacket> VeskQueue::dequeuePacket() {
     }
     packet->mNext.clear();
     --mPending;
+    wakeStalled();
     return packet;
 }
 
@@ -125,6 +127,7 @@ android::sp<VeskQueue::QueuedPacket> VeskQueue::removePacket(
     packet->mPrev.clear();
     packet->mNext.clear();
     --mPending;
+    wakeStalled();
     return next;
 }
 

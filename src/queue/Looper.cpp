@@ -117,6 +117,13 @@ void VeskQueue::wakeLooper() {
     mCond.notify_one();
 }
 
+void VeskQueue::wakeStalled() {
+    if (mHistoryWasFull) {
+        mHistoryWasFull = false;
+        wakeLooper();
+    }
+}
+
 void VeskQueue::wake() {
     std::lock_guard<std::mutex> lock(mMutex);
     wakeLooper();
@@ -139,6 +146,7 @@ void VeskQueue::cleanup() {
     }
     mPending = 0;
     dropped.splice(dropped.end(), mWaitAckList);
+    dropped.splice(dropped.end(), mDropped);
     mAckList.clear();
     mHistoryWasFull = false;
     mFeedback.cleanup();

@@ -91,9 +91,8 @@ void VeskQueue::receiveAckMessage(std::shared_ptr<VeskFrame> frame) {
         mFeedback.updateDelay(now - (low32((*sent)->mSendTime) + hold));
         released.splice(released.end(), mWaitAckList, sent);
     }
-    if (mHistoryWasFull && !released.empty()) {
-        mHistoryWasFull = false;
-        wakeLooper();
+    if (!released.empty()) {
+        wakeStalled();
     }
 }
 

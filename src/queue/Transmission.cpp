@@ -25,11 +25,13 @@ void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
     uint64_t const now = quillex::SystemClock::uptimeMillis();
     while (current != nullptr) {
         android::sp<QueuedPacket> due;
+        PacketList dropped;  // let go of after the lock
         std::vector<uint8_t> bytes;
         {
             std::lock_guard<std::mutex> lock(mMutex);
             due = nextDue(current, budget, now, nextTime);
             if (due == nullptr || !recordSend(due, now, nextTime, bytes)) return;
+            dropped.swap(mDropped);
         }
         VeskFrame const& frame = *due->mFrame;
         debugLog(QUEUE_TAG, "sendToChannel:", frame.msgId, "; serial:", frame.serialNumber,
@@ -48,17 +50,20 @@ void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
 android::sp<VeskQueue::QueuedPacket> VeskQueue::nextDue(android::sp<QueuedPacket> const& from,
                                                         int& budget, uint64_t now,
                                                         unsigned long long& nextTime) const {
+    // Owed acknowledgements and expiries must get their turn under unbroken sending: a pass sends no
+    // more packets than were pending when it began, and for no longer than acknowledgements may
+    // wait. It also ends where another thread has taken its place in the chain away.
+    bool const spent =
+            budget <= 0 || elapsed(quillex::SystemClock::uptimeMillis(), now) >= ACK_BATCH_AGE_MS;
+    if (spent || !isChained(from.get())) {
+        nextTime = 0;
+        return nullptr;
+    }
     for (QueuedPacket* entry = from.get(); entry != nullptr && mRunning;
          entry = entry->mNext.get()) {
-        // A pass ends with as many packets as were pending when it began, so that unbroken sending
-        // does not keep acknowledgements and expiries waiting; it also ends where another thread
-        // has taken its place in the chain away. Either way the next one follows at once.
-        if (budget-- <= 0 || !isChained(entry)) {
-            nextTime = 0;
-            return nullptr;
-        }
         uint64_t const age = elapsed(now, entry->mEnqueueTime);
         if (entry->mPriority == IMMEDIATE_PRIORITY || age >= mTimeout) {
+            --budget;
             return entry;
         }
         lowerTo(nextTime, mTimeout - age);
@@ -84,7 +89,7 @@ bool VeskQueue::recordSend(android::sp<QueuedPacket>& packet, uint64_t now,
 }
 
 bool VeskQueue::addToHistoryList(android::sp<QueuedPacket>& packet) {
-    if (packet == nullptr || !packet->mNeedRetransmission) {
+    if (packet == nullptr || !packet->mFrame || !packet->mNeedRetransmission) {
         return true;
     }
     auto const superseded = std::find_if(mWaitAckList.begin(), mWaitAckList.end(),
@@ -92,7 +97,7 @@ bool VeskQueue::addToHistoryList(android::sp<QueuedPacket>& packet) {
                                              return entry->mFrame->msgId == packet->mFrame->msgId;
                                          });
     if (superseded != mWaitAckList.end()) {
-        mWaitAckList.erase(superseded);
+        mDropped.splice(mDropped.end(), mWaitAckList, superseded);
     }
     if (mWaitAckList.size() >= mMaxHistory) {
         return false;

@@ -121,6 +121,8 @@ void VeskSessionManager::admit(std::shared_ptr<VeskSession> const& session,
     }
     if (isProvider) {
         Vesk::getInstance()->notifyBusinessChanged(true, topicName, businessName);
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (find(PROVIDER, session->sessionId()) != session) return;  // removed by the callback
     }
     // The topic may have been removed by another thread since the names were resolved.
     if (auto const topic = session->getTopic()) {
@@ -205,26 +207,16 @@ bool VeskSessionManager::release(std::shared_ptr<VeskSession> const& session) {
 
 size_t VeskSessionManager::forget(std::shared_ptr<VeskSession> const& session) {
     std::lock_guard<std::mutex> lock(mMutex);
+    auto const present = find(session->type(), session->sessionId());
     // The id was freed before: a callback may have given it, and the place, to a new session.
-    bool const present = find(session->type(), session->sessionId()) == session;
-    return present ? tableOf(session->type()).erase(session->sessionId()) : 0;
+    if (present == session) tableOf(session->type()).erase(session->sessionId());
+    return present ? 1 : 0;
 }
 
 std::shared_ptr<VeskSession> VeskSessionManager::find(int type, uint16_t sessionId) const {
     SessionTable const& table = tableOf(type);
     auto const found = table.find(sessionId);
     return found == table.end() ? nullptr : found->second;
-}
-
-std::vector<std::shared_ptr<VeskSession>> VeskSessionManager::sessions() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    std::vector<std::shared_ptr<VeskSession>> all;
-    for (SessionTable const* table : {&mConsumerSessions, &mProviderSessions}) {
-        for (auto const& entry : *table) {
-            all.push_back(entry.second);
-        }
-    }
-    return all;
 }
 
 }  // namespace vesk

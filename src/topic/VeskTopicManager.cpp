@@ -1,5 +1,8 @@
 #include <vesk/VeskTopicManager.h>
 
+#include <algorithm>
+#include <utility>
+
 #include <vesk/Vesk.h>
 
 #include "core/DebugLog.h"
@@ -38,6 +41,7 @@ int VeskTopicManager::removeTopic(std::string const& name) {
     {
         std::lock_guard<std::mutex> lock(mMutex);
         removed = mTopics.extract(static_cast<uint16_t>(id));
+        if (!removed.empty()) rememberRemoved(removed.mapped());
     }
     if (removed.empty()) {
         return 0;
@@ -57,11 +61,20 @@ std::shared_ptr<VeskTopic> VeskTopicManager::getTopic(uint16_t topicId) const {
     return found == mTopics.end() ? nullptr : found->second;
 }
 
-std::vector<std::shared_ptr<VeskTopic>> VeskTopicManager::topics() const {
+void VeskTopicManager::rememberRemoved(std::shared_ptr<VeskTopic> const& topic) {
+    auto const gone = [](std::weak_ptr<VeskTopic> const& earlier) { return earlier.expired(); };
+    mRemoved.erase(std::remove_if(mRemoved.begin(), mRemoved.end(), gone), mRemoved.end());
+    mRemoved.push_back(topic);
+}
+
+std::vector<std::shared_ptr<VeskTopic>> VeskTopicManager::everyTopic() const {
     std::lock_guard<std::mutex> lock(mMutex);
     std::vector<std::shared_ptr<VeskTopic>> all;
     for (auto const& entry : mTopics) {
         all.push_back(entry.second);
+    }
+    for (auto const& removed : mRemoved) {
+        if (auto topic = removed.lock()) all.push_back(std::move(topic));
     }
     return all;
 }
