@@ -9,7 +9,7 @@ class ConcurrencyTest : public VeskTest {
 protected:
     using Work = std::function<void(uint16_t round)>;
 
-    void repeat(Work work, int rounds) {
+    void repeat(int rounds, Work work) {
         mThreads.emplace_back([this, work, rounds] {
             while (!mStarted)
                 std::this_thread::yield();
@@ -46,44 +46,36 @@ TEST_F(ConcurrencyTest, EverythingAtOnceLeavesAQueueThatWorks) {
         }
     });
     for (int producer = 0; producer < 3; ++producer) {
-        repeat([&](uint16_t round) { topic->publish(false, frame(round), 1); }, 3000);
+        repeat(3000, [&](uint16_t round) { topic->publish(false, frame(round), 1); });
     }
-    repeat(
-            [&](uint16_t round) {
-                Packet held = packet(2 + round % 3, round, true);
-                queue->push(held);
-                Packet update = packet(2, round);
-                queue->replacePacket(update);
-                queue->removePacket(held);
-                queue->dequeuePacket();
-            },
-            3000);
-    repeat(
-            [&](uint16_t round) {  // what comes from the channel
-                peer.send(request(round));
-                peer.acknowledge(round);
-                clock.jump(round % 16 == 0 ? 700 : 1);
-            },
-            3000);
-    repeat(
-            [&](uint16_t) {  // the host's manager thread
-                vesk->createTopic("test", false);
-                for (int client : {1, 2})
-                    join(client, PROVIDER);
-                int const consumer = join(1, CONSUMER);
-                sessions->removeSession(static_cast<uint16_t>(consumer));
-                for (uint32_t client : {1U, 2U})
-                    sessions->removeSessionByClient(client);
-                vesk->removeTopic("test");
-            },
-            1000);
-    repeat(
-            [&](uint16_t) {
-                vesk->onChannelAvailable(false);
-                queue->wake();
-                std::this_thread::sleep_for(std::chrono::microseconds(500));
-            },
-            300);
+    repeat(3000, [&](uint16_t round) {
+        Packet held = packet(2 + round % 3, round, true);
+        queue->push(held);
+        Packet update = packet(2, round);
+        queue->replacePacket(update);
+        queue->removePacket(held);
+        queue->dequeuePacket();
+    });
+    repeat(3000, [&](uint16_t round) {  // what comes from the channel
+        peer.send(request(round));
+        peer.acknowledge(round);
+        clock.jump(round % 16 == 0 ? 700 : 1);
+    });
+    repeat(1000, [&](uint16_t) {  // the host's manager thread
+        vesk->createTopic("test", false);
+        for (int client : {1, 2})
+            join(client, PROVIDER);
+        int const consumer = join(1, CONSUMER);
+        sessions->removeSession(static_cast<uint16_t>(consumer));
+        for (uint32_t client : {1U, 2U})
+            sessions->removeSessionByClient(client);
+        vesk->removeTopic("test");
+    });
+    repeat(300, [&](uint16_t) {
+        vesk->onChannelAvailable(false);
+        queue->wake();
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    });
     runAll();
 
     callback->onReceive(nullptr);

@@ -65,12 +65,12 @@ TEST_F(AdmissionTest, ChainIsInPriorityOrderAndFairAmongEquals) {
 
 TEST_F(AdmissionTest, PriorityOneLeavesAtOnceAndTheOthersInOrderAfter2000ms) {
     uint16_t msgId = 0;
-    for (int const priority : {5, 3, 5, 1, 3})
+    for (int const priority : {5, 3, 5, 1, 3, 0})
         queue->enqueue(priority, false, frame(++msgId));
     clock.settle();
     EXPECT_EQ(left(), std::vector<int>{4});
     clock.advance(2000);
-    EXPECT_EQ(left(), (std::vector<int>{4, 2, 5, 1, 3}));
+    EXPECT_EQ(left(), (std::vector<int>{4, 6, 2, 5, 1, 3}));
     EXPECT_TRUE(log.contains("VeskQueue", "enqueue:4; priority:1"));
     EXPECT_TRUE(log.contains("VeskQueue", "enqueuing packet:4"));
 }
