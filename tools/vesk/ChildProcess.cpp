@@ -37,6 +37,8 @@ Pipe makePipe() {
     if (input >= 0) ::dup2(input, STDIN_FILENO);
     if (output >= 0) ::dup2(output, STDOUT_FILENO);
     if (error >= 0) ::dup2(error, STDERR_FILENO);
+    // A socket of ours that it held would not look closed to the peer when we close it.
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);
     ::execv(arguments[0], arguments);
     ::_exit(127);
 }

@@ -1,7 +1,5 @@
 #include "HostClient.h"
 
-#include <fcntl.h>
-
 #include <stdexcept>
 #include <utility>
 
@@ -31,8 +29,6 @@ HostClient::HostClient(asio::io_context& io, std::string const& path) : mSocket(
                                  "); start one with: vesk host --clients unix:" + path +
                                  " --channel ENDPOINT");
     }
-    // A command that a provider starts must not keep the connection open after the provider's end.
-    ::fcntl(mSocket.native_handle(), F_SETFD, FD_CLOEXEC);
 }
 
 uint16_t HostClient::join(int role, BusinessName const& business) {
