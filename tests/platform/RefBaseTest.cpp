@@ -32,6 +32,7 @@ protected:
 struct Derived : Counted {};
 
 TEST(RefBaseTest, CopiesShareMovesDoNotAndTheLastOneDeletes) {
+    Counted::firsts = Counted::lasts = 0;
     sp<Counted> first = new Derived;
     sp<Counted> second = first;
     sp<Counted> third = first.get();
@@ -64,6 +65,7 @@ TEST(RefBaseTest, ThreadsThatShareAnObjectDeleteItOnce) {
     for (int round = 0; round < 200; ++round) {
         sp<Counted> shared = new Counted;
         std::vector<std::thread> threads;
+        threads.reserve(3);
         for (int i = 0; i < 3; ++i) {
             threads.emplace_back([mine = shared]() mutable {
                 for (int copies = 0; copies < 50; ++copies)
