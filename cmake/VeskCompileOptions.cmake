@@ -15,3 +15,7 @@ elseif(VESK_SANITIZE STREQUAL "thread")
 elseif(NOT VESK_SANITIZE STREQUAL "none")
     message(FATAL_ERROR "VESK_SANITIZE is '${VESK_SANITIZE}'; it must be none, address or thread")
 endif()
+
+if(VESK_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

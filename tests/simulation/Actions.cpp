@@ -10,6 +10,7 @@
 namespace vesk::simulation {
 
 using testkit::FarPeer;
+using testkit::Random;
 
 namespace {
 

@@ -42,7 +42,6 @@ void QueueModel::insert(Packet packet) {
         return other.priority > packet.priority;
     });
     mPending.insert(behind, std::move(packet));
-    mCounters.maxPending = std::max<uint64_t>(mCounters.maxPending, mPending.size() + mInWrite);
 }
 
 bool QueueModel::replace(VeskFrame const& with) {
@@ -91,13 +90,7 @@ void QueueModel::pass(uint64_t now) {
     for (auto next = mPending.begin(); next != mPending.end();) {
         auto const packet = next++;
         if (packet->priority != 1 && now - packet->admitted < HOLD_MS) continue;
-        if (packet->needsAck && !record(now, *packet)) {
-            mLastStall = now;
-            return;
-        }
-        if (packet->priority != 1 && mLastStall <= packet->admitted) {
-            mCounters.latestHeld = std::max(mCounters.latestHeld, now - packet->admitted);
-        }
+        if (packet->needsAck && !record(now, *packet)) return;
         mWrites.push_back(wireBytes(*packet->frame));
         if (ackedInside(mWrites.back())) {
             acknowledge(now, {{0, packet->frame->serialNumber}});
@@ -153,7 +146,6 @@ bool QueueModel::record(uint64_t now, Packet const& packet) {
     }
     mHistory.push_back({now, frame.serialNumber, frame.msgId});
     ++mCounters.sentWithAck;
-    mCounters.maxAwaiting = std::max<uint64_t>(mCounters.maxAwaiting, mHistory.size());
     return true;
 }
 

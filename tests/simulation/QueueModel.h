@@ -7,14 +7,14 @@
 #include <utility>
 #include <vector>
 
-#include "Link.h"
-
 namespace vesk {
 class VeskFrame;
 class VeskQueue;
 }  // namespace vesk
 
 namespace vesk::simulation {
+
+using Bytes = std::vector<uint8_t>;
 
 /**
  * What the queue has to do, without threads, locks or waiting: told of every event, it says which
@@ -33,7 +33,7 @@ public:
 
     struct Counters {
         uint64_t acknowledged = 0, timedOut = 0, superseded = 0, cleared = 0;
-        uint64_t sentWithAck = 0, refused = 0, maxPending = 0, maxAwaiting = 0, latestHeld = 0;
+        uint64_t sentWithAck = 0, refused = 0;
     };
 
     void admit(uint64_t now, int priority, bool needsAck, std::shared_ptr<VeskFrame> frame);
@@ -65,8 +65,6 @@ public:
     uint64_t nextDeadline() const;
 
     bool empty() const { return mPending.empty() && mHistory.empty() && mOwed.empty(); }
-    size_t pending() const { return mPending.size(); }
-    size_t awaiting() const { return mHistory.size(); }
     Counters const& counters() const { return mCounters; }
 
 private:
@@ -97,7 +95,6 @@ private:
     std::vector<Bytes> mWrites;
     Counters mCounters;
     size_t mInWrite = 0;
-    uint64_t mLastStall = 0;  // when the history was last full
     uint32_t mSent = 0, mReceived = 0, mDelay = 0, mSlow = 0;
 };
 

@@ -10,15 +10,17 @@
 
 #include <StreamReader.h>
 #include <vesk/Vesk.h>
+#include <vesk/testkit/FaultyLink.h>
+#include <vesk/testkit/Random.h>
 #include <vesk/testkit/ShiftedClock.h>
+#include <vesk/testkit/StreamPeer.h>
 
-#include "FarSide.h"
-#include "Link.h"
 #include "QueueModel.h"
-#include "Random.h"
 #include "RoutingModel.h"
 
 namespace vesk::simulation {
+
+using Bytes = std::vector<uint8_t>;
 
 /**
  * The live library under a clock that stands still, between local clients and a far peer on a link
@@ -31,17 +33,19 @@ class Simulation {
 public:
     struct Totals {
         uint64_t events = 0, writes = 0, deliveries = 0, skippedBytes = 0;
-        QueueModel::Counters queue;
     };
 
-    explicit Simulation(uint64_t seed);
+    explicit Simulation(testkit::Random random);
     ~Simulation();
 
-    /** Lives through so many minutes, then lets the link be clean and quiet, and looks for remains.
+    /**
+     * Lives through so many minutes, or until the script that decides is used up; then lets the
+     * link be clean and quiet, and looks for remains.
      */
     void run(uint64_t minutes);
 
     Totals const& totals() const { return mTotals; }
+    QueueModel::Counters const& counters() const { return mModel.counters(); }
 
 private:
     class Host;
@@ -88,7 +92,7 @@ private:
     void checkDelivered();
     [[noreturn]] void fail(std::string const& what) const;
 
-    Random mRandom;
+    testkit::Random mRandom;
     testkit::ShiftedClock mClock;
     std::shared_ptr<VeskQueue> mQueue;
     android::sp<Host> mHost;
@@ -97,8 +101,8 @@ private:
     bool mUp = true;
     bool mHolding = false;  // the looper is held inside a write
     uint64_t mUpAgain = 0;
-    Link mOut, mIn;
-    FarSide mFar;
+    testkit::FaultyLink mOut, mIn;
+    testkit::StreamPeer mFar;
     tool::StreamReader mReader;
     RoutingModel mRouting;
     Totals mTotals;
