@@ -110,7 +110,7 @@ TEST_F(ChannelTest, AFalseHeaderHidesNothingOnceTheChannelIsSilent) {
 TEST_F(ChannelTest, OverloadLosesNothing) {
     startEcho("far");
     startEcho("near", "virtualcomm/vm");
-    // Several times what the library holds at once, both ways, while the far host takes a break.
+    // Several times what the library holds at once, both ways.
     Arguments const flood{"--random-size", "500",      "--count",  "3000",      "--window",
                           "3000",          "--verify", "--report", "--timeout", "240000"};
     std::vector<Process*> callers;

@@ -85,7 +85,6 @@ void Host::channelChanged(bool up) {
         say(std::to_string(mQueue->size()) + " queued frames are lost with the channel");
     }
     Vesk::getInstance()->onChannelAvailable(up);
-    if (up) mClients.resumeParked();
 }
 
 void Host::frameArrived(std::vector<uint8_t> const& bytes) {

@@ -13,7 +13,7 @@ namespace vesk::e2e {
 namespace {
 
 // Far beyond what anything takes under a sanitizer on a busy machine; only a failure lasts as long.
-constexpr std::chrono::seconds PATIENCE{120};
+constexpr std::chrono::seconds PATIENCE{60};
 
 tool::ChildProcess::Options toolOptions(Arguments arguments, std::string const& errorFile) {
     tool::ChildProcess::Options options;
