@@ -24,11 +24,10 @@ char const* roleName(int role) {
 ClientServer::ClientServer(asio::io_context& io, std::string const& path,
                            std::set<std::string> localTopics, Services services)
     : mListener(io, path),
+      mAcceptLoop(mListener.acceptor(), [this](auto socket) { accepted(std::move(socket)); }),
       mLocalTopics(std::move(localTopics)),
       mServices(std::move(services)),
-      mParkedTimer(io) {
-    accept();
-}
+      mParkedTimer(io) {}
 
 ClientServer::~ClientServer() {
     for (auto const& [id, client] : mClients) {
@@ -36,20 +35,12 @@ ClientServer::~ClientServer() {
     }
 }
 
-void ClientServer::accept() {
-    mListener.acceptor().async_accept([this](asio::error_code const& error, auto socket) {
-        if (error == asio::error::operation_aborted) return;
-        if (error) {
-            say("cannot accept a client: " + error.message());
-        } else {
-            uint32_t const id = ++mLastClientId;
-            ClientConnection::Owner& owner = *this;
-            auto connection = std::make_shared<ClientConnection>(id, std::move(socket), owner);
-            mClients[id].connection = connection;
-            connection->start();
-        }
-        accept();
-    });
+void ClientServer::accepted(asio::local::stream_protocol::socket socket) {
+    uint32_t const id = ++mLastClientId;
+    ClientConnection::Owner& owner = *this;
+    auto const connection = std::make_shared<ClientConnection>(id, std::move(socket), owner);
+    mClients[id].connection = connection;
+    connection->start();
 }
 
 bool ClientServer::onMessage(ClientConnection& connection, Message const& message) {

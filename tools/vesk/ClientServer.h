@@ -14,6 +14,7 @@
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "AcceptLoop.h"
 #include "ClientConnection.h"
 #include "ClientProtocol.h"
 #include "UnixListener.h"
@@ -60,7 +61,7 @@ private:
     void onBadMessage(ClientConnection& connection, std::string const& reason) override;
     void onClosed(ClientConnection& connection, std::string const& reason) override;
 
-    void accept();
+    void accepted(asio::local::stream_protocol::socket socket);
     void join(Client& client, Message const& message);
     std::string whyNoSession(JoinMessage const& join) const;
     bool publish(Client& client, Message const& message);
@@ -73,6 +74,7 @@ private:
     void refuse(ClientConnection& connection, std::string const& reason);
 
     UnixListener mListener;
+    AcceptLoop<asio::local::stream_protocol::acceptor> mAcceptLoop;
     std::set<std::string> const mLocalTopics;
     Services const mServices;
     std::unordered_map<uint32_t, Client> mClients;

@@ -44,7 +44,8 @@ LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool list
                              "': a device is opened, nobody connects to it");
         case Endpoint::Kind::UNIX:
             mUnixListener.emplace(io, endpoint.path);
-            accept(mUnixListener->acceptor());
+            mUnixLoop.emplace(mUnixListener->acceptor(),
+                              [this](auto socket) { accepted(std::move(socket)); });
             break;
         case Endpoint::Kind::TCP:
             listenTcp();
@@ -68,17 +69,10 @@ void LinkSource::open(Handler handler) {
     }
 }
 
-template <typename Acceptor>
-void LinkSource::accept(Acceptor& acceptor) {
-    acceptor.async_accept([this, &acceptor](asio::error_code const& error, auto socket) {
-        if (error == asio::error::operation_aborted) return;
-        if (!error && mHandler) {
-            adopt(std::move(socket));
-        } else if (!error) {
-            say("turned away a second peer of the channel " + mEndpoint.toString());
-        }
-        accept(acceptor);
-    });
+template <typename Socket>
+void LinkSource::accepted(Socket socket) {
+    if (mHandler) return adopt(std::move(socket));
+    say("turned away a second peer of the channel " + mEndpoint.toString());
 }
 
 template <typename Socket>
@@ -104,7 +98,7 @@ void LinkSource::listenTcp() {
     if (!error) mTcpAcceptor->bind(local, error);
     if (!error) mTcpAcceptor->listen(asio::socket_base::max_listen_connections, error);
     if (error) throw std::runtime_error("cannot listen on '" + where + "': " + error.message());
-    accept(*mTcpAcceptor);
+    mTcpLoop.emplace(*mTcpAcceptor, [this](auto socket) { accepted(std::move(socket)); });
 }
 
 void LinkSource::connectUnix() {

@@ -8,6 +8,7 @@
 #include <asio/ip/tcp.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 
+#include "AcceptLoop.h"
 #include "Endpoint.h"
 #include "UnixListener.h"
 
@@ -39,8 +40,8 @@ public:
     void open(Handler handler);
 
 private:
-    template <typename Acceptor>
-    void accept(Acceptor& acceptor);
+    template <typename Socket>
+    void accepted(Socket socket);
     template <typename Socket>
     void adopt(Socket socket);
     void listenTcp();
@@ -53,6 +54,8 @@ private:
     Endpoint const mEndpoint;
     std::optional<UnixListener> mUnixListener;
     std::optional<asio::ip::tcp::acceptor> mTcpAcceptor;
+    std::optional<AcceptLoop<asio::local::stream_protocol::acceptor>> mUnixLoop;
+    std::optional<AcceptLoop<asio::ip::tcp::acceptor>> mTcpLoop;
     asio::ip::tcp::resolver mResolver;
     Handler mHandler;  // empty while nobody waits
 };
