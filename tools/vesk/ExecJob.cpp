@@ -43,9 +43,8 @@ void ExecJob::read() {
 }
 
 void ExecJob::awaitEnd() {
-    if (mProcess.succeeded()) return finish({});
-    if (!mProcess.ending().empty()) {
-        return finish("the command ended with " + mProcess.ending());
+    if (std::string const ending = mProcess.ending(); !ending.empty()) {
+        return finish(mProcess.succeeded() ? "" : "the command ended with " + ending);
     }
     mTimer.expires_after(END_POLL);
     mTimer.async_wait([self = shared_from_this()](asio::error_code const& error) {
