@@ -62,6 +62,7 @@ void Channel::openLater() {
 void Channel::drop(std::string const& reason) {
     mLink->close();
     mLink.reset();
+    mReading = false;
     mSilence.cancel();
     mReader.reset();
     reportSkipped();
@@ -79,16 +80,22 @@ void Channel::drop(std::string const& reason) {
     mListens ? open() : openLater();
 }
 
+void Channel::hold(bool held) {
+    mHeld = held;
+    held ? (void)mSilence.cancel() : read();
+}
+
 void Channel::read() {
+    if (!mLink || mHeld || mReading) return;
+    mReading = true;
     mLink->async_read_some(
             asio::buffer(mChunk), [this, link = mLink](asio::error_code const& error, size_t size) {
                 if (link != mLink) return;
-                if (error) {
-                    drop(error == asio::error::eof ? "the peer closed it" : error.message());
-                } else {
-                    received(size);
-                    read();
-                }
+                if (error)
+                    return drop(error == asio::error::eof ? "the peer closed it" : error.message());
+                received(size);
+                mReading = false;
+                read();
             });
 }
 
@@ -103,6 +110,7 @@ void Channel::received(size_t size) {
 }
 
 void Channel::watchSilence() {
+    if (mHeld) return;  // the silence would be of our own making
     if (!mReader.doubtful() && mReportedSkipped == mReader.skippedBytes()) {
         mSilence.cancel();
         return;

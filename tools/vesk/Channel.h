@@ -47,6 +47,9 @@ public:
     /** Appends bytes, which leave in this order. */
     void write(std::vector<uint8_t> const& bytes) VESK_EXCLUDES(mMutex);
 
+    /** While held, nothing is read, so that the peer comes to a stop. */
+    void hold(bool held);
+
     bool up() const { return mLink != nullptr; }
 
     /** Bytes that have been written but not left. */
@@ -84,6 +87,8 @@ private:
     std::shared_ptr<Link> mLink;  // null while the channel is down
     asio::steady_timer mRetry;
     asio::steady_timer mSilence;
+    bool mHeld = false;
+    bool mReading = false;
     Milliseconds mBackOff = BACK_OFF_FIRST;
     std::vector<uint8_t> mChunk;
     std::vector<uint8_t> mLeaving;  // in the hands of the system; not empty while a write runs

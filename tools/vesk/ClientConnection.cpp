@@ -1,13 +1,12 @@
 #include "ClientConnection.h"
 
 #include <asio/post.hpp>
-#include <asio/write.hpp>
 
 namespace vesk::tool {
 
 ClientConnection::ClientConnection(uint32_t id, asio::local::stream_protocol::socket socket,
                                    Owner& owner)
-    : mId(id), mSocket(std::move(socket)), mOwner(owner) {}
+    : mId(id), mSocket(std::move(socket)), mOwner(owner), mPatience(mSocket.get_executor()) {}
 
 void ClientConnection::read() {
     mSocket.async_read_some(
@@ -49,13 +48,9 @@ bool ClientConnection::handOver() {
 
 void ClientConnection::send(Bytes const& message) {
     if (mClosed || mRefused) return;
-    if (mWaiting.size() + mLeaving.size() + message.size() > OUTGOING_LIMIT) {
-        mEvicted = true;
-        return close("it did not read the " + std::to_string(mWaiting.size() + mLeaving.size()) +
-                     " bytes that wait for it");
-    }
     mWaiting.insert(mWaiting.end(), message.begin(), message.end());
     if (mLeaving.empty()) write();
+    if (backlog() > CONGESTED) setCongested(true);
 }
 
 void ClientConnection::refuse(std::string const& reason) {
@@ -63,17 +58,50 @@ void ClientConnection::refuse(std::string const& reason) {
     mRefused = true;
 }
 
-// Whatever gathers while a write runs leaves in the next one.
+// Whatever gathers while a write runs leaves behind it, all at once.
 void ClientConnection::write() {
-    mLeaving.swap(mWaiting);
-    asio::async_write(mSocket, asio::buffer(mLeaving),
-                      [self = shared_from_this()](asio::error_code const& error, size_t) {
-                          self->mLeaving.clear();
-                          if (self->mClosed) return;
-                          if (error) return self->close(error.message());
-                          if (!self->mWaiting.empty()) return self->write();
-                          if (self->mRefused) self->close("it was refused");
-                      });
+    if (mLeaving.empty()) mLeaving.swap(mWaiting);
+    mSocket.async_write_some(
+            asio::buffer(mLeaving) + mLeft,
+            [self = shared_from_this()](asio::error_code const& error, size_t size) {
+                if (self->mClosed) return;
+                if (error) return self->close(error.message());
+                self->wrote(size);
+            });
+}
+
+void ClientConnection::wrote(size_t size) {
+    mReads = true;
+    mLeft += size;
+    if (mLeft == mLeaving.size()) {
+        mLeaving.clear();
+        mLeft = 0;
+    }
+    if (backlog() < CONGESTED / 2) setCongested(false);
+    if (backlog() > 0) {
+        write();
+    } else if (mRefused) {
+        close("it was refused");
+    }
+}
+
+void ClientConnection::setCongested(bool congested) {
+    if (congested == mCongested) return;
+    mCongested = congested;
+    congested ? watchCongestion() : (void)mPatience.cancel();
+    mOwner.onCongestion(*this, congested);
+}
+
+void ClientConnection::watchCongestion() {
+    mReads = false;
+    mPatience.expires_after(PATIENCE);
+    mPatience.async_wait([self = shared_from_this()](asio::error_code const& error) {
+        if (error || self->mClosed || !self->mCongested) return;
+        if (self->mReads) return self->watchCongestion();
+        self->mEvicted = true;
+        self->close("it does not read the " + std::to_string(self->backlog()) +
+                    " bytes that wait for it");
+    });
 }
 
 void ClientConnection::close(std::string const& reason) {
@@ -81,6 +109,7 @@ void ClientConnection::close(std::string const& reason) {
     mClosed = true;
     asio::error_code ignored;
     mSocket.close(ignored);
+    setCongested(false);
     // Not now: the owner may be in the middle of sending to all of its clients.
     asio::post(mSocket.get_executor(),
                [self = shared_from_this(), reason] { self->mOwner.onClosed(*self, reason); });

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include <asio/local/stream_protocol.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "ClientProtocol.h"
 
@@ -17,14 +19,16 @@ namespace vesk::tool {
  * Back-pressure: the owner may leave a message for later. Nothing more is read from the client
  * until then, so that it comes to a stop in its own send.
  *
- * A client that does not read what it is sent is closed when OUTGOING_LIMIT bytes wait for it: one
- * bad client must cost neither the host's memory nor the others' traffic.
+ * A client that reads too slowly is congested once CONGESTED bytes wait for it; the owner then sees to
+ * it that no more come. It is closed only when it reads nothing at all for PATIENCE: a slow client
+ * loses nothing, and a dead one holds the others up no longer than that.
  *
  * Threads: the one that runs the io_context.
  */
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 public:
-    static constexpr size_t OUTGOING_LIMIT = size_t{32} * 1024 * 1024;
+    static constexpr size_t CONGESTED = size_t{8} * 1024 * 1024;
+    static constexpr std::chrono::seconds PATIENCE{3};
 
     class Owner {
     public:
@@ -32,6 +36,8 @@ public:
         virtual bool onMessage(ClientConnection& client, Message const& message) = 0;
         /** Bytes that are no messages came; refuse() is expected. */
         virtual void onBadMessage(ClientConnection& client, std::string const& reason) = 0;
+        /** Too much waits for the client, or no longer so; a client that is closed is not. */
+        virtual void onCongestion(ClientConnection& client, bool congested) = 0;
         /** Once, from the io_context; the connection is not used any more. */
         virtual void onClosed(ClientConnection& client, std::string const& reason) = 0;
 
@@ -65,6 +71,10 @@ private:
     void process();
     bool handOver();
     void write();
+    void wrote(size_t size);
+    size_t backlog() const { return mWaiting.size() + mLeaving.size() - mLeft; }
+    void setCongested(bool congested);
+    void watchCongestion();
 
     uint32_t const mId;
     asio::local::stream_protocol::socket mSocket;
@@ -74,7 +84,11 @@ private:
     Message mMessage;
     bool mHasMessage = false;  // mMessage waits for the owner to take it
     Bytes mWaiting;
-    Bytes mLeaving;  // not empty while a write runs
+    Bytes mLeaving;    // not empty while a write runs
+    size_t mLeft = 0;  // this much of mLeaving has been taken
+    asio::steady_timer mPatience;
+    bool mCongested = false;
+    bool mReads = false;  // since mPatience was set
     bool mRefused = false;
     bool mClosed = false;
     bool mEvicted = false;

@@ -75,6 +75,11 @@ void ClientServer::refuse(ClientConnection& connection, std::string const& reaso
     connection.refuse(reason);
 }
 
+void ClientServer::onCongestion(ClientConnection&, bool congested) {
+    congested ? ++mCongested : --mCongested;
+    mServices.holdChannel(mCongested > 0);
+}
+
 void ClientServer::onClosed(ClientConnection& connection, std::string const& reason) {
     auto const found = mClients.find(connection.id());
     Client const client = std::move(found->second);
@@ -137,7 +142,8 @@ bool ClientServer::publish(Client& client, Message const& message) {
                                            (request ? " sends requests" : " sends replies"));
         return true;
     }
-    if (!client.local && !mayPublish()) {
+    bool const others = !mResuming && !client.local && !mParked.empty();
+    if (others || !hasRoomFor(client)) {
         park(client);
         return false;
     }
@@ -157,9 +163,8 @@ bool ClientServer::publish(Client& client, Message const& message) {
     return true;
 }
 
-// Who has waited longest goes first: a newcomer does not pass those who are parked.
-bool ClientServer::mayPublish() const {
-    return (mResuming || mParked.empty()) && mServices.admitsFrame();
+bool ClientServer::hasRoomFor(Client const& client) const {
+    return client.local ? mCongested == 0 : mServices.admitsFrame();
 }
 
 void ClientServer::park(Client const& client) {
@@ -167,17 +172,24 @@ void ClientServer::park(Client const& client) {
     if (mParked.size() == 1) pollParked();
 }
 
+// Who has waited longest goes first, and behind the others when it has more than there is room for.
 void ClientServer::resumeParked() {
+    std::deque<uint32_t> parked;
+    std::deque<uint32_t> waiting;
+    parked.swap(mParked);
     mResuming = true;
-    while (!mParked.empty() && mServices.admitsFrame()) {
-        uint32_t const id = mParked.front();
-        mParked.pop_front();
+    for (uint32_t id : parked) {
         auto const found = mClients.find(id);
         if (found == mClients.end()) continue;
+        if (!hasRoomFor(found->second)) {
+            waiting.push_back(id);
+            continue;
+        }
         std::shared_ptr<ClientConnection> const connection = found->second.connection;
         connection->resume();
     }
     mResuming = false;
+    mParked.insert(mParked.begin(), waiting.begin(), waiting.end());
     if (!mParked.empty()) pollParked();
 }
 

@@ -25,13 +25,17 @@ namespace vesk::tool {
  * The local clients of a host: accepts them, makes and removes their sessions, carries their frames
  * into the library and the library's deliveries to them.
  *
+ * While a client is congested nothing more is taken from where its deliveries come from: the channel
+ * and the clients of local topics. One slow client slows the others, so that none loses anything.
+ *
  * Threads: the one that runs the io_context; the library's deliveries and notifications arrive on
  * it as well, because this thread is the only one that feeds and manages the library.
  */
 class ClientServer : private ClientConnection::Owner {
 public:
     struct Services {
-        std::function<bool()> admitsFrame;  // whether one more frame may be sent to the peer
+        std::function<bool()> admitsFrame;      // whether one more frame may be sent to the peer
+        std::function<void(bool)> holdChannel;  // whether to leave unread what the peer sends
         std::function<void(Counters&)> addCounters;  // fills in what the host knows
     };
 
@@ -59,13 +63,14 @@ private:
 
     bool onMessage(ClientConnection& connection, Message const& message) override;
     void onBadMessage(ClientConnection& connection, std::string const& reason) override;
+    void onCongestion(ClientConnection& connection, bool congested) override;
     void onClosed(ClientConnection& connection, std::string const& reason) override;
 
     void accepted(asio::local::stream_protocol::socket socket);
     void join(Client& client, Message const& message);
     std::string whyNoSession(JoinMessage const& join) const;
     bool publish(Client& client, Message const& message);
-    bool mayPublish() const;
+    bool hasRoomFor(Client const& client) const;
     void park(Client const& client);
     void pollParked();
     void watch(Client& client);
@@ -80,6 +85,7 @@ private:
     std::unordered_map<uint32_t, Client> mClients;
     std::deque<uint32_t> mParked;  // clients whose next frame waits for room, longest wait first
     bool mResuming = false;
+    size_t mCongested = 0;  // clients that are
     asio::steady_timer mParkedTimer;
     std::set<std::string> mTopics;
     std::multiset<std::pair<std::string, std::string>> mProviders;

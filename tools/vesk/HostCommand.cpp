@@ -68,7 +68,7 @@ Channel::Events Host::channelEvents() {
 }
 
 ClientServer::Services Host::services() {
-    return {[this] { return mAdmission.open(); },
+    return {[this] { return mAdmission.open(); }, [this](bool hold) { mChannel.hold(hold); },
             [this](Counters& counters) { addCounters(counters); }};
 }
 
