@@ -9,7 +9,7 @@ class ConcurrencyTest : public VeskTest {
 protected:
     using Work = std::function<void(uint16_t round)>;
 
-    void repeat(int rounds, Work work) {
+    void repeat(int rounds, Work const& work) {
         mThreads.emplace_back([this, work, rounds] {
             while (!mStarted)
                 std::this_thread::yield();

@@ -1,17 +1,7 @@
 #include "support/VeskTest.h"
 
-#include <thread>
-
 namespace vesk {
 namespace {
-
-TEST(FacadeInstanceTest, ThreadsThatAskAtOnceGetOneInstance) {
-    Vesk* seen = nullptr;
-    std::thread other([&seen] { seen = Vesk::getInstance(); });
-    Vesk* const mine = Vesk::getInstance();
-    other.join();
-    EXPECT_EQ(seen, mine);
-}
 
 class FacadeTest : public VeskTest {};
 
@@ -27,21 +17,28 @@ TEST_F(FacadeTest, CallbackIsReplacedByAnotherButNotByNull) {
     vesk->init(callback);
 }
 
-TEST_F(FacadeTest, RequestsAndRepliesTravelBothWaysAndAllAreAcknowledged) {
-    vesk->createTopic("test", false);
-    int const consumer = join(1, CONSUMER);
-    auto const session = sessions->getSession(static_cast<uint16_t>(consumer));
-    peer.acknowledgeAll(callback);
-    for (uint16_t id = 1; id <= 5; ++id) {
-        session->send(false, frame(id, 2, static_cast<uint16_t>(consumer)), 1);
-        peer.send(FarPeer::Frame{2, 1, 3, static_cast<uint16_t>(consumer), id, id, {1, 2, 3}});
-    }
-    clock.settle();
-    EXPECT_EQ(left(), (std::vector<int>{1, 2, 3, 4, 5}));
-    EXPECT_EQ(callback->deliveries().size(), 5U);
-    EXPECT_EQ(acksLeft().size(), 1U);
-    EXPECT_EQ(queue->awaitingAck(), 0U);
-    EXPECT_EQ(queue->feedback().receivedPackets(), 5U);
+TEST_F(FacadeTest, TopicIsPresentFromItsCreationToItsRemoval) {
+    Strings changes;
+    callback->onTopicChange([&](auto const& change) {
+        changes.push_back((change.added ? "+" : "-") + change.topicName);
+        EXPECT_EQ(vesk->hasTopic(change.topicName), change.added);
+    });
+    EXPECT_EQ(vesk->removeTopic("test"), 0);
+    EXPECT_EQ(vesk->createTopic("test", false), 2);
+    auto const created = vesk->getTopic(2);
+    EXPECT_TRUE(created && vesk->hasTopic("test") && vesk->hasTopic(2));
+    EXPECT_EQ(vesk->createTopic("test", true), 0);
+    EXPECT_EQ(vesk->getTopic(2), created);
+    EXPECT_EQ(vesk->removeTopic("test"), 2);
+    EXPECT_FALSE(vesk->hasTopic("test") || vesk->hasTopic(2) || vesk->getTopic(2));
+    EXPECT_EQ(changes, (Strings{"+test", "-test"}));
+
+    log.clear();
+    EXPECT_EQ(vesk->createTopic("none", false), 0);
+    EXPECT_EQ(vesk->removeTopic("none"), 0);
+    EXPECT_FALSE(vesk->hasTopic("none"));
+    EXPECT_EQ(log.messages("VeskTopicManager"), (Strings{"createTopic.none", "removeTopic.none"}));
+    EXPECT_EQ(changes.size(), 2U);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 namespace vesk {
 namespace {
@@ -15,9 +14,7 @@ namespace {
 using android::sp;
 
 struct Counted : android::RefBase {
-    static inline std::atomic<int> alive{0};
-    static inline std::atomic<int> firsts{0};
-    static inline std::atomic<int> lasts{0};
+    static inline std::atomic<int> alive{0}, firsts{0}, lasts{0};
 
     Counted() { ++alive; }
     void onFirstRef() override { ++firsts; }
@@ -32,7 +29,6 @@ protected:
 struct Derived : Counted {};
 
 TEST(RefBaseTest, CopiesShareMovesDoNotAndTheLastOneDeletes) {
-    Counted::firsts = Counted::lasts = 0;
     sp<Counted> first = new Derived;
     sp<Counted> second = first;
     sp<Counted> third = first.get();
@@ -43,9 +39,6 @@ TEST(RefBaseTest, CopiesShareMovesDoNotAndTheLastOneDeletes) {
     moved = derived;
     third = sp<Derived>(derived);
     EXPECT_EQ(derived->getStrongCount(), 3);
-    sp<Counted> const& alias = first;
-    first = alias;
-    EXPECT_EQ(first->getStrongCount(), 1);
     EXPECT_TRUE(first != derived && moved == derived && third == derived.get());
     first.clear();
     EXPECT_EQ(Counted::alive, 1);
@@ -62,20 +55,15 @@ TEST(RefBaseTest, AssignmentMayDestroyTheOwnerOfWhatItAssigns) {
 }
 
 TEST(RefBaseTest, ThreadsThatShareAnObjectDeleteItOnce) {
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 500; ++round) {
         sp<Counted> shared = new Counted;
-        std::vector<std::thread> threads;
-        threads.reserve(3);
-        for (int i = 0; i < 3; ++i) {
-            threads.emplace_back([mine = shared]() mutable {
-                for (int copies = 0; copies < 50; ++copies)
-                    sp<Counted> const copy = mine;
-                mine.clear();
-            });
-        }
+        std::thread other([mine = shared]() mutable {
+            for (int copies = 0; copies < 50; ++copies)
+                sp<Counted> const copy = mine;
+            mine.clear();
+        });
         shared.clear();
-        for (auto& thread : threads)
-            thread.join();
+        other.join();
         ASSERT_EQ(Counted::alive, 0);
     }
 }

@@ -44,6 +44,8 @@ protected:
     void TearDown() override {
         callback->onSend(nullptr);
         callback->onReceive(nullptr);
+        callback->onTopicChange(nullptr);
+        callback->onBusinessChange(nullptr);
         for (uint32_t client = 1; client <= 9; ++client)
             sessions->removeSessionByClient(client);
         vesk->removeTopic("test");
@@ -73,6 +75,12 @@ protected:
         return new VeskQueue::QueuedPacket(priority, needAck, frame(msgId));
     }
 
+    /** Sends a packet that awaits acknowledgement. */
+    void send(uint16_t msgId) {
+        queue->enqueue(1, true, frame(msgId));
+        clock.settle();
+    }
+
     int join(int client, int type) {
         return sessions->createSession(client, type, "test", "test", false);
     }
@@ -98,8 +106,6 @@ protected:
             ids.push_back(frame.msgId);
         return ids;
     }
-
-    std::vector<FarPeer::Frame> acksLeft() const { return wire(true); }
 
     CapturedLog log;
     ShiftedClock clock;
