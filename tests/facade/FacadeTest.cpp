@@ -26,11 +26,9 @@ TEST_F(FacadeTest, TopicIsPresentFromItsCreationToItsRemoval) {
     EXPECT_EQ(vesk->removeTopic("test"), 0);
     EXPECT_EQ(vesk->createTopic("test", false), 2);
     auto const created = vesk->getTopic(2);
-    EXPECT_TRUE(created && vesk->hasTopic("test") && vesk->hasTopic(2));
     EXPECT_EQ(vesk->createTopic("test", true), 0);
     EXPECT_EQ(vesk->getTopic(2), created);
     EXPECT_EQ(vesk->removeTopic("test"), 2);
-    EXPECT_FALSE(vesk->hasTopic("test") || vesk->hasTopic(2) || vesk->getTopic(2));
     EXPECT_EQ(changes, (Strings{"+test", "-test"}));
 
     log.clear();

@@ -50,17 +50,18 @@ TEST(FrameTest, OnlyAShortInputIsRefused) {
 }
 
 TEST(FrameTest, SerialNumbersAreConsecutiveAndDistinctAcrossThreads) {
-    std::set<uint16_t> taken[2];
-    auto const take = [](std::set<uint16_t>& numbers) {
-        for (int i = 0; i < 32768; ++i)
-            numbers.insert(VeskFrame::obtainFrame(true)->serialNumber);
-    };
     uint16_t const first = VeskFrame::obtainFrame(true)->serialNumber;
-    std::thread other(take, std::ref(taken[1]));
-    take(taken[0]);
-    other.join();
-    taken[0].merge(taken[1]);
-    EXPECT_EQ(taken[0].size(), 65536U);
+    std::vector<uint16_t> taken(65536);
+    std::vector<std::thread> threads;
+    for (size_t start = 0; start < 4; ++start) {
+        threads.emplace_back([&taken, start] {
+            for (size_t i = start; i < taken.size(); i += 4)
+                taken[i] = VeskFrame::obtainFrame(true)->serialNumber;
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(std::set<uint16_t>(taken.begin(), taken.end()).size(), taken.size());
     EXPECT_EQ(VeskFrame::obtainFrame(true)->serialNumber, static_cast<uint16_t>(first + 1));
     EXPECT_EQ(VeskFrame::obtainFrame(false)->serialNumber, 0);
 }

@@ -44,14 +44,11 @@ TEST(RefBaseTest, CopiesShareMovesDoNotAndTheLastOneDeletes) {
     EXPECT_EQ(Counted::alive, 1);
     EXPECT_EQ(Counted::firsts, 2);
     EXPECT_EQ(Counted::lasts, 1);
-}
 
-TEST(RefBaseTest, AssignmentMayDestroyTheOwnerOfWhatItAssigns) {
-    sp<Counted> head = new Counted;
-    head->next = new Counted;
-    head = head->next;
-    EXPECT_EQ(Counted::alive, 1);
-    EXPECT_EQ(head->getStrongCount(), 1);
+    first = new Counted;
+    first->next = new Counted;
+    first = first->next;  // destroys the owner of what it assigns
+    EXPECT_EQ(first->getStrongCount(), 1);
 }
 
 TEST(RefBaseTest, ThreadsThatShareAnObjectDeleteItOnce) {

@@ -46,24 +46,6 @@ TEST_F(AdmissionTest, AdmissionThatFinds1000PendingIsDropped) {
     EXPECT_EQ(log.count("VeskQueue", "oversize.1000"), 1U);
 }
 
-TEST_F(AdmissionTest, EndOfAnEmptiedChainIsForgottenAtTheNextAdmission) {
-    std::function<void(Packet const&)> const empties[] = {
-            [&](Packet const&) { queue->dequeuePacket(); },
-            [&](Packet const&) { queue->cleanup(); },
-            [&](Packet const& alone) { queue->removePacket(alone); }};
-    for (auto const& empty : empties) {
-        SCOPED_TRACE(&empty - empties);
-        Packet const alone = admit(9, 1);
-        empty(alone);
-        for (uint16_t const id : Ids{2, 3})
-            admit(3, id);
-        admit(2, 4);
-        EXPECT_EQ(queue->removePacket(alone), nullptr);  // touches nothing new
-        EXPECT_EQ(queue->size(), 3);
-        EXPECT_EQ(drain(), (std::vector<int>{4, 2, 3}));
-    }
-}
-
 TEST_F(AdmissionTest, RemovalJoinsTheNeighboursAndACopyIsNotPending) {
     std::vector<int> const rest[] = {{2, 3, 1}, {1, 3, 2}, {1, 2, 3}};
     for (size_t i = 0; i < 3; ++i) {

@@ -25,13 +25,17 @@ TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
 }
 
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
-    Gate gate(*callback);
+    std::atomic<bool> sending{false}, open{false}, sent{false};
+    callback->onSend([&](auto const&) {
+        sending = true;
+        sent = eventually([&] { return open.load(); });
+    });
     own->enqueue(1, true, frame(1));
     own->enqueue(1, true, frame(2));
-    ASSERT_TRUE(gate.reached());
+    ASSERT_TRUE(eventually([&] { return sending.load(); }));
     std::thread stopper([&] {
         own->stop();
-        EXPECT_TRUE(gate.passed());
+        EXPECT_TRUE(sent);
     });
     Packet late = packet(9, 3);
     EXPECT_TRUE(eventually([&] {  // refused: it is stopping
@@ -39,7 +43,7 @@ TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
         return !own->enqueuePacket(late) && !log.lines().empty() &&
                log.lines().back().message == "sending a packet to died queue";
     }));
-    gate.open();
+    open = true;
     stopper.join();
     EXPECT_EQ(left(), std::vector<int>{1});
 }

@@ -116,27 +116,4 @@ protected:
     FarPeer peer;
 };
 
-/** Holds the looper inside sendToChannel() until it is opened. */
-class Gate {
-public:
-    explicit Gate(RecordingCallback& callback) {
-        callback.onSend([this](RecordingCallback::Bytes const&) {
-            mReached = true;
-            eventually([this] { return mOpen.load(); });
-            mPassed = true;
-        });
-    }
-
-    bool reached() const {
-        return eventually([this] { return mReached.load(); });
-    }
-    bool passed() const { return mPassed; }
-    void open() { mOpen = true; }
-
-private:
-    std::atomic<bool> mReached{false};
-    std::atomic<bool> mOpen{false};
-    std::atomic<bool> mPassed{false};
-};
-
 }  // namespace vesk
