@@ -1,7 +1,7 @@
 // What the local clients and the far side do in a simulation.
 
 #include <algorithm>
-#include <utility>
+#include <iterator>
 
 #include <vesk/testkit/Await.h>
 
@@ -10,7 +10,6 @@
 namespace vesk::simulation {
 
 using testkit::FarPeer;
-using testkit::Random;
 
 namespace {
 
@@ -18,13 +17,8 @@ struct Address {
     uint8_t topicId, business;
 };
 
-char const* businessName(Address address) {
-    static char const* const NAMES[] = {"cell0", "cell1", "cellims0", "cellims1"};
-    return address.topicId == 2 ? "test" : NAMES[address.business - 10];
-}
-
 /** Few of the businesses, so that sessions meet. */
-Address pickAddress(Random& random) {
+Address pickAddress(testkit::Random& random) {
     return random.chance(300) ? Address{2, 1}
                               : Address{1, static_cast<uint8_t>(random.between(10, 13))};
 }
@@ -40,16 +34,18 @@ void Simulation::act() {
     } else if (dice < 490) {
         replacePending();
     } else if (dice < 800) {
-        farSend();
+        for (size_t n = mRandom.chance(100) ? mRandom.between(2, 12) : 1; n > 0; --n) {
+            farWrite(farFrame());
+        }
     } else if (dice < 850) {
-        farAckNonsense();
+        receive(nonsenseAck());
     } else if (dice < 960) {
         changeSessions();
     } else if (dice < 985) {
         changeTopics();
     } else if (dice < 995) {
         burst();
-    } else if (mUp) {
+    } else if (mUpAgain == 0) {
         setLink(false);
     }
 }
@@ -63,19 +59,9 @@ Bytes Simulation::newPayload() {
     return payload;
 }
 
-std::shared_ptr<VeskFrame> Simulation::newTracked(bool withSerial) {
-    if (mFrames.size() > 20000) {
-        mFrames.erase(std::remove_if(mFrames.begin(), mFrames.end(),
-                                     [](auto const& frame) { return frame.expired(); }),
-                      mFrames.end());
-    }
-    auto frame = VeskFrame::obtainFrame(withSerial);
-    mFrames.push_back(frame);
-    return frame;
-}
-
 std::shared_ptr<VeskFrame> Simulation::newFrame(uint8_t topicId, uint8_t business, uint8_t type) {
-    auto frame = newTracked(true);
+    auto frame = VeskFrame::obtainFrame(true);
+    mFrames.push_back(frame);
     frame->topicId = topicId;
     frame->businessId = business;
     frame->msgType = type;
@@ -88,52 +74,38 @@ std::shared_ptr<VeskFrame> Simulation::newFrame(uint8_t topicId, uint8_t busines
 
 void Simulation::submit(int priority, bool needsAck, std::shared_ptr<VeskFrame> const& frame) {
     mModel.admit(mClock.now(), priority, needsAck, frame);
-    if (!mHolding) {
-        mModel.pass(mClock.now());
-    }
+    if (!mHolding) mModel.pass(mClock.now());
     mQueue->enqueue(priority, needsAck, frame);
 }
 
-void Simulation::publish(RoutingModel::Session const& session, bool local,
+void Simulation::publish(VeskSession& session, bool local,
                          std::shared_ptr<VeskFrame> const& frame) {
-    auto const live = Vesk::getInstance()->getSessionManager()->getSession(session.id);
-    if (!live) {
-        fail("session " + std::to_string(session.id) + " is not to be found");
-    }
+    auto const priority = static_cast<int>(mRandom.below(4));
+    auto const topic = session.getTopic();
     if (local) {
-        expectDelivery(RoutingModel::receivers(*session.topic, frame->businessId, frame->msgType,
-                                               frame->reply),
-                       true);
-    } else if (!session.topic->local) {
-        mModel.admit(mClock.now(), 1, true, frame);
-        if (!mHolding) mModel.pass(mClock.now());
+        deliver(*frame, topic.get(), [&] { session.send(true, frame, priority); });
+        return;
     }
-    live->send(local, frame, static_cast<int>(mRandom.below(4)));
-    if (local) {
-        checkDelivered();
-    }
+    mModel.admit(mClock.now(), 1, true, frame);
+    if (!mHolding) mModel.pass(mClock.now());
+    session.send(false, frame, priority);
 }
 
 void Simulation::sendThroughSession() {
-    auto const& sessions = mRouting.sessions();
-    if (sessions.empty()) {
+    if (mIds.empty()) {
         return changeSessions();
     }
-    auto const& session =
-            *std::next(sessions.begin(), static_cast<ptrdiff_t>(mRandom.below(sessions.size())))
-                     ->second;
+    auto const id = *std::next(mIds.begin(), static_cast<ptrdiff_t>(mRandom.below(mIds.size())));
+    auto const session = mSessions.getSession(id);
+    require(session != nullptr, "session " + std::to_string(id) + " is not to be found");
     auto const type = static_cast<uint8_t>(mRandom.between(2, 3));
-    auto const frame = newFrame(session.topicId, session.business, type);
-    frame->reply = type == 2 ? session.id : static_cast<uint16_t>(mRandom.below(20));
-    publish(session, mRandom.chance(150), frame);
+    auto const frame = newFrame(static_cast<uint8_t>(session->topicId()),
+                                static_cast<uint8_t>(session->businessId()), type);
+    frame->reply = type == 2 ? id : static_cast<uint16_t>(mRandom.below(20));
+    publish(*session, mRandom.chance(150), frame);
 }
 
-void Simulation::answer(RoutingModel::Session const& session, VeskFrame const& request) {
-    // Only sessions that the manager still knows can be sent through.
-    auto const known = mRouting.sessions().find(session.id);
-    if (known == mRouting.sessions().end() || known->second.get() != &session) {
-        return;
-    }
+void Simulation::answer(VeskSession& session, VeskFrame const& request) {
     auto const frame = newFrame(request.topicId, request.businessId, 3);
     frame->reply = request.reply;
     publish(session, false, frame);
@@ -150,14 +122,12 @@ void Simulation::replacePending() {
     auto const frame = newFrame(to.topicId, to.business, 2);
     frame->msgId = static_cast<uint16_t>(mPayloads - mRandom.below(30));
     android::sp<VeskQueue::QueuedPacket> packet = new VeskQueue::QueuedPacket(1, true, frame);
-    if (mQueue->replacePacket(packet) != mModel.replace(*frame)) {
-        fail("replacePacket has found what is not pending, or has not found what is");
-    }
+    require(mQueue->replacePacket(packet) == mModel.replace(*frame),
+            "replacePacket has found what is not pending, or has not found what is");
 }
 
 Bytes Simulation::farFrame() {
     Address const to = pickAddress(mRandom);
-    bool const foreign = mRandom.chance(50);
     FarPeer::Frame frame{to.topicId,
                          to.business,
                          static_cast<uint8_t>(mRandom.between(2, 3)),
@@ -165,70 +135,61 @@ Bytes Simulation::farFrame() {
                          static_cast<uint16_t>(mRandom.below(65536)),
                          0,
                          newPayload()};
-    if (foreign && !mLossless) {
+    if (mRandom.chance(50) && !mLossless) {
         frame.businessId = static_cast<uint8_t>(mRandom.below(256));
         frame.msgType = static_cast<uint8_t>(mRandom.below(6));
     }
     return FarPeer::encode(frame);
 }
 
-void Simulation::farSend() {
-    for (size_t count = mRandom.chance(100) ? mRandom.between(2, 12) : 1; count > 0 && mUp;
-         --count) {
-        Bytes bytes = farFrame();
-        if (mLossless) mInSent.push_back(bytes);
-        mIn.write(mClock.now(), std::move(bytes));
-    }
-}
-
-void Simulation::farAckNonsense() {
+Bytes Simulation::nonsenseAck() {
     auto ack = FarPeer::ackFrame({{static_cast<uint16_t>(mRandom.below(65536)),
                                    static_cast<uint16_t>(mRandom.below(65536))}});
     if (mRandom.chance(300)) ack.reply = static_cast<uint16_t>(mRandom.below(4));
     if (mRandom.chance(300)) ack.businessId = 1;
     if (mRandom.chance(300)) ack.payload.resize(mRandom.below(12));
-    receive(FarPeer::encode(ack));
+    return FarPeer::encode(ack);
 }
 
 void Simulation::changeSessions() {
-    auto* const manager = Vesk::getInstance()->getSessionManager();
-    auto const client = static_cast<uint32_t>(mRandom.below(CLIENTS));
+    auto const client = static_cast<uint32_t>(mRandom.below(5));
     size_t const dice = mRandom.below(100);
-    if (dice < 55) {
+    if (dice < 60) {
         Address const to = pickAddress(mRandom);
-        bool const provider = mRandom.chance(500);
-        bool const flag = mRandom.chance(200);
-        int const id = manager->createSession(static_cast<int>(client), provider ? 2 : 1,
-                                              TOPICS[to.topicId - 1], businessName(to), flag);
-        if (id != mRouting.createSession(client, provider, to.topicId, to.business, flag)) {
-            fail("createSession has returned " + std::to_string(id));
-        }
+        VeskConfig const& config = *mVesk->getConfig();
+        int const id = mSessions.createSession(
+                static_cast<int>(client), static_cast<int>(mRandom.between(1, 2)),
+                config.getTopicIdById(to.topicId),
+                config.getBussinessIdById(to.topicId, to.business), mRandom.chance(200));
+        require((id > 0) == mVesk->hasTopic(uint16_t{to.topicId}),
+                "createSession has returned " + std::to_string(id));
+        if (id > 0) mIds.insert(static_cast<uint16_t>(id));
     } else if (dice < 85) {
         auto const id = static_cast<uint16_t>(mRandom.below(20));
-        if (manager->removeSession(id) != mRouting.removeSession(id)) {
-            fail("removeSession(" + std::to_string(id) + ") has removed what was not there");
-        }
+        auto const session = mSessions.getSession(id);
+        if (session && session->type() == 2) mRemoved.emplace(session->clientId(), id);
+        require(mSessions.removeSession(id) == mIds.erase(id), "removeSession has removed wrongly");
     } else {
-        manager->removeSessionByClient(client);
-        mRouting.removeClient(client);
+        mSessions.removeSessionByClient(client);
+        for (auto next = mIds.begin(); next != mIds.end();) {
+            next = mSessions.getSession(*next) ? std::next(next) : mIds.erase(next);
+        }
     }
 }
 
 void Simulation::changeTopics() {
-    Vesk* const vesk = Vesk::getInstance();
     auto const id = static_cast<uint8_t>(mRandom.between(1, 2));
+    std::string const name = mVesk->getConfig()->getTopicIdById(id);
+    bool const there = mVesk->hasTopic(uint16_t{id});
     if (mRandom.chance(300)) {
-        if ((vesk->removeTopic(TOPICS[id - 1]) == id) != mRouting.removeTopic(id)) {
-            fail("removeTopic has answered wrongly");
-        }
-        return;
-    }
-    bool const local = mRandom.chance(100);
-    if ((vesk->createTopic(TOPICS[id - 1], local) == id) != mRouting.createTopic(id, local)) {
-        fail("createTopic has answered wrongly");
+        require((mVesk->removeTopic(name) == id) == there, "removeTopic has answered wrongly");
+    } else {
+        require((mVesk->createTopic(name, false) == id) != there,
+                "createTopic has answered wrongly");
     }
 }
 
+// The looper is held inside a write while many frames come from one side.
 void Simulation::burst() {
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -237,16 +198,14 @@ void Simulation::burst() {
     submit(1, false, newFrame(1, 10, 2));
     if (mModel.expectsWrites()) {
         std::unique_lock<std::mutex> lock(mMutex);
-        if (!mGate.wait_for(lock, testkit::DEADLINE, [this] { return mBlocked; })) {
-            fail("a priority-1 packet has not been written");
-        }
+        require(mGate.wait_for(lock, testkit::DEADLINE, [this] { return mBlocked; }),
+                "a priority-1 packet has not been written");
         mHolding = true;
-        mModel.blockWrites(true);
     }
+    mModel.blockWrites(mHolding);
     static constexpr size_t SIZES[] = {20, 40, 300, 999, 1000, 1001, 1200};
-    size_t const count = SIZES[mRandom.below(7)];
     size_t const kind = mRandom.below(mHolding ? 3 : 2);
-    for (size_t i = 0; i < count; ++i) {
+    for (size_t n = SIZES[mRandom.below(7)]; n > 0; --n) {
         if (kind == 0) {
             enqueueDirectly();
         } else if (kind == 1) {

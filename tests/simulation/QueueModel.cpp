@@ -30,7 +30,7 @@ bool sameMessage(VeskFrame const& a, VeskFrame const& b) {
 void QueueModel::admit(uint64_t now, int priority, bool needsAck,
                        std::shared_ptr<VeskFrame> frame) {
     if (mPending.size() + mInWrite >= BOUND) {
-        ++mCounters.refused;
+        ++mTotals["refused at the bound"];
         return;
     }
     // A copy: the library may change the original's data, and must do so as replace() does here.
@@ -55,6 +55,7 @@ bool QueueModel::replace(VeskFrame const& with) {
 
 void QueueModel::owe(uint64_t now, uint16_t serialNumber) {
     ++mReceived;
+    ++mTotals["frames accepted"];
     mOwed.push_back({now, serialNumber});
 }
 
@@ -67,12 +68,12 @@ void QueueModel::acknowledge(uint64_t now,
         if (sent == mHistory.end()) continue;
         measured(static_cast<uint32_t>(now - sent->time - hold));
         mHistory.erase(sent);
-        ++mCounters.acknowledged;
+        ++mTotals["acknowledged"];
     }
 }
 
 void QueueModel::cleanup() {
-    mCounters.cleared += mHistory.size();
+    mTotals["cleared"] += mHistory.size();
     mPending.clear();
     mHistory.clear();
     mOwed.clear();
@@ -96,6 +97,7 @@ void QueueModel::pass(uint64_t now) {
             acknowledge(now, {{0, packet->frame->serialNumber}});
         }
         ++mSent;
+        ++mTotals["frames written"];
         mPending.erase(packet);
     }
 }
@@ -129,7 +131,7 @@ void QueueModel::expire(uint64_t now) {
         }
         measured(60000);
         sent = mHistory.erase(sent);
-        ++mCounters.timedOut;
+        ++mTotals["timed out"];
     }
 }
 
@@ -139,13 +141,13 @@ bool QueueModel::record(uint64_t now, Packet const& packet) {
                                     [&](Sent const& s) { return s.msgId == frame.msgId; });
     if (older != mHistory.end()) {
         mHistory.erase(older);
-        ++mCounters.superseded;
+        ++mTotals["superseded"];
     }
     if (mHistory.size() >= BOUND) {
         return false;
     }
     mHistory.push_back({now, frame.serialNumber, frame.msgId});
-    ++mCounters.sentWithAck;
+    ++mTotals["sent to be acknowledged"];
     return true;
 }
 
@@ -182,10 +184,13 @@ std::string QueueModel::compare(VeskQueue const& queue) const {
     return differences.str();
 }
 
-std::string QueueModel::balance() const {
-    Counters const& c = mCounters;
-    uint64_t const left = c.acknowledged + c.timedOut + c.superseded + c.cleared + mHistory.size();
-    return left == c.sentWithAck ? "" : "packets left the history twice or never";
+std::string QueueModel::balance() {
+    uint64_t left = mHistory.size();
+    for (char const* how : {"acknowledged", "timed out", "superseded", "cleared"}) {
+        left += mTotals[how];
+    }
+    return left == mTotals["sent to be acknowledged"] ? ""
+                                                      : "packets left the history twice or never";
 }
 
 }  // namespace vesk::simulation

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -31,11 +32,6 @@ public:
         bool ackInside = false;
     };
 
-    struct Counters {
-        uint64_t acknowledged = 0, timedOut = 0, superseded = 0, cleared = 0;
-        uint64_t sentWithAck = 0, refused = 0;
-    };
-
     void admit(uint64_t now, int priority, bool needsAck, std::shared_ptr<VeskFrame> frame);
     bool replace(VeskFrame const& with);
     void owe(uint64_t now, uint16_t serialNumber);
@@ -59,13 +55,14 @@ public:
     std::string compare(VeskQueue const& queue) const;
 
     /** Empty when each packet that left the history did so for one reason. */
-    std::string balance() const;
+    std::string balance();
 
     /** When the next packet or acknowledgement falls due; the largest number where none does. */
     uint64_t nextDeadline() const;
 
     bool empty() const { return mPending.empty() && mHistory.empty() && mOwed.empty(); }
-    Counters const& counters() const { return mCounters; }
+    /** How much of everything there was. */
+    std::map<std::string, uint64_t> const& totals() const { return mTotals; }
 
 private:
     struct Packet {
@@ -93,7 +90,7 @@ private:
     std::list<Sent> mHistory;
     std::vector<Owed> mOwed;
     std::vector<Bytes> mWrites;
-    Counters mCounters;
+    std::map<std::string, uint64_t> mTotals;
     size_t mInWrite = 0;
     uint32_t mSent = 0, mReceived = 0, mDelay = 0, mSlow = 0;
 };

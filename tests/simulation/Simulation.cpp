@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <thread>
-#include <utility>
 
 #include <vesk/testkit/Await.h>
 
@@ -25,15 +23,19 @@ FaultyLink::Faults faultsFor(Random& random, bool lossless) {
     return {upTo(150), upTo(80), upTo(60), upTo(150), random.between(0, 900)};
 }
 
+uint16_t u16(Bytes const& bytes, size_t at) {
+    return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
+}
+
 }  // namespace
 
 class Simulation::Host : public VeskCallback {
 public:
     explicit Host(Simulation* simulation) : mSimulation(simulation) {}
 
-    void receive(uint32_t client, uint32_t session, bool local,
+    void receive(uint32_t client, uint32_t session, bool,
                  std::shared_ptr<VeskFrame> const& frame) override {
-        mSimulation->onDelivery(client, session, local, frame);
+        mSimulation->onDelivery(client, static_cast<uint16_t>(session), frame);
     }
     void sendToChannel(Bytes bytes) override { mSimulation->onWrite(std::move(bytes)); }
     void notifyTopicChanged(bool, std::string) override {}
@@ -43,50 +45,42 @@ private:
     Simulation* mSimulation;
 };
 
-Simulation::Simulation(testkit::Random random)
+Simulation::Simulation(Random random)
     : mRandom(std::move(random)),
-      mQueue(Vesk::getInstance()->getQueue()),
-      mHost(new Host(this)),
-      mStart(mClock.now()),
       mLossless(mRandom.chance(300)),
       mOut(mRandom, faultsFor(mRandom, mLossless)),
       mIn(mRandom, faultsFor(mRandom, mLossless)),
       mFar(mRandom, 100),
-      mReader(*Vesk::getInstance()->getConfig(), [this](Bytes const& bytes) { arrive(bytes); }) {
-    Vesk::getInstance()->init(mHost);
-    Vesk::getInstance()->onChannelAvailable(false);
+      mReader(*mVesk->getConfig(), [this](Bytes const& bytes) { arrive(bytes); }) {
+    mVesk->init(new Host(this));
+    mVesk->onChannelAvailable(false);
 }
 
 Simulation::~Simulation() {
-    Vesk* const vesk = Vesk::getInstance();
-    for (uint32_t client = 0; client < CLIENTS; ++client) {
-        vesk->getSessionManager()->removeSessionByClient(client);
+    for (uint16_t id : mIds) {
+        mSessions.removeSession(id);
     }
-    for (char const* topic : TOPICS) {
-        vesk->removeTopic(topic);
-    }
-    vesk->onChannelAvailable(false);
+    mVesk->removeTopic("virtualcomm");
+    mVesk->removeTopic("test");
+    mVesk->onChannelAvailable(false);
 }
 
-void Simulation::fail(std::string const& what) const {
-    throw std::runtime_error("after " + std::to_string(mClock.now() - mStart) + " ms: " + what);
+void Simulation::require(bool holds, std::string const& otherwise) const {
+    if (holds) return;
+    throw std::runtime_error("after " + std::to_string(mClock.now() - mStart) +
+                             " ms: " + otherwise);
 }
 
 void Simulation::run(uint64_t minutes) {
     uint64_t const end = mStart + minutes * 60000;
     while (mClock.now() < end && !mRandom.exhausted()) {
-        step();
+        moveTime();
+        if (mUpAgain != 0 && mClock.now() >= mUpAgain) setLink(true);
+        exchange();
+        act();
+        settle();
     }
     finish();
-    mTotals.skippedBytes = mReader.skippedBytes();
-}
-
-void Simulation::step() {
-    moveTime();
-    carry();
-    act();
-    settle();
-    ++mTotals.events;
 }
 
 void Simulation::moveTime() {
@@ -102,33 +96,20 @@ void Simulation::moveTime() {
 void Simulation::settle() {
     mModel.pass(mClock.now());
     mQueue->wake();
-    if (!testkit::eventually([this] { return mQueue->idle(); })) {
-        fail("the looper does not come to rest");
-    }
+    require(testkit::eventually([this] { return mQueue->idle(); }), "the looper finds no rest");
     std::vector<Bytes> written;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         written.swap(mWritten);
     }
-    if (written != mModel.takeWrites()) {
-        fail("the library has not written what was due, in that order");
-    }
-    if (std::string const wrong = mModel.compare(*mQueue) + mModel.balance(); !wrong.empty()) {
-        fail(wrong);
-    }
+    require(written == mModel.takeWrites(), "not written was what was due, in that order");
+    std::string const wrong = mModel.compare(*mQueue) + mModel.balance();
+    require(wrong.empty(), wrong);
     for (Bytes& bytes : written) {
-        ++mTotals.writes;
-        if (!mUp) continue;
+        if (mUpAgain != 0) continue;
         if (mLossless) mOutSent.push_back(bytes);
         mOut.write(mClock.now(), std::move(bytes));
     }
-}
-
-void Simulation::carry() {
-    if (!mUp && mClock.now() >= mUpAgain) {
-        setLink(true);
-    }
-    exchange();
 }
 
 void Simulation::exchange() {
@@ -136,45 +117,43 @@ void Simulation::exchange() {
     for (Bytes const& chunk : mOut.read(now)) {
         for (FarPeer::Frame const& frame : mFar.read(now, chunk)) {
             if (!mLossless) continue;
-            if (mOutSent.empty() || FarPeer::encode(frame) != mOutSent.front()) {
-                fail("a lossless link has delivered a frame twice, late or changed");
-            }
+            require(!mOutSent.empty() && FarPeer::encode(frame) == mOutSent.front(),
+                    "a lossless link has delivered a frame twice, late or changed");
             mOutSent.pop_front();
         }
     }
     for (Bytes& ack : mFar.dueAcks(now)) {
-        if (mLossless) mInSent.push_back(ack);
-        mIn.write(now, std::move(ack));
+        farWrite(std::move(ack));
     }
     auto const chunks = mIn.read(now);
     for (Bytes const& chunk : chunks) {
         mReader.feed(chunk.data(), chunk.size());
     }
-    if (chunks.empty() && mReader.doubtful()) {
-        mReader.abandon();
-    }
+    if (chunks.empty() && mReader.doubtful()) mReader.abandon();
+}
+
+void Simulation::farWrite(Bytes bytes) {
+    if (mUpAgain != 0) return;
+    if (mLossless) mInSent.push_back(bytes);
+    mIn.write(mClock.now(), std::move(bytes));
 }
 
 void Simulation::setLink(bool up) {
-    mUp = up;
+    mUpAgain = up ? 0 : mClock.now() + mRandom.between(1, 3000);
     mOut.cut();
     mIn.cut();
     mFar.reset();
     mReader.reset();
     mOutSent.clear();
     mInSent.clear();
-    Vesk::getInstance()->onChannelAvailable(up);
-    if (!up) {
-        mModel.cleanup();
-        mUpAgain = mClock.now() + mRandom.below(3000);
-    }
+    mVesk->onChannelAvailable(up);
+    if (!up) mModel.cleanup();
 }
 
 void Simulation::arrive(Bytes const& bytes) {
     if (mLossless) {
-        if (mInSent.empty() || bytes != mInSent.front()) {
-            fail("a lossless link has brought a frame twice, late or changed");
-        }
+        require(!mInSent.empty() && bytes == mInSent.front(),
+                "a lossless link has brought a frame twice, late or changed");
         mInSent.pop_front();
     }
     receive(bytes);
@@ -182,67 +161,57 @@ void Simulation::arrive(Bytes const& bytes) {
 }
 
 void Simulation::receive(Bytes const& bytes) {
-    FarPeer::Frame const wire = FarPeer::decode(bytes);
-    auto const frame = newTracked(false);
+    auto const frame = VeskFrame::obtainFrame(false);
     frame->unSerialze(bytes);
-    bool const supported = (wire.topicId == 1 && wire.businessId >= 1 && wire.businessId <= 13) ||
-                           (wire.topicId == 2 && wire.businessId == 1);
-    bool const isData = wire.msgType != 1;
-    expectDelivery(isData && supported ? mRouting.receivers(wire.topicId, wire.businessId,
-                                                            wire.msgType, wire.reply)
-                                       : Receivers(),
-                   false);
-    mQueue->receiveFromChannel(frame);
-    checkDelivered();
-    if (isData && supported) {
-        mModel.owe(mClock.now(), wire.serialNumber);
-    } else if (FarPeer::isAck(wire) && wire.reply == wire.payload.size() / 4) {
+    mFrames.push_back(frame);
+    auto const topic = mVesk->getTopic(frame->topicId);
+    bool const data = frame->msgType != 1 &&
+                      mVesk->getConfig()->isBussinessSupport(frame->topicId, frame->businessId);
+    deliver(*frame, data ? topic.get() : nullptr, [&] { mQueue->receiveFromChannel(frame); });
+    if (data) {
+        mModel.owe(mClock.now(), frame->serialNumber);
+    } else if (frame->msgType == 1 && frame->topicId == 0xAA && frame->businessId == 0xAA &&
+               frame->reply == frame->data.size() / 4) {
         std::vector<std::pair<uint16_t, uint16_t>> entries;
-        for (size_t at = 0; at + 4 <= wire.payload.size(); at += 4) {
-            auto const u16 = [&](size_t i) {
-                return static_cast<uint16_t>(wire.payload[i] | wire.payload[i + 1] << 8);
-            };
-            entries.emplace_back(u16(at), u16(at + 2));
+        for (size_t at = 0; at + 4 <= frame->data.size(); at += 4) {
+            entries.emplace_back(u16(frame->data, at), u16(frame->data, at + 2));
         }
         mModel.acknowledge(mClock.now(), entries);
     }
 }
 
-void Simulation::expectDelivery(Receivers receivers, bool local) {
-    mDelivered = receivers.empty();
-    mDeliveredLocal = local;
-    mReceivers = std::move(receivers);
+bool Simulation::fits(VeskSession const& session, VeskFrame const& frame) const {
+    bool const addressed = frame.msgType == 2
+                                   ? session.type() == 2
+                                   : frame.msgType == 3 && frame.reply == session.sessionId();
+    return addressed && session.topicId() == frame.topicId &&
+           session.businessId() == frame.businessId;
 }
 
-void Simulation::checkDelivered() {
-    if (!mDelivered) {
-        fail("a frame has reached nobody; session " + std::to_string(mReceivers[0]->id) +
-             " should have got it");
-    }
-    mReceivers.clear();
-}
-
-void Simulation::onDelivery(uint32_t client, uint32_t session, bool local,
-                            std::shared_ptr<VeskFrame> const& frame) {
-    auto const receivers = std::exchange(mReceivers, {});
-    auto const addressed = std::find_if(receivers.begin(), receivers.end(), [&](auto const& r) {
-        return r->id == session && r->client == client;
+void Simulation::deliver(VeskFrame const& frame, VeskTopic const* topic,
+                         std::function<void()> const& act) {
+    bool const due = std::any_of(mIds.begin(), mIds.end(), [&](uint16_t id) {
+        auto const session = mSessions.getSession(id);
+        return topic && session->getTopic().get() == topic && fits(*session, frame);
     });
-    if (addressed == receivers.end() || mDelivered || local != mDeliveredLocal) {
-        fail("a frame has reached session " + std::to_string(session) +
-             ", which should not have got it");
-    }
-    mDelivered = true;
-    ++mTotals.deliveries;
-    if (frame->msgType == 2 && mRandom.chance(500)) {
-        answer(**addressed, *frame);
-    }
+    mDeliveries = 0;
+    act();
+    require(mDeliveries <= (topic ? 1 : 0), "a frame was delivered more often than it should");
+    require(mDeliveries == 1 || !due, "a frame has reached nobody");
+}
+
+void Simulation::onDelivery(uint32_t client, uint16_t id, std::shared_ptr<VeskFrame> const& frame) {
+    ++mDeliveries;
+    auto const session = mSessions.getSession(id);
+    bool const known = session && session->clientId() == client && fits(*session, *frame);
+    require(known || mRemoved.count({client, id}) != 0, "a frame has reached session " +
+                                                                std::to_string(id) +
+                                                                ", to which it was not addressed");
+    if (known && frame->msgType == 2 && mRandom.chance(500)) answer(*session, *frame);
 }
 
 void Simulation::onWrite(Bytes bytes) {
-    if (QueueModel::ackedInside(bytes)) {
-        FarPeer(mQueue).acknowledge(static_cast<uint16_t>(bytes[8] | bytes[9] << 8));
-    }
+    if (QueueModel::ackedInside(bytes)) FarPeer(mQueue).acknowledge(u16(bytes, 8));
     std::unique_lock<std::mutex> lock(mMutex);
     mWritten.push_back(std::move(bytes));
     if (mGateShut) {
@@ -257,26 +226,18 @@ void Simulation::finish() {
     mOut.mend();
     mIn.mend();
     mFar.forgetNothing();
-    if (!mUp) {
-        setLink(true);
-    }
-    // What is on the way may still come, and be answered; from then on it is quiet.
+    if (mUpAgain != 0) setLink(true);
+    // For 2 s what is on its way may still come, and be answered; from then on it is quiet.
     for (int quiet = 0; quiet < 7000; quiet += 100) {
         mClock.jump(100);
         settle();
         exchange();
     }
-    if (!mModel.empty()) {
-        fail("the link has been clean and quiet for 5 s and packets are left");
-    }
-    // The last packet that was cleared away is let go of with the next one.
-    submit(1, false, newFrame(1, 1, 2));
+    require(mModel.empty(), "the link has been clean and quiet for 5 s and packets are left");
+    submit(1, false, newFrame(1, 1, 2));  // the last one cleared away is let go of with the next
     settle();
-    auto const alive = std::count_if(mFrames.begin(), mFrames.end(),
-                                     [](auto const& frame) { return !frame.expired(); });
-    if (alive != 0) {
-        fail(std::to_string(alive) + " frames are still alive with nothing pending");
-    }
+    require(std::all_of(mFrames.begin(), mFrames.end(), [](auto const& f) { return f.expired(); }),
+            "frames are still alive with nothing pending");
 }
 
 }  // namespace vesk::simulation
