@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -43,18 +44,16 @@ void enqueue(int priority, bool needAck) {
 /** Leaves something in every place that the end has to clear. */
 void fill() {
     Vesk* const vesk = Vesk::getInstance();
-    VeskSessionManager* const sessions = vesk->getSessionManager();
     vesk->createTopic("test", false);
-    for (int const type : {VeskSessionManager::CONSUMER, VeskSessionManager::PROVIDER}) {
-        sessions->createSession(1, type, "test", "test", false);
-    }
     vesk->createTopic("virtualcomm", false);
-    sessions->createSession(1, VeskSessionManager::PROVIDER, "virtualcomm", "cell0", false);
-    vesk->removeTopic("virtualcomm");  // its session keeps it
+    for (int const type : {VeskSessionManager::CONSUMER, VeskSessionManager::PROVIDER}) {
+        vesk->getSessionManager()->createSession(1, type, "test", "test", false);
+        vesk->getSessionManager()->createSession(1, type, "virtualcomm", "cell0", false);
+    }
+    vesk->removeTopic("virtualcomm");  // its sessions keep it
     FarPeer().send(FarPeer::Frame{2, 1, 2, 0, 1, 1, {}});
-    for (int i = 0; i < 3; ++i)
-        enqueue(2, true);
-    enqueue(1, true);
+    for (int const priority : {2, 2, 1})
+        enqueue(priority, true);
 }
 
 void endIdle() {
@@ -105,6 +104,11 @@ std::map<std::string, std::function<void()>> const SCENARIOS{
 }  // namespace vesk
 
 int main(int argc, char** argv) {
-    vesk::SCENARIOS.at(argc == 2 ? argv[1] : "")();
+    auto const scenario = vesk::SCENARIOS.find(argc == 2 ? argv[1] : "");
+    if (scenario == vesk::SCENARIOS.end()) {
+        std::fprintf(stderr, "usage: vesk_exit SCENARIO, one of those in tests/CMakeLists.txt\n");
+        return 2;
+    }
+    scenario->second();
     return 0;
 }
