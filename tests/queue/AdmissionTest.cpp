@@ -60,6 +60,10 @@ TEST_F(AdmissionTest, RemovalJoinsTheNeighboursAndACopyIsNotPending) {
         EXPECT_EQ(queue->size(), 3);
         EXPECT_EQ(drain(), rest[i]);
     }
+    Packet const pair[] = {admit(2, 1), admit(2, 2)};
+    queue->dequeuePacket();
+    queue->removePacket(pair[1]);  // has no neighbours any more
+    EXPECT_EQ(drain(), std::vector<int>());
 }
 
 TEST_F(AdmissionTest, ReplacementChangesTheDataOfTheFirstMatchAlone) {
