@@ -116,6 +116,8 @@ private:
     SessionTable mConsumerSessions VESK_GUARDED_BY(mMutex);
     SessionTable mProviderSessions VESK_GUARDED_BY(mMutex);
 
+    // Sessions whose removal has begun and not ended: a callback may ask for it again.
+    std::set<VeskSession const*> mLeaving VESK_GUARDED_BY(mMutex);
     // Ids below mNextId are either in use or in mFreedIds, so that the lowest free one is found
     // without searching.
     std::set<uint16_t> mFreedIds VESK_GUARDED_BY(mMutex);

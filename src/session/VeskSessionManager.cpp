@@ -156,13 +156,16 @@ size_t VeskSessionManager::removeSession(uint16_t sessionId) {
         freeId(sessionId);
         consumer = find(CONSUMER, sessionId);
         provider = find(PROVIDER, sessionId);
+        if (provider && (!provider->getTopic() || !mLeaving.insert(provider.get()).second)) {
+            provider = nullptr;  // not to be announced, or being announced as gone just now
+        }
     }
     size_t removed = 0;
     if (consumer) {
         leaveTopic(*consumer);
         removed = forget(consumer);
     }
-    if (provider && provider->getTopic()) {
+    if (provider) {
         announceRemoval(*provider);
         removed = forget(provider);
     }
@@ -177,7 +180,7 @@ int VeskSessionManager::removeSessionByClient(uint32_t clientId) {
 
 size_t VeskSessionManager::removeAllOf(int type, uint32_t clientId) {
     for (auto const& session : sessionsOf(type, clientId)) {
-        if (!release(session)) continue;  // a callback has removed it meanwhile
+        if (!release(session)) continue;  // a callback has removed it, or this is that callback
         if (type == PROVIDER) announceRemoval(*session);
         forget(session);
     }
@@ -198,7 +201,8 @@ std::vector<std::shared_ptr<VeskSession>> VeskSessionManager::sessionsOf(int typ
 bool VeskSessionManager::release(std::shared_ptr<VeskSession> const& session) {
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (find(session->type(), session->sessionId()) != session) return false;
+        bool const present = find(session->type(), session->sessionId()) == session;
+        if (!present || !mLeaving.insert(session.get()).second) return false;
         freeId(session->sessionId());
     }
     leaveTopic(*session);
@@ -207,6 +211,7 @@ bool VeskSessionManager::release(std::shared_ptr<VeskSession> const& session) {
 
 size_t VeskSessionManager::forget(std::shared_ptr<VeskSession> const& session) {
     std::lock_guard<std::mutex> lock(mMutex);
+    mLeaving.erase(session.get());
     auto const present = find(session->type(), session->sessionId());
     // The id was freed before: a callback may have given it, and the place, to a new session.
     if (present == session) tableOf(session->type()).erase(session->sessionId());
