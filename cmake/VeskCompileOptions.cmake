@@ -1,8 +1,10 @@
-# Warnings are errors in our own code, and one sanitizer applies to the whole build or to nothing.
+# Warnings are errors in our own code, unless it is built as a part of something else, with a
+# compiler that we have not seen. One sanitizer applies to the whole build or to nothing.
 
 function(vesk_compile_options target)
     target_compile_options(${target} PRIVATE
-        -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+        -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+        $<$<BOOL:${PROJECT_IS_TOP_LEVEL}>:-Werror>)
 endfunction()
 
 if(VESK_SANITIZE STREQUAL "address")

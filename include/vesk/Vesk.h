@@ -27,8 +27,8 @@ namespace vesk {
  * serves; sessions for its clients through getSessionManager(); then every frame that it reads from
  * the channel goes to getQueue()->receiveFromChannel(), and the callback gets the bytes to write.
  *
- * Ownership: the facade owns the queue, both managers and the catalogue for the life of the process.
- *            Pointers that it returns stay its own.
+ * Ownership: the facade owns the queue, both managers and the catalogue for the life of the
+ *            process. Pointers that it returns stay its own.
  * Threads:   every operation may be called from any thread and from inside a callback. Install the
  *            callback before traffic starts: until then bytes, frames and notifications are lost.
  * The end:   the instance is destroyed at process exit. It first stops the queue and waits for a

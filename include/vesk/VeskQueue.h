@@ -44,15 +44,15 @@ private:
  * of the same msgId is sent after it, or 2000 ms have passed; nothing is ever sent twice.
  * Acknowledgements owed to the peer leave five at a time or 500 ms after the oldest.
  *
- * Threads:   every operation may be called from any thread and from inside a callback, but for those
- *            marked "looper only". The host's sendToChannel() runs on the looper thread; while it
- *            blocks, nothing else leaves, and what was sent goes on ageing.
+ * Threads:   every operation may be called from any thread and from inside a callback, but for
+ *            those marked "looper only". The host's sendToChannel() runs on the looper thread;
+ *            while it blocks, nothing else leaves, and what was sent goes on ageing.
  * Locks:     mMutex guards everything that can change but the counters; it is never held while the
  *            facade, a topic or the host is called. Some log lines are written under it: a log sink
  *            must not call the queue.
  * Ownership: shares each frame until it is sent and, where asked for, acknowledged or expired.
- * Limits:    1000 packets pending and 1000 awaiting acknowledgement. The packet that finds the queue
- *            full is dropped, which is logged and reported to nobody: look at size() before.
+ * Limits:    1000 packets pending and 1000 awaiting acknowledgement. The packet that finds the
+ *            queue full is dropped, which is logged and reported to nobody: look at size() before.
  * Times:     milliseconds of uptime, unsigned 64-bit.
  */
 class VESK_EXPORT VeskQueue {
@@ -62,7 +62,7 @@ public:
      *
      * Ownership: always held by android::sp<>. A pending entry is also held by its neighbours.
      * Threads:   priority(), needRetransmission() and getFrame() never change. The times and links
-     * of an entry that a queue holds belong to that queue.
+     *            of an entry that a queue holds belong to that queue.
      */
     class VESK_EXPORT QueuedPacket : public android::RefBase {
     public:

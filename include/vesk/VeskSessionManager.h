@@ -20,8 +20,8 @@ class VeskSession;
  * Creates, finds and removes sessions, hands out their ids and announces providers.
  *
  * Threads: memory stays sound whatever threads call, and every operation may be called from inside
- *          a callback. Creations and removals belong on one thread at a time: two that race over the
- *          same session each do their steps, in an order that nobody chose.
+ *          a callback. Creations and removals belong on one thread at a time: two that race over
+ *          the same session each do their steps, in an order that nobody chose.
  * Locks:   none is held while a topic, the facade or the host is called.
  */
 class VESK_EXPORT VeskSessionManager {

@@ -1,6 +1,6 @@
 // Debian's libutils is not instrumented, so ThreadSanitizer cannot see that the last decStrong() of
-// an object comes after all the others, and takes its destructor for a race. These two, found before
-// libutils' own, tell it; real races stay visible.
+// an object comes after all the others, and takes its destructor for a race. These two, found
+// before libutils' own, tell it; real races stay visible.
 
 #include <dlfcn.h>
 #include <sanitizer/tsan_interface.h>

@@ -50,8 +50,8 @@ void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
 android::sp<VeskQueue::QueuedPacket> VeskQueue::nextDue(android::sp<QueuedPacket> const& from,
                                                         int& budget, uint64_t now,
                                                         unsigned long long& nextTime) const {
-    // Owed acknowledgements and expiries must get their turn under unbroken sending: a pass sends no
-    // more packets than were pending when it began, and for no longer than acknowledgements may
+    // Owed acknowledgements and expiries must get their turn under unbroken sending: a pass sends
+    // no more packets than were pending when it began, and for no longer than acknowledgements may
     // wait. It also ends where another thread has taken its place in the chain away.
     bool const spent =
             budget <= 0 || elapsed(quillex::SystemClock::uptimeMillis(), now) >= ACK_BATCH_AGE_MS;

@@ -13,19 +13,19 @@ template <typename T>
 class sp {
 public:
     sp() = default;
-    sp(T* other) : mPtr(other) { acquire(); }  // NOLINT(*-explicit-*)
+    sp(T* other) : mPtr(other) { acquire(); }
     sp(sp const& other) : mPtr(other.mPtr) { acquire(); }
     sp(sp&& other) noexcept : mPtr(std::exchange(other.mPtr, nullptr)) {}
     template <typename U>
     sp(U* other) : mPtr(other) {
         acquire();
-    }  // NOLINT(*-explicit-*)
+    }
     template <typename U>
     sp(sp<U> const& other) : mPtr(other.mPtr) {
         acquire();
-    }  // NOLINT(*-explicit-*)
+    }
     template <typename U>
-    sp(sp<U>&& other) : mPtr(std::exchange(other.mPtr, nullptr)) {}  // NOLINT(*-explicit-*)
+    sp(sp<U>&& other) : mPtr(std::exchange(other.mPtr, nullptr)) {}
 
     ~sp() {
         if (mPtr) mPtr->decStrong(this);

@@ -13,8 +13,8 @@ namespace vesk::testkit {
 constexpr std::chrono::milliseconds DEADLINE{20000};
 
 /**
- * Waits until a condition holds that nothing announces, by asking for it again and again: at once at
- * first, then every 100 microseconds.
+ * Waits until a condition holds that nothing announces, by asking for it again and again: at once
+ * at first, then every 100 microseconds.
  *
  * @param condition called on this thread, at least once.
  * @return whether it came to hold before the deadline.

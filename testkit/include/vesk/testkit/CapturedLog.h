@@ -12,7 +12,7 @@ namespace vesk::testkit {
  * Threads: lines may be written, and looked up, on any threads. A line that another thread is just
  *          writing when the object ends is dropped.
  * Failure: the log has one sink, so the constructor throws std::logic_error while another
- * CapturedLog lives.
+ *          CapturedLog lives.
  */
 class CapturedLog {
 public:

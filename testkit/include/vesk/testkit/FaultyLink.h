@@ -9,8 +9,8 @@
 namespace vesk::testkit {
 
 /**
- * One direction of a byte channel that loses, doubles, delays, reorders and corrupts what is written
- * to it, and hands the bytes out in other chunks than they went in.
+ * One direction of a byte channel that loses, doubles, delays, reorders and corrupts what is
+ * written to it, and hands the bytes out in other chunks than they went in.
  *
  * Ownership: uses the Random that decides; that must outlive it.
  * Threads:   one at a time.

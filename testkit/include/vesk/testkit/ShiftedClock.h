@@ -16,11 +16,11 @@ namespace vesk::testkit {
  * this clock's.
  *
  * Ownership: shares the queue.
- * Threads:   now() and jump() from any thread and from inside callbacks; advance() and settle() from
- *            any thread but the looper's.
+ * Threads:   now() and jump() from any thread and from inside callbacks; advance() and settle()
+ *            from any thread but the looper's.
  * Times:     milliseconds of uptime.
- * Failure:   the constructor throws std::logic_error while another ShiftedClock lives; advance() and
- *            settle() throw std::runtime_error where the looper is not idle within DEADLINE.
+ * Failure:   the constructor throws std::logic_error while another ShiftedClock lives; advance()
+ *            and settle() throw std::runtime_error where the looper is not idle within DEADLINE.
  */
 class ShiftedClock {
 public:
