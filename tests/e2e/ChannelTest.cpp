@@ -1,11 +1,7 @@
-#include <signal.h>
-
-#include <filesystem>
-#include <memory>
 #include <optional>
 
 #include <gtest/gtest.h>
-#include <vesk/VeskFrame.h>
+#include <vesk/testkit/FarPeer.h>
 
 #include "support/Scene.h"
 #include "support/Wire.h"
@@ -25,8 +21,8 @@ protected:
     }
 
     void connectLater() {
-        mNear = std::make_unique<Socket>(mIo, path("wire.near"));
-        mFar = std::make_unique<Socket>(mIo, path("wire.far"));
+        mNear.emplace(mIo, path("wire.near"));
+        mFar.emplace(mIo, path("wire.far"));
     }
 
     void connect() {
@@ -45,13 +41,12 @@ protected:
     }
 
     void expectTraffic() {
-        Process& caller = call("near", {"--random-size", "3000", "--count", "50", "--window", "10",
-                                        "--verify", "--report", "--timeout", "60000"});
-        EXPECT_EQ(caller.ending(), "exit status 0") << caller.errors();
+        expectEnd(call("near", {"--random-size", "3000", "--count", "50", "--window", "10",
+                                "--verify", "--timeout", "60000"}),
+                  "exit status 0");
     }
 
-    std::unique_ptr<Socket> mNear;
-    std::unique_ptr<Socket> mFar;
+    std::optional<Socket> mNear, mFar;
     std::optional<Wire> mWire;
 };
 
@@ -67,7 +62,7 @@ TEST_F(ChannelTest, ClientsStayWhileTheChannelIsAway) {
     EXPECT_EQ(counters("near").pending, 0U);
     connectLater();
     connect();
-    await("its reply", [&] { return waiting.ended(); });
+    expectEnd(waiting, "exit status 0");
     EXPECT_EQ(waiting.output(), "patience\n");
 
     expectTraffic();
@@ -76,54 +71,41 @@ TEST_F(ChannelTest, ClientsStayWhileTheChannelIsAway) {
     EXPECT_EQ(counters("far").skippedBytes, 5U);
 }
 
-TEST_F(ChannelTest, FramesBehindGarbageAreFound) {
+TEST_F(ChannelTest, ForeignBytesHideNoFrame) {
     startEcho("far");
     Process& watcher = start({"watch", "--host", socket("far")});
-    std::vector<uint8_t> garbage(1000, 0x55);
-    for (size_t i = 0; i < garbage.size(); i += 3)
-        garbage[i] = static_cast<uint8_t>(i);
-    mWire->insertTowardsB(garbage);
+    mWire->insertTowardsB(std::vector<uint8_t>(1000, 0x55));
     expectTraffic();
-    EXPECT_EQ(counters("far").skippedBytes, garbage.size());
+    EXPECT_EQ(counters("far").skippedBytes, 1000U);
     await("watch to report it",
           [&] { return watcher.output().find("skipped bytes 1000") != std::string::npos; });
-}
 
-TEST_F(ChannelTest, AFalseHeaderHidesNothingOnceTheChannelIsSilent) {
-    startEcho("far");
-    // Behind a foreign byte a header that claims 3,000 bytes, and within these a true request.
+    // A header that claims 3,000 bytes hides the request in these until the channel is silent.
+    uint64_t const before = counters("far").receivedPackets;
     std::vector<uint8_t> bytes{0x00, 0x55, 0xB8, 0x0B, 2, 1, 2, 0, 0, 0, 0, 0, 0};
-    auto const frame = VeskFrame::obtainFrame(false);
-    frame->topicId = 2;
-    frame->businessId = 1;
-    frame->msgType = 2;
-    frame->data = {1, 2, 3};
-    std::vector<uint8_t> request;
-    frame->serialze(request);
+    auto const request = testkit::FarPeer::encode({2, 1, 2, 0, 0, 0, {1, 2, 3}});
     bytes.insert(bytes.end(), request.begin(), request.end());
     mWire->insertTowardsB(bytes);
-    await("the hidden request", [&] { return counters("far").receivedPackets == 1; });
-    EXPECT_EQ(counters("far").skippedBytes, 13U);
+    await("the request", [&] { return counters("far").receivedPackets == before + 1; });
+    EXPECT_EQ(counters("far").skippedBytes, 1013U);
     expectTraffic();
 }
 
 TEST_F(ChannelTest, OverloadLosesNothing) {
     startEcho("far");
     startEcho("near", "virtualcomm/vm");
-    // Several times what the library holds at once, both ways.
-    Arguments const flood{"--random-size", "500",      "--count",  "3000",      "--window",
-                          "3000",          "--verify", "--report", "--timeout", "240000"};
     std::vector<Process*> callers;
-    for (int i = 0; i < 4; ++i) {
-        std::string const host = i < 3 ? "near" : "far";
-        Arguments arguments{"call", "--host", socket(host), i < 3 ? "test/test" : "virtualcomm/vm"};
-        arguments.insert(arguments.end(), flood.begin(), flood.end());
-        callers.push_back(&start(arguments));
-    }
-    for (Process* caller : callers) {
-        await("a flood to end", [&] { return caller->ended(); });
-        EXPECT_EQ(caller->ending(), "exit status 0") << caller->output() << caller->errors();
-    }
+    auto const flood = [&](std::string const& host, std::string const& business) {
+        // Several times what the library holds at once, both ways.
+        callers.push_back(&start({"call", "--host", socket(host), business, "--random-size", "500",
+                                  "--count", "3000", "--window", "3000", "--verify", "--report",
+                                  "--timeout", "240000"}));
+    };
+    for (int i = 0; i < 3; ++i)
+        flood("near", "test/test");
+    flood("far", "virtualcomm/vm");
+    for (Process* caller : callers)
+        expectEnd(*caller, "exit status 0");
     EXPECT_EQ(counters("near").receivedPackets, 12000U);
     EXPECT_EQ(counters("far").receivedPackets, 12000U);
 }

@@ -1,5 +1,4 @@
 #include <signal.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -21,10 +20,11 @@ class ClientTest : public Scene {
 protected:
     using Connection = asio::local::stream_protocol::socket;
 
-    /** A client that follows no rules. */
-    Connection connect(std::string const& host) {
+    /** A client of the host "near" that follows no rules, and what it begins with. */
+    Connection connect(Bytes const& first) {
         Connection connection(mIo);
-        connection.connect(path(host));
+        connection.connect(path("near"));
+        asio::write(connection, asio::buffer(first));
         return connection;
     }
 
@@ -33,11 +33,6 @@ protected:
         asio::error_code end;
         asio::read(connection, asio::dynamic_buffer(all), end);
         return all;
-    }
-
-    static Bytes half(Bytes bytes) {
-        bytes.resize(bytes.size() / 2);
-        return bytes;
     }
 
     void expectCall(std::string const& ending, Arguments arguments, std::string const& errors,
@@ -57,7 +52,7 @@ TEST_F(ClientTest, AProviderThatDiesTakesItsSessionAlong) {
     provider.signal(SIGKILL);
     await("watch to tell",
           [&] { return watcher.output().find("provider test/test removed") != std::string::npos; });
-    EXPECT_EQ(provider.ending(), "signal 9");
+    expectEnd(provider, "signal 9");
     expectCall("exit status 1", {"--data", "x", "--timeout", "300", "--count", "2"},
                "2 of 2 requests got no reply");
     EXPECT_EQ(counters("far").providers, 0U);
@@ -70,13 +65,12 @@ TEST_F(ClientTest, BrokenClientsHarmNobody) {
     startPair();
     startEcho("far");
     Bytes const join = tool::JoinMessage{1, "test", "test"}.encode();
+    Bytes const request =
+            tool::DataMessage::encode(tool::MessageType::REQUEST, 0, 1, Bytes(tool::MAX_PAYLOAD));
     {
-        Connection vanishing = connect("near");
-        asio::write(vanishing, asio::buffer(half(join)));
-        Connection joined = connect("near");
-        asio::write(joined, asio::buffer(join));
-        asio::write(joined, asio::buffer(half(tool::DataMessage::encode(tool::MessageType::REQUEST,
-                                                                        0, 7, Bytes(500)))));
+        Connection const vanishing = connect({join.begin(), join.begin() + 5});
+        Connection joined = connect(join);
+        asio::write(joined, asio::buffer(request, 500));
         await("both to arrive", [&] { return counters("near").clients == 3; });
     }
     await("both to be gone", [&] { return counters("near").clients == 1; });
@@ -93,23 +87,14 @@ TEST_F(ClientTest, BrokenClientsHarmNobody) {
             {tool::DataMessage::encode(tool::MessageType::REPLY, 1, 1, {}), "only a provider"},
     };
     for (auto const& [bytes, answer] : bad) {
-        Connection connection = connect("near");
-        asio::write(connection, asio::buffer(bytes));
+        Connection connection = connect(bytes);
         EXPECT_NE(readToEnd(connection).find(answer), std::string::npos) << answer;
     }
     EXPECT_EQ(counters("near").refused, std::size(bad));
-    expectCall("exit status 0", {"--data", "x"}, "");
-}
 
-TEST_F(ClientTest, AClientThatDoesNotReadIsDisconnected) {
-    startPair();
-    startEcho("far");
-    Connection connection = connect("near");
-    asio::write(connection, asio::buffer(tool::JoinMessage{1, "test", "test"}.encode()));
-    Bytes const request =
-            tool::DataMessage::encode(tool::MessageType::REQUEST, 0, 1, Bytes(tool::MAX_PAYLOAD));
+    Connection neverReads = connect(join);
     for (int i = 0; i < 400; ++i)
-        asio::write(connection, asio::buffer(request));
+        asio::write(neverReads, asio::buffer(request));
     await("the host to lose patience", [&] { return counters("near").evicted == 1; });
     EXPECT_EQ(counters("far").evicted, 0U) << "the provider was slow, not dead";
     expectCall("exit status 0", {"--data", "x"}, "");
@@ -135,12 +120,11 @@ TEST_F(ClientTest, WhatCannotBeIsRefusedWithTheReason) {
 TEST_F(ClientTest, EveryCommandEndsCleanlyAndASocketIsNeverInTheWay) {
     Process& far = startHost("far", socket("channel"), {"--listen"});
     Process& rival = start({"host", "--channel", socket("other"), "--clients", socket("far")});
-    await("the rival to give up", [&] { return rival.ended(); });
-    EXPECT_EQ(rival.ending(), "exit status 1");
+    expectEnd(rival, "exit status 1");
     EXPECT_NE(rival.errors().find("another process serves"), std::string::npos);
 
     far.signal(SIGKILL);
-    await("the host to die", [&] { return far.ended(); });
+    expectEnd(far, "signal 9");
     ASSERT_TRUE(std::filesystem::exists(path("far")));
     Process& successor = startHost("far", socket("channel"), {"--listen", "--local-topic", "test"});
     Process& provider = start({"provide", "--host", socket("far"), "test/test", "--exec",
@@ -151,11 +135,8 @@ TEST_F(ClientTest, EveryCommandEndsCleanlyAndASocketIsNeverInTheWay) {
     await("the command to run", [&] { return std::filesystem::exists(path("busy")); });
     for (Process* process : {&caller, &provider, &successor}) {
         process->signal(SIGINT);
-        await("Ctrl-C to work", [&] { return process->ended(); });
+        expectEnd(*process, process == &caller ? "exit status 1" : "exit status 0");
     }
-    EXPECT_EQ(caller.ending(), "exit status 1") << "its reply never came";
-    EXPECT_EQ(provider.ending(), "exit status 0");
-    EXPECT_EQ(successor.ending(), "exit status 0");
     EXPECT_FALSE(std::filesystem::exists(path("far")));
     EXPECT_FALSE(std::filesystem::exists(path("channel")));
 }
@@ -163,8 +144,7 @@ TEST_F(ClientTest, EveryCommandEndsCleanlyAndASocketIsNeverInTheWay) {
 TEST_F(ClientTest, TheDemoLosesNothingAndCleansUp) {
     ::setenv("TMPDIR", path("").c_str(), 1);
     Process& demo = start({"demo", "--requests", "30"});
-    await("the demo", [&] { return demo.ended(); });
-    EXPECT_EQ(demo.ending(), "exit status 0") << demo.errors();
+    expectEnd(demo, "exit status 0");
     EXPECT_NE(demo.output().find("\ntotal                          420       420      0"),
               std::string::npos)
             << demo.output();
@@ -172,11 +152,9 @@ TEST_F(ClientTest, TheDemoLosesNothingAndCleansUp) {
     Process& interrupted = start({"demo", "--requests", "1000000"});
     await("the consumers", [&] { return !interrupted.output().empty(); });
     interrupted.signal(SIGINT);
-    await("Ctrl-C to work", [&] { return interrupted.ended(); });
-    EXPECT_EQ(interrupted.ending(), "exit status 130");
-    for (auto const& entry : std::filesystem::directory_iterator(path(""))) {
+    expectEnd(interrupted, "exit status 130");
+    for (auto const& entry : std::filesystem::directory_iterator(path("")))
         EXPECT_EQ(entry.path().filename().string().rfind("errors", 0), 0U) << entry.path();
-    }
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 #include "StreamReader.h"
 
 #include <algorithm>
-#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <vesk/VeskFrame.h>
+#include <vesk/testkit/FarPeer.h>
 
 namespace vesk::e2e {
 
@@ -15,17 +14,9 @@ using Bytes = std::vector<uint8_t>;
 
 class StreamReaderTest : public ::testing::Test {
 protected:
-    static Bytes frame(uint8_t topic, uint8_t business, uint8_t type, Bytes data,
+    static Bytes frame(uint8_t topic, uint8_t business, uint8_t type, Bytes const& payload,
                        uint16_t reply = 0) {
-        auto const made = VeskFrame::obtainFrame(false);
-        made->topicId = topic;
-        made->businessId = business;
-        made->msgType = type;
-        made->reply = reply;
-        made->data = std::move(data);
-        Bytes bytes;
-        made->serialze(bytes);
-        return bytes;
+        return testkit::FarPeer::encode({topic, business, type, reply, 0, 0, payload});
     }
 
     void feed(Bytes const& bytes) { mReader.feed(bytes.data(), bytes.size()); }
@@ -34,43 +25,6 @@ protected:
     std::vector<Bytes> mFrames;
     tool::StreamReader mReader{mCatalogue, [this](Bytes const& one) { mFrames.push_back(one); }};
 };
-
-void append(Bytes& stream, Bytes const& bytes) {
-    stream.insert(stream.end(), bytes.begin(), bytes.end());
-}
-
-TEST_F(StreamReaderTest, TheChunkingMakesNoDifference) {
-    std::mt19937 random(7);
-    Bytes stream;
-    std::vector<Bytes> sent;
-    size_t garbageSize = 0;
-    for (size_t i = 0; i < 60; ++i) {
-        // Every byte of it may be a magic byte, but no header comes of it: types go to 3.
-        Bytes garbage(random() % 40);
-        for (uint8_t& byte : garbage)
-            byte = random() % 2 ? 0x55 : static_cast<uint8_t>(4 + random() % 81);
-        garbageSize += garbage.size();
-        append(stream, garbage);
-        size_t const sizes[] = {0, 1, 11, 12, 13, 300, 65535};
-        Bytes payload(sizes[random() % 7], 0x55);
-        sent.push_back(i % 5 == 0 ? frame(0xAA, 0xAA, 1, Bytes(8, 0x55), 2)
-                                  : frame(1, static_cast<uint8_t>(1 + i % 13), 2, payload));
-        append(stream, sent.back());
-    }
-    feed(stream);
-    EXPECT_EQ(mFrames, sent);
-    EXPECT_EQ(mReader.skippedBytes(), garbageSize);
-
-    for (size_t chunk : {size_t{1}, size_t{5}, size_t{12}, size_t{4093}}) {
-        std::vector<Bytes> found;
-        tool::StreamReader reader(mCatalogue, [&](Bytes const& one) { found.push_back(one); });
-        for (size_t at = 0; at < stream.size(); at += chunk) {
-            reader.feed(stream.data() + at, std::min(chunk, stream.size() - at));
-        }
-        EXPECT_EQ(found, sent) << "in chunks of " << chunk;
-        EXPECT_EQ(reader.skippedBytes(), garbageSize) << "in chunks of " << chunk;
-    }
-}
 
 TEST_F(StreamReaderTest, AHeaderThatCannotBeIsSkipped) {
     Bytes const good = frame(2, 1, 3, {9});

@@ -25,7 +25,6 @@ using testkit::FarPeer;
 using testkit::RecordingCallback;
 
 std::atomic<bool> gExiting{false};
-std::atomic<bool> gSending{false};
 
 android::sp<RecordingCallback> host() {
     android::sp<RecordingCallback> const callback = new RecordingCallback;
@@ -33,12 +32,8 @@ android::sp<RecordingCallback> host() {
     return callback;
 }
 
-void enqueue(int priority, bool needAck) {
-    auto const frame = VeskFrame::obtainFrame(true);
-    frame->topicId = 2;
-    frame->businessId = 1;
-    frame->msgType = 2;
-    Vesk::getInstance()->getQueue()->enqueue(priority, needAck, frame);
+void enqueue(int priority) {
+    Vesk::getInstance()->getQueue()->enqueue(priority, true, VeskFrame::obtainFrame(true));
 }
 
 /** Leaves something in every place that the end has to clear. */
@@ -53,7 +48,7 @@ void fill() {
     vesk->removeTopic("virtualcomm");  // its sessions keep it
     FarPeer().send(FarPeer::Frame{2, 1, 2, 0, 1, 1, {}});
     for (int const priority : {2, 2, 1})
-        enqueue(priority, true);
+        enqueue(priority);
 }
 
 void endIdle() {
@@ -65,22 +60,22 @@ void endIdle() {
 }
 
 void endMidSend() {
-    host()->onSend([](auto const&) {
-        gSending = true;
+    auto const callback = host();
+    callback->onSend([](auto const&) {
         eventually([] { return gExiting.load(); });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));  // ends after the exit began
-        enqueue(1, true);
+        enqueue(1);
     });
     // Registered after the instance was made, so it runs before the instance ends.
     std::atexit([] { gExiting = true; });
     fill();
-    eventually([] { return gSending.load(); });
+    callback->waitForSent(1);
 }
 
-void exitInSend(bool filled) {
+void exitInSend(std::function<void()> const& before) {
     host()->onSend([](auto const&) { std::exit(0); });
-    if (filled) fill();
-    enqueue(1, true);
+    before();
+    enqueue(1);
     for (;;)
         pause();
 }
@@ -90,8 +85,8 @@ std::map<std::string, std::function<void()>> const SCENARIOS{
         {"no-callback", endIdle},
         {"idle", [] { host(), endIdle(); }},
         {"mid-send", endMidSend},
-        {"exit-in-send", [] { exitInSend(true); }},
-        {"exit-in-send-bare", [] { exitInSend(false); }},
+        {"exit-in-send", [] { exitInSend(fill); }},
+        {"exit-in-send-bare", [] { exitInSend([] {}); }},
         {"exit-in-receive",
          [] {
              host()->onReceive([](auto const&) { std::exit(0); });

@@ -25,14 +25,11 @@ TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
 }
 
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
-    std::atomic<bool> sending{false}, open{false}, sent{false};
-    callback->onSend([&](auto const&) {
-        sending = true;
-        sent = eventually([&] { return open.load(); });
-    });
+    std::atomic<bool> open{false}, sent{false};
+    callback->onSend([&](auto const&) { sent = eventually([&] { return open.load(); }); });
     own->enqueue(1, true, frame(1));
     own->enqueue(1, true, frame(2));
-    ASSERT_TRUE(eventually([&] { return sending.load(); }));
+    ASSERT_TRUE(callback->waitForSent(1));
     std::thread stopper([&] {
         own->stop();
         EXPECT_TRUE(sent);

@@ -49,13 +49,10 @@ std::string Process::errors() const {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void Process::signal(int number) {
-    mChild.signal(number);
-}
-
 Scene::Scene() {
     ::signal(SIGPIPE, SIG_IGN);
-    std::string name = (std::filesystem::temp_directory_path() / "vesk-e2e-XXXXXX").string();
+    static auto const root = std::filesystem::temp_directory_path();  // before a test changes it
+    std::string name = (root / "vesk-e2e-XXXXXX").string();
     if (::mkdtemp(name.data())) mDirectory = name;
 }
 
@@ -69,13 +66,11 @@ void Scene::TearDown() {
     for (auto process = mProcesses.rbegin(); process != mProcesses.rend(); ++process) {
         if (process->ended()) continue;
         process->signal(SIGTERM);
-        await("a process to end", [&] { return process->ended(); });
-        EXPECT_EQ(process->ending(), "exit status 0") << process->errors();
+        expectEnd(*process, "exit status 0");
     }
     if (!HasFailure()) return;
-    for (Process const& process : mProcesses) {
+    for (Process const& process : mProcesses)
         std::fprintf(stderr, "--- a process wrote:\n%s", process.errors().c_str());
-    }
 }
 
 Process& Scene::start(Arguments arguments) {
@@ -114,12 +109,16 @@ void Scene::startPair() {
 void Scene::await(std::string const& what, std::function<bool()> const& reached) {
     auto const limit = std::chrono::steady_clock::now() + PATIENCE;
     while (!reached()) {
-        if (std::chrono::steady_clock::now() > limit) {
+        if (std::chrono::steady_clock::now() > limit)
             throw std::runtime_error("waited in vain for " + what);
-        }
         mIo.run_for(std::chrono::milliseconds(10));
         mIo.restart();
     }
+}
+
+void Scene::expectEnd(Process& process, std::string const& ending) {
+    await("a process to end", [&] { return process.ended(); });
+    EXPECT_EQ(process.ending(), ending) << process.output() << process.errors();
 }
 
 void Scene::awaitChannel(std::string const& host, bool up) {

@@ -27,15 +27,14 @@ public:
     bool ended() { return mReadAll && !mChild.ending().empty(); }
     /** "exit status 0" and the like; empty while it runs. */
     std::string const& ending() { return mChild.ending(); }
-    void signal(int number);
+    void signal(int number) { mChild.signal(number); }
 
 private:
     void read();
 
     std::string const mErrorFile;
     tool::ChildProcess mChild;
-    std::string mChunk;
-    std::string mOutput;
+    std::string mChunk, mOutput;
     bool mReadAll = false;
 };
 
@@ -69,6 +68,8 @@ protected:
     void startPair();
 
     void await(std::string const& what, std::function<bool()> const& reached);
+    /** Waits for the end of a process, which must be this one. */
+    void expectEnd(Process& process, std::string const& ending);
     void awaitChannel(std::string const& host, bool up);
     tool::Counters counters(std::string const& host);
 

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <array>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
+#include <asio/write.hpp>
 
 #include "UnixListener.h"
 
@@ -19,30 +18,46 @@ using WireEnd = std::shared_ptr<asio::posix::stream_descriptor>;
 /** Carries bytes between two hosts, and whatever a test adds to them. */
 class Wire {
 public:
-    Wire(WireEnd a, WireEnd b);
+    Wire(WireEnd const& a, WireEnd const& b) : mA(a), mB(b) {
+        carry(a, b);
+        carry(b, a);
+    }
 
     /** Slips bytes into what the host at end `b` reads. REQUIRES: nothing else is under way. */
-    void insertTowardsB(std::vector<uint8_t> const& bytes);
+    void insertTowardsB(std::vector<uint8_t> const& bytes) {
+        asio::write(*mB, asio::buffer(bytes));
+    }
 
     /** Cuts it: both hosts see the end of their channel. */
-    void cut();
+    void cut() {
+        mA->close();
+        mB->close();
+    }
 
 private:
-    struct Direction {
-        WireEnd from;
-        WireEnd to;
-        std::array<char, size_t{64} * 1024> bytes{};
-    };
-    static void carry(std::shared_ptr<Direction> const& direction);
+    static void carry(WireEnd const& from, WireEnd const& to) {
+        auto const bytes = std::make_shared<std::string>(size_t{64} * 1024, '\0');
+        from->async_read_some(asio::buffer(*bytes), [=](asio::error_code readError, size_t size) {
+            if (readError) return;
+            asio::async_write(*to, asio::buffer(*bytes, size),
+                              [from, to, bytes](asio::error_code writeError, size_t) {
+                                  if (!writeError) carry(from, to);
+                              });
+        });
+    }
 
-    WireEnd mA;
-    WireEnd mB;
+    WireEnd mA, mB;
 };
 
 /** Listens where a host will connect to, and takes its connection for the end of a wire. */
 class Socket {
 public:
-    Socket(asio::io_context& io, std::string const& path);
+    Socket(asio::io_context& io, std::string const& path) : mListener(io, path) {
+        mListener.acceptor().async_accept([this, &io](asio::error_code error, auto socket) {
+            if (error) return;
+            mEnd = std::make_shared<asio::posix::stream_descriptor>(io, socket.release());
+        });
+    }
 
     bool connected() const { return mEnd != nullptr; }
     WireEnd const& end() const { return mEnd; }
@@ -50,21 +65,6 @@ public:
 private:
     tool::UnixListener mListener;
     WireEnd mEnd;
-};
-
-/** A pseudo-terminal: the host opens device(), the wire holds end(). */
-class PseudoTerminal {
-public:
-    explicit PseudoTerminal(asio::io_context& io);
-
-    std::string const& device() const { return mDevice; }
-    WireEnd const& end() const { return mEnd; }
-
-private:
-    WireEnd mEnd;
-    std::string mDevice;
-    // Held open, so that the wire does not fail before the host has opened it.
-    std::shared_ptr<asio::posix::stream_descriptor> mKeeper;
 };
 
 }  // namespace vesk::e2e
