@@ -22,10 +22,9 @@ TEST_F(ConcurrencyTest, EverythingAtOnceLeavesAQueueThatWorks) {
         auto const session = sessions->getSession(static_cast<uint16_t>(delivery.sessionId));
         if (session) session->send(false, frame(delivery.frame->msgId, 3), 1);
     });
-    std::atomic<int> busy{0};
+    std::atomic<int> busy{4};
     std::vector<std::thread> threads;
     auto const repeat = [&](uint16_t rounds, std::function<void(uint16_t)> const& work) {
-        ++busy;
         threads.emplace_back([&busy, rounds, work] {
             for (uint16_t round = 0; round < rounds; ++round)
                 work(round);

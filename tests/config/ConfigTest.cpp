@@ -33,10 +33,8 @@ TEST(ConfigTest, CatalogueIsFoundByIdAndByName) {
     for (char const* const name : {"", "tes", "test ", "Test", "cell0"})
         EXPECT_EQ(config.getTopicIdByName(name), -1) << name;
     EXPECT_EQ(config.getBussinessIdByName(1, "test"), -1);
-}
 
-TEST(ConfigTest, OnlyTheTopicIdOfABusinessIsCutTo16Bits) {
-    VeskConfig const config;
+    // Only the topic id of a business is cut to 16 bits.
     EXPECT_EQ(config.getBussinessIdByName(65537, "cell0"), 10);
     EXPECT_EQ(config.getBussinessIdById(65537, 10), "cell0");
     EXPECT_EQ(config.getBussinessIdById(1, 65546), "");

@@ -38,7 +38,7 @@ protected:
     void expectCall(std::string const& ending, Arguments arguments, std::string const& errors,
                     std::string const& business = "test/test") {
         Process& caller = call("near", std::move(arguments), business);
-        EXPECT_EQ(caller.ending(), ending);
+        expectEnd(caller, ending);
         EXPECT_NE(caller.errors().find(errors), std::string::npos) << caller.errors();
     }
 };

@@ -76,23 +76,19 @@ TEST_P(EndpointTest, RequestsOfEverySizeAreAnswered) {
     await("the provider", [&] { return counters("near").providers == 1; });
 
     for (char const* business : {"test/test", "virtualcomm/cell0"}) {
-        Process& caller = call("near",
-                               {"--random-size", "65535", "--count", "150", "--window", "8",
-                                "--verify", "--report", "--timeout", "60000"},
-                               business);
-        expectEnd(caller, "exit status 0");
-        EXPECT_NE(caller.output().find("result 150 150 0 0"), std::string::npos) << caller.output();
+        expectEnd(call("near",
+                       {"--random-size", "65535", "--count", "150", "--window", "8", "--verify",
+                        "--timeout", "60000"},
+                       business),
+                  "exit status 0");
     }
-    Process& shout = call("far", {"--data", "loud", "--count", "20", "--window", "20", "--stats"},
+    Process& shout = call("far", {"--data", "loud", "--count", "3", "--window", "3", "--stats"},
                           "virtualcomm/vm");
     expectEnd(shout, "exit status 0");
-    std::string twenty;
-    for (int i = 0; i < 20; ++i)
-        twenty += "LOUD\n";
-    EXPECT_EQ(shout.output(), twenty);
-    EXPECT_NE(shout.errors().find("requests 20, replies 20, lost 0, p50"), std::string::npos);
+    EXPECT_EQ(shout.output(), "LOUD\nLOUD\nLOUD\n");
+    EXPECT_NE(shout.errors().find("requests 3, replies 3, lost 0, p50"), std::string::npos);
     EXPECT_EQ(counters("near").skippedBytes, 0U);
-    EXPECT_EQ(counters("far").receivedPackets, 300U + 20U);
+    EXPECT_EQ(counters("far").receivedPackets, 300U + 3U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Over, EndpointTest, ::testing::Values("unix", "tcp", "tty"),

@@ -14,14 +14,10 @@ protected:
 TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
     own->stop();
     own->stop();
-    log.clear();
     own->enqueue(1, true, frame(5));
-    EXPECT_EQ(log.messages("VeskQueue"),
-              (Strings{"enqueue:5; priority:1", "enqueuing packet:5",
-                       "sending a packet to died queue", "enqueue fail."}));
-    EXPECT_TRUE(own->empty());
+    EXPECT_EQ(log.count("VeskQueue", "sending a packet to died queue"), 1U);
+    EXPECT_EQ(log.messages("VeskQueue").back(), "enqueue fail.");
     EXPECT_EQ(own->dequeuePacket(), Packet());
-    EXPECT_EQ(callback->sentCount(), 0U);
 }
 
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {

@@ -63,30 +63,25 @@ TEST_F(SessionTest, ProviderIsAnnouncedOnceAndFoundAgainByAllItsKeys) {
     EXPECT_EQ(join(1, PROVIDER), id);
     EXPECT_EQ(managerLog().back(), "provider has exist:" + std::to_string(id));
     vesk->createTopic("virtualcomm", false);
-    auto const create = [&](int client, char const* topicName, char const* business, bool flag) {
-        return sessions->createSession(client, PROVIDER, topicName, business, flag);
-    };
-    std::set<int> const ids{id, create(2, "test", "test", false), create(1, "test", "test", true),
-                            create(1, "virtualcomm", "vm", false),
-                            create(1, "virtualcomm", "ril0", false)};
+    std::set<int> const ids{id, join(2, PROVIDER),
+                            sessions->createSession(1, PROVIDER, "test", "test", true),
+                            sessions->createSession(1, PROVIDER, "virtualcomm", "vm", false),
+                            sessions->createSession(1, PROVIDER, "virtualcomm", "ril0", false)};
     EXPECT_EQ(ids.size(), 5U);
     EXPECT_EQ(changes().size(), 5U);
     EXPECT_EQ(changes().back(), "+virtualcomm/ril0");
 }
 
 TEST_F(SessionTest, WhatCannotBeJoinedFailsAndSaysSo) {
-    struct {
-        int type;
-        std::string topicName, business, last;
-    } const rows[] = {{0, "test", "test", "createSession:-4; topic:test"},
-                      {3, "test", "test", "createSession:-4; topic:test"},
-                      {1, "", "test", "getSessionDesc: null"},
-                      {2, "none", "test", "getSessionDesc: null"},
-                      {2, "virtualcomm", "cell0", "getSessionDesc: null"},
-                      {1, "test", "cell0", "getSessionDesc: null"}};
-    for (auto const& row : rows) {
-        EXPECT_EQ(sessions->createSession(1, row.type, row.topicName, row.business, false), -4);
-        EXPECT_EQ(managerLog().back(), row.last);
+    for (int const type : {0, 3}) {
+        EXPECT_EQ(join(1, type), -4);
+        EXPECT_EQ(managerLog().back(), "createSession:-4; topic:test");
+    }
+    std::pair<char const*, char const*> const unknown[] = {
+            {"", "test"}, {"none", "test"}, {"virtualcomm", "cell0"}, {"test", "cell0"}};
+    for (auto const& [name, business] : unknown) {
+        EXPECT_EQ(sessions->createSession(1, CONSUMER, name, business, false), -4);
+        EXPECT_EQ(managerLog().back(), "getSessionDesc: null");
     }
     EXPECT_TRUE(changes().empty());
     EXPECT_EQ(join(1, CONSUMER), 1);  // no id was used up
@@ -127,18 +122,16 @@ TEST_F(SessionTest, LowestFreeIdIsHandedOutWhateverTheNumber) {
 }
 
 TEST_F(SessionTest, NewProviderIsKnownButNotRoutedWhenItIsAnnounced) {
-    bool removes = false;
-    callback->onBusinessChange([&](auto const& change) {
-        if (!change.added) return;
-        EXPECT_TRUE(session(1) && !routed(1));
-        if (removes) sessions->removeSessionByClient(1);
-    });
-    EXPECT_EQ(join(1, PROVIDER), 1);
-    EXPECT_TRUE(routed(1));
-    sessions->removeSessionByClient(1);
-    removes = true;
-    EXPECT_EQ(join(1, PROVIDER), 1);
-    EXPECT_FALSE(session(1) || routed(1));
+    for (bool const removes : {false, true}) {
+        callback->onBusinessChange([&](auto const& change) {
+            if (!change.added) return;
+            EXPECT_TRUE(session(1) && !routed(1));
+            if (removes) sessions->removeSessionByClient(1);
+        });
+        EXPECT_EQ(join(1, PROVIDER), 1);
+        EXPECT_EQ(session(1) && routed(1), !removes);
+        sessions->removeSessionByClient(1);
+    }
 }
 
 TEST_F(SessionTest, IdOfAProviderIsFreeWhenItsRemovalIsAnnounced) {

@@ -15,21 +15,11 @@ namespace {
 // Far beyond what anything takes under a sanitizer on a busy machine; only a failure lasts as long.
 constexpr std::chrono::seconds PATIENCE{60};
 
-tool::ChildProcess::Options toolOptions(Arguments arguments, std::string const& errorFile) {
-    tool::ChildProcess::Options options;
-    options.arguments = std::move(arguments);
-    options.arguments.insert(options.arguments.begin(), VESK_TOOL);
-    options.pipeInput = true;
-    options.pipeOutput = true;
-    options.errorFile = errorFile;
-    return options;
-}
-
 }  // namespace
 
 Process::Process(asio::io_context& io, Arguments arguments, std::string const& errorFile)
     : mErrorFile(errorFile),
-      mChild(io, toolOptions(std::move(arguments), errorFile)),
+      mChild(io, {std::move(arguments), true, true, errorFile}),  // with pipes
       mChunk(size_t{64} * 1024, '\0') {
     mChild.input().close();  // what reads stdin finds it empty
     read();
@@ -75,6 +65,7 @@ void Scene::TearDown() {
 
 Process& Scene::start(Arguments arguments) {
     std::string const errorFile = path("errors" + std::to_string(mProcesses.size()));
+    arguments.insert(arguments.begin(), VESK_TOOL);
     return mProcesses.emplace_back(mIo, std::move(arguments), errorFile);
 }
 
