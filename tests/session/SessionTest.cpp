@@ -129,7 +129,8 @@ TEST_F(SessionTest, NewProviderIsKnownButNotRoutedWhenItIsAnnounced) {
             if (removes) sessions->removeSessionByClient(1);
         });
         EXPECT_EQ(join(1, PROVIDER), 1);
-        EXPECT_EQ(session(1) && routed(1), !removes);
+        EXPECT_EQ(session(1) != nullptr, !removes);
+        EXPECT_EQ(routed(1), !removes);
         sessions->removeSessionByClient(1);
     }
 }
