@@ -38,8 +38,8 @@ public:
     ~Simulation();
 
     /**
-     * Lives through so many minutes, or until the script that decides is used up; then lets the link
-     * be clean and quiet, and looks for remains.
+     * Lives through so many minutes, or until the script that decides is used up; then lets the
+     * link be clean and quiet, and looks for remains.
      */
     void run(uint64_t minutes);
 

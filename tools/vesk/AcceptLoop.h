@@ -11,8 +11,8 @@
 namespace vesk::tool {
 
 /**
- * Accepts one connection after the other, for as long as it lives. Where that fails, as it does when
- * the process has no descriptor left, it pauses before the next try instead of spinning.
+ * Accepts one connection after the other, for as long as it lives. Where that fails, as it does
+ * when the process has no descriptor left, it pauses before the next try instead of spinning.
  *
  * Threads: the one that runs the acceptor's io_context.
  */

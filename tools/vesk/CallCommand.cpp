@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <unordered_map>
 #include <vector>
@@ -52,6 +54,7 @@ private:
     void watchTimeout();
     void finishWhenDone();
     void reportProgress();
+    void require(bool written);
     int conclude();
 
     asio::io_context& mIo;
@@ -147,8 +150,17 @@ void Caller::accept(DataMessage const& reply, Request const& request) {
     ++mReport.replies;
     if (mOptions.verify && reply.payload != request.payload) ++mReport.wrong;
     if (mOptions.report) return reportProgress();
-    std::fwrite(reply.payload.data(), 1, reply.payload.size(), stdout);
-    std::fputc('\n', stdout);
+    size_t const size = reply.payload.size();
+    require(std::fwrite(reply.payload.data(), 1, size, stdout) == size &&
+            std::fputc('\n', stdout) != EOF);
+}
+
+// Whoever reads the replies may have seen enough of them.
+void Caller::require(bool written) {
+    if (written || mFailed) return;
+    say(std::string("cannot write to stdout: ") + std::strerror(errno));
+    mFailed = true;
+    mIo.stop();
 }
 
 // All requests have the same time, so the oldest is the first to run out of it.
@@ -186,7 +198,7 @@ void Caller::reportProgress() {
     if (now < mNextProgress) return;
     mNextProgress = now + std::chrono::milliseconds(50);
     std::printf("progress %zu\n", mReport.replies);
-    std::fflush(stdout);
+    require(std::fflush(stdout) == 0);
 }
 
 int Caller::conclude() {
@@ -195,7 +207,7 @@ int Caller::conclude() {
     mReport.p50Micros = percentile(mLatencies, 50);
     mReport.p99Micros = percentile(mLatencies, 99);
     if (mOptions.report) std::printf("%s\n", mReport.line().c_str());
-    std::fflush(stdout);
+    require(std::fflush(stdout) == 0);
     if (mOptions.stats) {
         std::chrono::duration<double> const seconds = Clock::now() - mStart;
         std::fprintf(stderr, "requests %zu, replies %zu, lost %zu, p50 %s, p99 %s, %.2f s\n",

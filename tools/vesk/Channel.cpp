@@ -81,8 +81,14 @@ void Channel::drop(std::string const& reason) {
 }
 
 void Channel::hold(bool held) {
+    if (held == mHeld) return;
     mHeld = held;
-    held ? (void)mSilence.cancel() : read();
+    if (held) {
+        mSilence.cancel();
+    } else if (mLink) {
+        watchSilence();
+        read();
+    }
 }
 
 void Channel::read() {

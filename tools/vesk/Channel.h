@@ -24,10 +24,11 @@ namespace vesk::tool {
  * cuts what arrives into frames, and writes what the library hands out.
  *
  * Threads: write() from any thread, at any time until destruction. Everything else, and every
- * event, on the one thread that runs the io_context. Loss:    what has not left when the channel
- * drops is gone, like what the library itself drops then; bytes written while it is down go the
- * same way. Memory:  write() never blocks and never refuses, so whoever feeds the library looks at
- * backlog().
+ *          event, on the one thread that runs the io_context.
+ * Loss:    what has not left when the channel drops is gone, like what the library itself drops
+ *          then; bytes written while it is down go the same way.
+ * Memory:  write() never blocks and never refuses, so whoever feeds the library looks at
+ *          backlog().
  */
 class Channel {
 public:
@@ -47,7 +48,10 @@ public:
     /** Appends bytes, which leave in this order. */
     void write(std::vector<uint8_t> const& bytes) VESK_EXCLUDES(mMutex);
 
-    /** While held, nothing is read, so that the peer comes to a stop. */
+    /**
+     * While held, nothing is read, so that the peer comes to a stop. That the peer has left is
+     * then noticed only on release or when a write fails.
+     */
     void hold(bool held);
 
     bool up() const { return mLink != nullptr; }

@@ -9,14 +9,30 @@
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace vesk::tool {
 
 namespace {
 
+/** A descriptor that is closed unless somebody else takes it. */
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : mFd(fd) {}
+    Descriptor(Descriptor&& other) noexcept : mFd(other.release()) {}
+    ~Descriptor() {
+        if (mFd >= 0) ::close(mFd);
+    }
+    int get() const { return mFd; }
+    int release() { return std::exchange(mFd, -1); }
+
+private:
+    int mFd = -1;
+};
+
 struct Pipe {
-    int read = -1;
-    int write = -1;
+    Descriptor read, write;
 };
 
 Pipe makePipe() {
@@ -24,7 +40,7 @@ Pipe makePipe() {
     if (::pipe2(ends, O_CLOEXEC) != 0) {
         throw std::runtime_error(std::string("cannot make a pipe: ") + std::strerror(errno));
     }
-    return {ends[0], ends[1]};
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
 // Between fork and exec: only what is safe in a signal handler.
@@ -43,10 +59,6 @@ Pipe makePipe() {
     ::_exit(127);
 }
 
-void closeIfOpen(int fd) {
-    if (fd >= 0) ::close(fd);
-}
-
 }  // namespace
 
 ChildProcess::ChildProcess(asio::io_context& io, Options const& options) : mInput(io), mOutput(io) {
@@ -55,20 +67,19 @@ ChildProcess::ChildProcess(asio::io_context& io, Options const& options) : mInpu
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }
     arguments.push_back(nullptr);
-    Pipe const input = options.pipeInput ? makePipe() : Pipe{};
-    Pipe const output = options.pipeOutput ? makePipe() : Pipe{};
-    int const error = options.errorFile.empty()
-                              ? -1
-                              : ::open(options.errorFile.c_str(),
-                                       O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    Pipe input = options.pipeInput ? makePipe() : Pipe{};
+    Pipe output = options.pipeOutput ? makePipe() : Pipe{};
+    if (options.pipeInput) mInput.assign(input.write.release());
+    if (options.pipeOutput) mOutput.assign(output.read.release());
+    Descriptor const error(options.errorFile.empty()
+                                   ? -1
+                                   : ::open(options.errorFile.c_str(),
+                                            O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     pid_t const self = ::getpid();
     mPid = ::fork();
-    if (mPid == 0) becomeProgram(arguments.data(), self, input.read, output.write, error);
-    closeIfOpen(input.read);
-    closeIfOpen(output.write);
-    closeIfOpen(error);
-    if (input.write >= 0) mInput.assign(input.write);
-    if (output.read >= 0) mOutput.assign(output.read);
+    if (mPid == 0) {
+        becomeProgram(arguments.data(), self, input.read.get(), output.write.get(), error.get());
+    }
     if (mPid < 0) {
         throw std::runtime_error(std::string("cannot start a process: ") + std::strerror(errno));
     }

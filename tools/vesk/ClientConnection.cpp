@@ -1,5 +1,7 @@
 #include "ClientConnection.h"
 
+#include <utility>
+
 #include <asio/post.hpp>
 
 namespace vesk::tool {
@@ -22,10 +24,9 @@ void ClientConnection::read() {
 
 void ClientConnection::process() {
     while (!mClosed && !mRefused) {
-        if (!mHasMessage) {
+        if (!mParked) {
             switch (mReader.next(mMessage)) {
                 case MessageReader::Result::MESSAGE:
-                    mHasMessage = true;
                     break;
                 case MessageReader::Result::NEED_MORE:
                     return read();
@@ -37,20 +38,18 @@ void ClientConnection::process() {
                                                               " bytes at most");
             }
         }
-        if (!handOver()) return;
+        bool const taken = mOwner.onMessage(*this, mMessage);
+        update(!taken);
+        if (mParked) return;
     }
-}
-
-bool ClientConnection::handOver() {
-    mHasMessage = !mOwner.onMessage(*this, mMessage);
-    return !mHasMessage;
 }
 
 void ClientConnection::send(Bytes const& message) {
     if (mClosed || mRefused) return;
+    if (backlog() + message.size() > LIMIT) return evict("it does not read");
     mWaiting.insert(mWaiting.end(), message.begin(), message.end());
     if (mLeaving.empty()) write();
-    if (backlog() > CONGESTED) setCongested(true);
+    update(mParked);
 }
 
 void ClientConnection::refuse(std::string const& reason) {
@@ -71,13 +70,12 @@ void ClientConnection::write() {
 }
 
 void ClientConnection::wrote(size_t size) {
-    mReads = true;
     mLeft += size;
     if (mLeft == mLeaving.size()) {
         mLeaving.clear();
         mLeft = 0;
     }
-    if (backlog() < CONGESTED / 2) setCongested(false);
+    update(mParked);
     if (backlog() > 0) {
         write();
     } else if (mRefused) {
@@ -85,23 +83,36 @@ void ClientConnection::wrote(size_t size) {
     }
 }
 
-void ClientConnection::setCongested(bool congested) {
-    if (congested == mCongested) return;
-    mCongested = congested;
-    congested ? watchCongestion() : (void)mPatience.cancel();
-    mOwner.onCongestion(*this, congested);
+void ClientConnection::update(bool parked) {
+    bool const wasCongested = congested();
+    bool const held = holds();
+    bool const wasParked = std::exchange(mParked, parked);
+    mCongested = !mClosed && backlog() > (wasCongested ? RELIEVED : CONGESTED);
+    mLetGo = mLetGo && mCongested && mParked;
+    if (mCongested != wasCongested || mParked != wasParked) watchCongestion();
+    if (holds() != held || congested() != wasCongested) mOwner.onCongestion(*this);
 }
 
 void ClientConnection::watchCongestion() {
-    mReads = false;
-    mPatience.expires_after(PATIENCE);
+    mPatience.cancel();
+    if (!mCongested) return;
+    mPatience.expires_after(mParked ? STANDSTILL : PATIENCE);
     mPatience.async_wait([self = shared_from_this()](asio::error_code const& error) {
-        if (error || self->mClosed || !self->mCongested) return;
-        if (self->mReads) return self->watchCongestion();
-        self->mEvicted = true;
-        self->close("it does not read the " + std::to_string(self->backlog()) +
-                    " bytes that wait for it");
+        if (!error) self->outOfTime();
     });
+}
+
+void ClientConnection::outOfTime() {
+    // The timer may have been set anew when this call was already under way.
+    if (!mCongested || mPatience.expiry() > asio::steady_timer::clock_type::now()) return;
+    if (!mParked) return evict("it reads too slowly");
+    mLetGo = true;
+    mOwner.onCongestion(*this);
+}
+
+void ClientConnection::evict(std::string const& reason) {
+    mEvicted = true;
+    close(reason + ": " + std::to_string(backlog()) + " bytes wait for it");
 }
 
 void ClientConnection::close(std::string const& reason) {
@@ -109,7 +120,7 @@ void ClientConnection::close(std::string const& reason) {
     mClosed = true;
     asio::error_code ignored;
     mSocket.close(ignored);
-    setCongested(false);
+    update(false);
     // Not now: the owner may be in the middle of sending to all of its clients.
     asio::post(mSocket.get_executor(),
                [self = shared_from_this(), reason] { self->mOwner.onClosed(*self, reason); });

@@ -29,8 +29,15 @@ namespace vesk::tool {
  * A connection joins once, as consumer or as provider; its end is the end of its session. A
  * consumer sends REQUEST (whose session the host fills in) and gets REPLY; a provider gets REQUEST
  * and sends REPLY with the session and the msgId of the request. WATCH is answered with what is
- * present, as added, and then with every change. Anything that is not exactly of this form is an
- * error.
+ * present, as added, and then with every change; a second WATCH changes nothing. Anything that is
+ * not exactly of this form is an error.
+ *
+ * A client has to read. When more than 8 MiB wait for it, it has 3 seconds to bring that below 4;
+ * until then the host keeps others waiting, and then it closes the connection. Time does not count
+ * while the host itself leaves unread what the client sends, so a provider may write a reply to
+ * its end before it reads the next request. A consumer should read while it writes: requests whose
+ * replies it does not read come to wait for it, and with 32 MiB waiting any client is closed. In
+ * that state WATCH and QUERY are refused.
  */
 enum class MessageType : uint8_t {
     JOIN = 1,
@@ -109,7 +116,7 @@ struct Counters {
     uint64_t skippedBytes = 0;
     uint64_t reconnects = 0;
     uint64_t refused = 0;  // joins and messages that were in error
-    uint64_t evicted = 0;  // clients that did not read what was sent to them
+    uint64_t evicted = 0;  // clients that did not read what was sent to them, or too slowly
 };
 
 /** A message without a body, or one whose body is text. */
@@ -131,8 +138,7 @@ public:
 
     void append(uint8_t const* bytes, size_t size);
 
-    /** Takes the next message out. After TOO_LONG or EMPTY the stream cannot be read any further.
-     */
+    /** Takes the next message out. After TOO_LONG or EMPTY the stream cannot be read further. */
     Result next(Message& message);
 
 private:

@@ -1,5 +1,7 @@
 #include "ClientServer.h"
 
+#include <algorithm>
+
 #include <vesk/Vesk.h>
 
 #include "BusinessName.h"
@@ -53,10 +55,8 @@ bool ClientServer::onMessage(ClientConnection& connection, Message const& messag
         case MessageType::REPLY:
             return publish(client, message);
         case MessageType::WATCH:
-            watch(client);
-            return true;
         case MessageType::QUERY:
-            answerQuery(client);
+            answer(client, message.type);
             return true;
         default:
             refuse(connection, "a client does not send messages of type " +
@@ -75,9 +75,14 @@ void ClientServer::refuse(ClientConnection& connection, std::string const& reaso
     connection.refuse(reason);
 }
 
-void ClientServer::onCongestion(ClientConnection&, bool congested) {
-    congested ? ++mCongested : --mCongested;
-    mServices.holdChannel(mCongested > 0);
+void ClientServer::onCongestion(ClientConnection& connection) {
+    uint32_t const changed = connection.id();
+    connection.congested() ? (void)mCongested.insert(changed) : (void)mCongested.erase(changed);
+    mServices.holdChannel(
+            std::any_of(mCongested.begin(), mCongested.end(), [this](uint32_t id) {
+                Client const& client = mClients.at(id);
+                return client.session && !client.local && client.connection->holds();
+            }));
 }
 
 void ClientServer::onClosed(ClientConnection& connection, std::string const& reason) {
@@ -163,8 +168,23 @@ bool ClientServer::publish(Client& client, Message const& message) {
     return true;
 }
 
-bool ClientServer::hasRoomFor(Client const& client) const {
-    return client.local ? mCongested == 0 : mServices.admitsFrame();
+bool ClientServer::hasRoomFor(Client const& sender) const {
+    if (!sender.local && !mServices.admitsFrame()) return false;
+    return std::none_of(mCongested.begin(), mCongested.end(), [&](uint32_t id) {
+        return holdsUp(mClients.at(id), sender);
+    });
+}
+
+// A provider that is parked waits until its replies can leave; requests would bury it meanwhile,
+// here or, where two hosts wait for each other, at the peer. A consumer that is parked waits for
+// providers, whose replies it has to take.
+bool ClientServer::holdsUp(Client const& slow, Client const& sender) const {
+    if (!slow.session || &slow == &sender || slow.local != sender.local) return false;
+    bool const request = sender.session->type() == VeskSessionManager::CONSUMER;
+    if (slow.session->type() == VeskSessionManager::PROVIDER) {
+        return request && slow.connection->congested();
+    }
+    return (request || sender.local) && slow.connection->holds();
 }
 
 void ClientServer::park(Client const& client) {
@@ -200,7 +220,16 @@ void ClientServer::pollParked() {
     });
 }
 
+// Unlike requests, questions would let a client that does not read pile up answers at once.
+void ClientServer::answer(Client& client, MessageType question) {
+    if (client.connection->congested()) {
+        return refuse(*client.connection, "read what waits for this client before asking for more");
+    }
+    question == MessageType::WATCH ? watch(client) : answerQuery(client);
+}
+
 void ClientServer::watch(Client& client) {
+    if (client.watches) return;
     client.watches = true;
     for (std::string const& topic : mTopics) {
         client.connection->send(ChangeMessage{true, topic, {}}.encode(MessageType::TOPIC));

@@ -25,8 +25,13 @@ namespace vesk::tool {
  * The local clients of a host: accepts them, makes and removes their sessions, carries their frames
  * into the library and the library's deliveries to them.
  *
- * While a client is congested nothing more is taken from where its deliveries come from: the channel
- * and the clients of local topics. One slow client slows the others, so that none loses anything.
+ * Back-pressure: a client that holds stops what brings its deliveries, so one slow client slows
+ * the others, for as long as ClientConnection is patient with it, and none of them loses anything.
+ * The channel stands still while one of its clients holds. A request waits while a provider is
+ * congested or another consumer holds, and on a local topic a reply while a consumer holds; local
+ * topics and the channel do not wait for each other. So replies go before requests, which is what
+ * drains the providers; and where two wait for each other, be it on two hosts, both are parked,
+ * and both let go.
  *
  * Threads: the one that runs the io_context; the library's deliveries and notifications arrive on
  * it as well, because this thread is the only one that feeds and manages the library.
@@ -63,16 +68,18 @@ private:
 
     bool onMessage(ClientConnection& connection, Message const& message) override;
     void onBadMessage(ClientConnection& connection, std::string const& reason) override;
-    void onCongestion(ClientConnection& connection, bool congested) override;
+    void onCongestion(ClientConnection& connection) override;
     void onClosed(ClientConnection& connection, std::string const& reason) override;
 
     void accepted(asio::local::stream_protocol::socket socket);
     void join(Client& client, Message const& message);
     std::string whyNoSession(JoinMessage const& join) const;
     bool publish(Client& client, Message const& message);
-    bool hasRoomFor(Client const& client) const;
+    bool hasRoomFor(Client const& sender) const;
+    bool holdsUp(Client const& slow, Client const& sender) const;
     void park(Client const& client);
     void pollParked();
+    void answer(Client& client, MessageType question);
     void watch(Client& client);
     void answerQuery(Client& client);
     void broadcast(Bytes const& message);
@@ -85,7 +92,7 @@ private:
     std::unordered_map<uint32_t, Client> mClients;
     std::deque<uint32_t> mParked;  // clients whose next frame waits for room, longest wait first
     bool mResuming = false;
-    size_t mCongested = 0;  // clients that are
+    std::set<uint32_t> mCongested;  // clients that are
     asio::steady_timer mParkedTimer;
     std::set<std::string> mTopics;
     std::multiset<std::pair<std::string, std::string>> mProviders;

@@ -252,8 +252,7 @@ int Demo::conclude() {
     printHost("far host", *far);
     endServants();
     std::printf("%s\n", complete ? "every request got its right reply"
-                                 : "NOT every request got "
-                                   "its right reply");
+                                 : "NOT every request got its right reply");
     if (!complete) printErrors();
     return complete ? EXIT_OK : EXIT_FAILED;
 }

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include <asio/system_error.hpp>
 #include <asio/write.hpp>
 
 #include "Errors.h"
@@ -32,9 +33,7 @@ HostClient::HostClient(asio::io_context& io, std::string const& path) : mSocket(
 }
 
 uint16_t HostClient::join(int role, BusinessName const& business) {
-    asio::write(mSocket,
-                asio::buffer(JoinMessage{role, business.topic, business.business}.encode()));
-    Message const answer = receive();
+    Message const answer = ask(JoinMessage{role, business.topic, business.business}.encode());
     if (answer.type == MessageType::REFUSED) throw UsageError(text(answer));
     auto const joined = JoinedMessage::decode(answer.body);
     if (answer.type != MessageType::JOINED || !joined) throwNotUnderstood();
@@ -42,11 +41,24 @@ uint16_t HostClient::join(int role, BusinessName const& business) {
 }
 
 Counters HostClient::query() {
-    asio::write(mSocket, asio::buffer(encodeMessage(MessageType::QUERY)));
-    Message const answer = receive();
+    Message const answer = ask(encodeMessage(MessageType::QUERY));
+    if (answer.type == MessageType::REFUSED) {
+        throw std::runtime_error("the host refused: " + text(answer));
+    }
     auto const counters = Counters::decode(answer.body);
     if (answer.type != MessageType::COUNTERS || !counters) throwNotUnderstood();
     return *counters;
+}
+
+Message HostClient::ask(Bytes const& question) {
+    try {
+        asio::write(mSocket, asio::buffer(question));
+        return receive();
+    } catch (asio::system_error const& error) {
+        throw std::runtime_error("the host went away before it answered (" +
+                                 error.code().message() +
+                                 "); see why it ended, start it again and repeat the command");
+    }
 }
 
 Message HostClient::receive() {

@@ -34,7 +34,7 @@ public:
 
     /**
      * Joins a business and waits for the answer. Returns the session id; throws UsageError with the
-     * host's words when it refuses.
+     * host's words when it refuses and std::runtime_error when it goes away.
      */
     uint16_t join(int role, BusinessName const& business);
 
@@ -48,6 +48,7 @@ public:
     void send(Bytes const& message);
 
 private:
+    Message ask(Bytes const& question);
     Message receive();
     void read();
     void handOver();

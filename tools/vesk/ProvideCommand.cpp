@@ -4,6 +4,7 @@
 #include <deque>
 #include <memory>
 #include <set>
+#include <stdexcept>
 
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
@@ -33,6 +34,7 @@ private:
     void reply(DataMessage const& request, Bytes const& payload);
     void startJobs();
     void startJob(DataMessage request);
+    void giveUp(DataMessage const& request, std::string const& error);
 
     asio::io_context& mIo;
     ProvideOptions const& mOptions;
@@ -78,10 +80,19 @@ void Provider::reply(DataMessage const& request, Bytes const& payload) {
 
 void Provider::startJobs() {
     while (!mWaiting.empty() && mJobs.size() < mOptions.jobs) {
-        DataMessage request = std::move(mWaiting.front());
+        DataMessage const request = std::move(mWaiting.front());
         mWaiting.pop_front();
-        startJob(std::move(request));
+        try {
+            startJob(request);
+        } catch (std::runtime_error const& error) {
+            giveUp(request, error.what());
+        }
     }
+}
+
+void Provider::giveUp(DataMessage const& request, std::string const& error) {
+    say("no reply to message " + std::to_string(request.msgId) + " of session " +
+        std::to_string(request.session) + ": " + error);
 }
 
 void Provider::startJob(DataMessage request) {
@@ -90,12 +101,7 @@ void Provider::startJob(DataMessage request) {
     mJobs.insert(job);
     job->run([this, request, key = std::weak_ptr<ExecJob>(job)](Bytes const& bytes,
                                                                 std::string const& error) {
-        if (error.empty()) {
-            reply(request, bytes);
-        } else {
-            say("no reply to message " + std::to_string(request.msgId) + " of session " +
-                std::to_string(request.session) + ": " + error);
-        }
+        error.empty() ? reply(request, bytes) : giveUp(request, error);
         mJobs.erase(key.lock());
         startJobs();
     });

@@ -25,7 +25,8 @@ namespace vesk::tool {
  * complete, and when the channel falls silent meanwhile, abandon() gives up the header and finds
  * the frames that it hid.
  *
- * Memory: one frame, 12 + 65,535 bytes. Time: linear in the bytes fed.
+ * Memory:  one frame, 12 + 65,535 bytes.
+ * Time:    linear in the bytes fed.
  * Threads: none of its own; one caller at a time. Does no I/O.
  */
 class StreamReader {
