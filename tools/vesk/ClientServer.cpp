@@ -78,11 +78,10 @@ void ClientServer::refuse(ClientConnection& connection, std::string const& reaso
 void ClientServer::onCongestion(ClientConnection& connection) {
     uint32_t const changed = connection.id();
     connection.congested() ? (void)mCongested.insert(changed) : (void)mCongested.erase(changed);
-    mServices.holdChannel(
-            std::any_of(mCongested.begin(), mCongested.end(), [this](uint32_t id) {
-                Client const& client = mClients.at(id);
-                return client.session && !client.local && client.connection->holds();
-            }));
+    mServices.holdChannel(std::any_of(mCongested.begin(), mCongested.end(), [this](uint32_t id) {
+        Client const& client = mClients.at(id);
+        return client.session && !client.local && client.connection->holds();
+    }));
 }
 
 void ClientServer::onClosed(ClientConnection& connection, std::string const& reason) {
@@ -170,9 +169,8 @@ bool ClientServer::publish(Client& client, Message const& message) {
 
 bool ClientServer::hasRoomFor(Client const& sender) const {
     if (!sender.local && !mServices.admitsFrame()) return false;
-    return std::none_of(mCongested.begin(), mCongested.end(), [&](uint32_t id) {
-        return holdsUp(mClients.at(id), sender);
-    });
+    return std::none_of(mCongested.begin(), mCongested.end(),
+                        [&](uint32_t id) { return holdsUp(mClients.at(id), sender); });
 }
 
 // A provider that is parked waits until its replies can leave; requests would bury it meanwhile,
