@@ -18,14 +18,16 @@ std::vector<std::vector<std::string>> const BUSINESSES{
 
 TEST(ConfigTest, CatalogueIsFoundByIdAndByName) {
     VeskConfig const config;
-    for (uint16_t topic = 0; topic < TOPICS.size(); ++topic) {
+    for (size_t index = 0; index < TOPICS.size(); ++index) {
+        auto const topic = static_cast<uint16_t>(index);
         EXPECT_EQ(config.isTopicSupport(topic), !TOPICS[topic].empty()) << topic;
         EXPECT_EQ(config.getTopicIdById(topic), TOPICS[topic]);
-        for (uint16_t id = 0; id < BUSINESSES[topic].size(); ++id) {
-            std::string const& name = BUSINESSES[topic][id];
+        uint16_t id = 0;
+        for (std::string const& name : BUSINESSES[topic]) {
             EXPECT_EQ(config.isBussinessSupport(topic, id), !name.empty()) << topic << ' ' << id;
             EXPECT_EQ(config.getBussinessIdById(topic, id), name);
             EXPECT_EQ(config.getBussinessIdByName(topic, name), name.empty() ? -1 : id);
+            ++id;
         }
     }
     EXPECT_EQ(config.getTopicIdByName("virtualcomm"), 1);

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <asio/read.hpp>
@@ -98,6 +99,35 @@ TEST_F(ClientTest, BrokenClientsHarmNobody) {
     await("the host to lose patience", [&] { return counters("near").evicted == 1; });
     EXPECT_EQ(counters("far").evicted, 0U) << "the provider was slow, not dead";
     expectCall("exit status 0", {"--data", "x"}, "");
+}
+
+TEST_F(ClientTest, AProviderMayFinishItsReplyBeforeItReadsOn) {
+    startHost("near", socket("channel"), {"--local-topic", "test"});
+    Connection provider = connect(tool::JoinMessage{2, "test", "test"}.encode());
+    await("the provider", [&] { return counters("near").providers == 1; });
+    std::thread echo([&provider] {
+        Bytes message(4);
+        asio::error_code end;
+        while (asio::read(provider, asio::buffer(message, 4), end) == 4) {
+            message.resize(4 + message[0] + size_t{message[1]} * 256 + size_t{message[2]} * 65536);
+            asio::read(provider, asio::buffer(message) + 4, end);
+            if (message[4] != static_cast<uint8_t>(tool::MessageType::REQUEST)) continue;
+            message[4] = static_cast<uint8_t>(tool::MessageType::REPLY);
+            asio::write(provider, asio::buffer(message), end);
+        }
+    });
+    std::ofstream(path("longest")) << std::string(tool::MAX_PAYLOAD, 'x');
+    std::vector<Process*> callers;
+    for (int i = 0; i < 3; ++i) {
+        callers.push_back(&start({"call", "--host", socket("near"), "test/test", "--file",
+                                  path("longest"), "--count", "1000", "--window", "1000",
+                                  "--verify", "--report", "--timeout", "240000"}));
+    }
+    for (Process* caller : callers)
+        expectEnd(*caller, "exit status 0");
+    EXPECT_EQ(counters("near").evicted, 0U);
+    provider.shutdown(Connection::shutdown_both);
+    echo.join();
 }
 
 TEST_F(ClientTest, WhatCannotBeIsRefusedWithTheReason) {
