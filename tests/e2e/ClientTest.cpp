@@ -117,11 +117,11 @@ TEST_F(ClientTest, AProviderMayFinishItsReplyBeforeItReadsOn) {
         }
     });
     std::ofstream(path("longest")) << std::string(tool::MAX_PAYLOAD, 'x');
-    std::vector<Process*> callers;
-    for (int i = 0; i < 3; ++i) {
-        callers.push_back(&start({"call", "--host", socket("near"), "test/test", "--file",
-                                  path("longest"), "--count", "1000", "--window", "1000",
-                                  "--verify", "--report", "--timeout", "240000"}));
+    Process* callers[3];
+    for (Process*& caller : callers) {
+        caller = &start({"call", "--host", socket("near"), "test/test", "--file", path("longest"),
+                         "--count", "1000", "--window", "1000", "--verify", "--report", "--timeout",
+                         "240000"});
     }
     for (Process* caller : callers)
         expectEnd(*caller, "exit status 0");

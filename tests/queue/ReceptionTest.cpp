@@ -5,26 +5,6 @@ namespace {
 
 class ReceptionTest : public VeskTest {};
 
-TEST_F(ReceptionTest, AcknowledgementFrameIsTakenWholeOrNotAtAll) {
-    struct {
-        uint8_t topic, business;
-        uint16_t reply;
-        size_t bytes, left;
-    } const rows[] = {{0xAA, 0xAA, 2, 8, 1}, {0xAA, 0xAA, 2, 9, 1},  // the rest is no entry
-                      {0xAA, 0xAA, 2, 7, 3}, {0xAA, 0xAA, 1, 8, 3}, {0xAA, 0xAA, 0, 0, 3},
-                      {0xAA, 1, 2, 8, 3},    {2, 0xAA, 2, 8, 3}};
-    for (auto const& row : rows) {
-        SCOPED_TRACE(&row - rows);
-        queue->cleanup();
-        for (uint16_t const id : Ids{1, 2, 3})
-            send(id);
-        std::vector<uint8_t> payload{0, 0, 2, 0, 0, 0, 3, 0, 0};
-        payload.resize(row.bytes);
-        peer.send(FarPeer::Frame{row.topic, row.business, 1, row.reply, 0, 0xAA, payload});
-        EXPECT_EQ(queue->awaitingAck(), row.left);
-    }
-}
-
 TEST_F(ReceptionTest, DelayIsTheTimeSinceSendingLessTheHoldTime) {
     struct {
         uint64_t elapsed;
@@ -43,19 +23,6 @@ TEST_F(ReceptionTest, DelayIsTheTimeSinceSendingLessTheHoldTime) {
         EXPECT_EQ(queue->feedback().slowCount(), row.slow);
         peer.acknowledge(1);
     }
-}
-
-TEST_F(ReceptionTest, MoreThan1000OwedAreForgotten) {
-    for (uint16_t const owed : Ids{1000, 1001}) {
-        callback->onSend([&](auto const&) {  // the looper cannot acknowledge meanwhile
-            callback->onSend(nullptr);
-            for (uint16_t serial = 1; serial <= owed; ++serial)
-                peer.send(request(serial));
-        });
-        send(1);
-    }
-    ASSERT_EQ(callback->sentCount(), 3U);
-    EXPECT_EQ(callback->sent()[1].size(), 12U + 1000 * 4);
 }
 
 }  // namespace

@@ -72,19 +72,17 @@ TEST_F(SessionTest, ProviderIsAnnouncedOnceAndFoundAgainByAllItsKeys) {
     EXPECT_EQ(changes().back(), "+virtualcomm/ril0");
 }
 
-TEST_F(SessionTest, WhatCannotBeJoinedFailsAndSaysSo) {
-    for (int const type : {0, 3}) {
-        EXPECT_EQ(join(1, type), -4);
-        EXPECT_EQ(managerLog().back(), "createSession:-4; topic:test");
-    }
-    std::pair<char const*, char const*> const unknown[] = {
-            {"", "test"}, {"none", "test"}, {"virtualcomm", "cell0"}, {"test", "cell0"}};
-    for (auto const& [name, business] : unknown) {
-        EXPECT_EQ(sessions->createSession(1, CONSUMER, name, business, false), -4);
-        EXPECT_EQ(managerLog().back(), "getSessionDesc: null");
-    }
+TEST_F(SessionTest, WhatCannotBeJoinedFailsAndUsesNoIdUp) {
+    std::tuple<int, char const*, char const*> const unknown[] = {
+            {0, "test", "test"},         {3, "test", "test"},
+            {CONSUMER, "", "test"},      {CONSUMER, "none", "test"},
+            {CONSUMER, "test", "cell0"}, {PROVIDER, "virtualcomm", "cell0"}};
+    for (auto const& [type, name, business] : unknown)
+        EXPECT_EQ(sessions->createSession(1, type, name, business, false), -4) << name;
+    EXPECT_EQ(log.count("VeskSessionManager", "createSession:-4; topic:test"), 2U);
+    EXPECT_EQ(log.count("VeskSessionManager", "getSessionDesc: null"), 4U);
     EXPECT_TRUE(changes().empty());
-    EXPECT_EQ(join(1, CONSUMER), 1);  // no id was used up
+    EXPECT_EQ(join(1, CONSUMER), 1);
 }
 
 TEST_F(SessionTest, RemovalByIdLeavesAProviderInItsTopicAndRemovalByClientNothing) {
