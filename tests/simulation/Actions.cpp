@@ -62,6 +62,7 @@ Bytes Simulation::newPayload() {
 std::shared_ptr<VeskFrame> Simulation::newFrame(uint8_t topicId, uint8_t business, uint8_t type) {
     auto frame = VeskFrame::obtainFrame(true);
     mFrames.push_back(frame);
+    mLastSerial = frame->serialNumber;
     frame->topicId = topicId;
     frame->businessId = business;
     frame->msgType = type;
@@ -144,7 +145,8 @@ Bytes Simulation::farFrame() {
 
 Bytes Simulation::nonsenseAck() {
     auto ack = FarPeer::ackFrame({{static_cast<uint16_t>(mRandom.below(65536)),
-                                   static_cast<uint16_t>(mRandom.below(65536))}});
+                                   static_cast<uint16_t>(mLastSerial - mRandom.below(40))}});
+    if (mRandom.chance(300)) ack.topicId = 2;
     if (mRandom.chance(300)) ack.reply = static_cast<uint16_t>(mRandom.below(4));
     if (mRandom.chance(300)) ack.businessId = 1;
     if (mRandom.chance(300)) ack.payload.resize(mRandom.below(12));

@@ -93,6 +93,7 @@ private:
     tool::StreamReader mReader;
     uint64_t mUpAgain = 0;  // when the link comes back; 0 while it is there
     uint64_t mPayloads = 0;
+    uint16_t mLastSerial = 0;
     std::deque<Bytes> mOutSent, mInSent;  // on a lossless link: what must arrive, in order
     std::vector<std::weak_ptr<VeskFrame>> mFrames;
     std::set<uint16_t> mIds;                           // of the sessions that there are
