@@ -1,6 +1,5 @@
 #include "StreamReader.h"
 
-#include <algorithm>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -40,26 +39,16 @@ TEST_F(StreamReaderTest, AHeaderThatCannotBeIsSkipped) {
     }
 }
 
-TEST_F(StreamReaderTest, OnlyAHeaderBehindGarbageIsGivenUp) {
-    Bytes const inner = frame(2, 1, 2, {1, 2});
-    Bytes outer = frame(2, 1, 2, Bytes(40));
-    std::copy(inner.begin(), inner.end(), outer.begin() + 20);
-    outer.pop_back();
-
-    feed(outer);
-    EXPECT_FALSE(mReader.doubtful()) << "nothing foreign came before it";
+TEST_F(StreamReaderTest, OnlyAHeaderBehindGarbageIsDoubtful) {
+    Bytes const begun{0x55, 100, 0, 2, 1, 2, 0, 0, 0, 0, 0, 0, 1, 2, 3};
+    feed(begun);
+    EXPECT_FALSE(mReader.doubtful());
     mReader.reset();
-    EXPECT_EQ(mReader.skippedBytes(), outer.size());
-
     feed({0});
-    feed(outer);
+    feed(begun);
     EXPECT_TRUE(mReader.doubtful());
-    EXPECT_TRUE(mFrames.empty());
     mReader.abandon();
-    EXPECT_EQ(mFrames, std::vector<Bytes>{inner});
-    EXPECT_EQ(mReader.skippedBytes(), outer.size() + 1 + outer.size() - inner.size());
-    feed(inner);
-    EXPECT_EQ(mFrames.size(), 2U);
+    EXPECT_EQ(mReader.skippedBytes(), 2 * begun.size() + 1);
 }
 
 }  // namespace
