@@ -1,5 +1,7 @@
 #include "support/VeskTest.h"
 
+#include <thread>
+
 namespace vesk {
 namespace {
 
@@ -16,6 +18,27 @@ TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
     EXPECT_EQ(log.count("VeskQueue", "sending a packet to died queue"), 1U);
     EXPECT_EQ(log.messages("VeskQueue").back(), "enqueue fail.");
     EXPECT_EQ(own->dequeuePacket(), Packet());
+}
+
+TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
+    std::atomic<bool> open{false}, sent{false};
+    callback->onSend([&](auto const&) { sent = eventually([&] { return open.load(); }); });
+    own->enqueue(1, true, frame(1));
+    own->enqueue(1, true, frame(2));
+    ASSERT_TRUE(callback->waitForSent(1));
+    std::thread stopper([&] {
+        own->stop();
+        EXPECT_TRUE(sent);
+    });
+    Packet late = packet(9, 3);
+    EXPECT_TRUE(eventually([&] {  // refused: it is stopping
+        std::lock_guard<std::mutex> const lock(own->mutex());
+        return !own->enqueuePacket(late) && !log.lines().empty() &&
+               log.lines().back().message == "sending a packet to died queue";
+    }));
+    open = true;
+    stopper.join();
+    EXPECT_EQ(left(), std::vector<int>{1});
 }
 
 TEST_F(StopTest, QueueMayStopOrEndInsideItsOwnSend) {
