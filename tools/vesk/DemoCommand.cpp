@@ -163,7 +163,7 @@ int Demo::run() {
 ChildProcess::Options Demo::vesk(std::vector<std::string> arguments) const {
     ChildProcess::Options options;
     options.arguments = std::move(arguments);
-    options.arguments.insert(options.arguments.begin(), "/proc/self/exe");
+    options.arguments.insert(options.arguments.begin(), mOptions.program);
     if (mOptions.verbose) {
         options.arguments.emplace_back("--verbose");
     } else {

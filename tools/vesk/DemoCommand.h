@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 namespace vesk::tool {
 
 struct DemoOptions {
     size_t requests = 1000;  // for each business
     bool verbose = false;    // let the processes' own lines through
+    std::string program = "/proc/self/exe";
 };
 
 /**

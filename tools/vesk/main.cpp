@@ -102,6 +102,10 @@ void addDemo(CLI::App& app, DemoOptions& options, Command& command) {
     sub->add_option("--requests", options.requests, "Requests for each business")
             ->check(CLI::Range(1, 1000000))
             ->capture_default_str();
+    sub->add_option("--program", options.program,
+                    "What to start the processes with, where an emulator is wanted for this one")
+            ->envname("VESK_PROGRAM")
+            ->capture_default_str();
     sub->callback([&] { command = [&] { return runDemo(options); }; });
 }
 
