@@ -67,8 +67,10 @@ std::shared_ptr<VeskFrame> Simulation::newFrame(uint8_t topicId, uint8_t busines
     frame->businessId = business;
     frame->msgType = type;
     // Mostly new ones; an old one supersedes what still waits in the history.
-    frame->msgId =
-            static_cast<uint16_t>(mRandom.chance(100) ? mRandom.below(mPayloads + 1) : mPayloads);
+    frame->msgId = static_cast<uint16_t>(mPayloads);
+    if (mRandom.chance(100)) {
+        frame->msgId = static_cast<uint16_t>(mRandom.below(static_cast<size_t>(mPayloads) + 1));
+    }
     frame->data = newPayload();
     return frame;
 }
