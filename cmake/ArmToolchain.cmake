@@ -21,12 +21,5 @@ set(CMAKE_CXX_FLAGS_INIT "-march=armv7-a -mfpu=vfpv3-d16")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-fuse-ld=lld -Wl,-rpath-link,${CMAKE_SYSROOT}/usr/lib/p7zip")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${CMAKE_SHARED_LINKER_FLAGS_INIT}")
 
-# The loader's own search of directories is not mapped into the sysroot: they are named to it.
-set(libraries ${CMAKE_SYSROOT}/usr/lib)
-string(JOIN : library_path
-    ${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE}
-    ${libraries}/${CMAKE_LIBRARY_ARCHITECTURE}
-    ${libraries}/${CMAKE_LIBRARY_ARCHITECTURE}/android
-    ${libraries}/p7zip)
-set(CMAKE_CROSSCOMPILING_EMULATOR
-    qemu-arm -L ${CMAKE_SYSROOT} -E LD_LIBRARY_PATH=${library_path})
+get_filename_component(CMAKE_CROSSCOMPILING_EMULATOR
+    ${CMAKE_CURRENT_LIST_DIR}/../scripts/arm-run ABSOLUTE)

@@ -26,7 +26,7 @@ public:
         unsigned duplicate = 0;
         unsigned corrupt = 0;
         unsigned reorder = 0;
-        unsigned maxDelay = 20;  // ms
+        size_t maxDelay = 20;  // ms
     };
 
     FaultyLink(Random& random, Faults faults) : mRandom(random), mFaults(faults) {}
