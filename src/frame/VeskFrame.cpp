@@ -6,6 +6,18 @@
 
 namespace vesk {
 
+// Each field begins where the one before it ends, on every platform.
+using F = VeskFrame;
+static_assert(F::MAGIC_INDEX == 0 && F::DATASIZE_INDEX == F::MAGIC_INDEX + sizeof(F::magic));
+static_assert(F::TOPICID_INDEX == F::DATASIZE_INDEX + sizeof(F::dataSize));
+static_assert(F::BUSINESSID_INDEX == F::TOPICID_INDEX + sizeof(F::topicId));
+static_assert(F::MSGTYPE_INDEX == F::BUSINESSID_INDEX + sizeof(F::businessId));
+static_assert(F::REPLY_INDEX == F::MSGTYPE_INDEX + sizeof(F::msgType));
+static_assert(F::SERIALNUMB_INDEX == F::REPLY_INDEX + sizeof(F::reply));
+static_assert(F::MSGID_INDEX == F::SERIALNUMB_INDEX + sizeof(F::serialNumber));
+static_assert(F::DATA_INDEX == F::MSGID_INDEX + sizeof(F::msgId));
+static_assert(F::FRAME_HEAD_SIZE == F::DATA_INDEX);
+
 std::atomic<uint16_t> VeskFrame::SERIAL_GEN{0};
 
 std::shared_ptr<VeskFrame> VeskFrame::obtainFrame(bool const& withSerial) {

@@ -15,6 +15,9 @@ constexpr size_t ACK_BATCH_COUNT = 5;
 constexpr unsigned long long IDLE_WAIT_MS = 2147483647;
 constexpr unsigned int TIMEOUT_DELAY_MS = 60000;
 
+static_assert(sizeof(unsigned long long) == sizeof(uint64_t), "waits are differences of times");
+static_assert(IDLE_WAIT_MS / 1000 < INT32_MAX / 2, "the end of a wait must fit a 32-bit time_t");
+
 /**
  * Time from `since` to `now`. What happened after the clock was read happened just now: subtracting
  * would make it look infinitely old.

@@ -21,6 +21,7 @@ namespace {
 constexpr uint8_t ACK_ID = 0xAA;          // topic, business and msgId of an acknowledgement frame
 constexpr size_t ACK_ENTRY_SIZE = 2 + 2;  // hold time in ms, serial number
 constexpr size_t MAX_OWED_ACKS = 1000;
+static_assert(MAX_OWED_ACKS * ACK_ENTRY_SIZE <= UINT16_MAX, "one frame carries all that are owed");
 
 uint32_t low32(uint64_t time) {
     return static_cast<uint32_t>(time);
