@@ -2,7 +2,6 @@
 // argument "read" comes in on stdin as the far end's, to be delivered and to acknowledge.
 
 #include <iostream>
-#include <iterator>
 
 #include <StreamReader.h>
 #include <vesk/Vesk.h>
@@ -27,8 +26,8 @@ int main(int argc, char**) {
     clock.advance(500);
     auto const written = host->sent();
     if (argc == 1) {
-        for (auto const& bytes : written)
-            std::cout << std::string(bytes.begin(), bytes.end());
+        for (auto const& frame : written)
+            std::cout << std::string(frame.begin(), frame.end());
         return std::cout.flush() ? 0 : 1;
     }
     std::string const bytes{std::istreambuf_iterator<char>(std::cin), {}};
@@ -38,11 +37,8 @@ int main(int argc, char**) {
         peer.send(frame);
     });
     reader.feed(reinterpret_cast<uint8_t const*>(bytes.data()), bytes.size());
-    std::cout << read.size() << " of " << written.size() << " frames read, "
-              << (read == written ? "the same" : "NOT the same") << " as this build's; "
-              << facade.getQueue()->awaitingAck() << " not acknowledged\n";
-    return read == written && facade.getQueue()->awaitingAck() == 0 &&
-                           host->deliveries().size() == 10
-                   ? 0
-                   : 1;
+    bool const same = read == written && host->deliveries().size() == 10;
+    size_t const waiting = facade.getQueue()->awaitingAck();
+    std::cout << (same ? "the same" : "NOT the same") << ", " << waiting << " unacknowledged\n";
+    return same && waiting == 0 ? 0 : 1;
 }
