@@ -1,0 +1,74 @@
+# The installed package: headers, libraries, the vesk command, the test kit, and what CMake and
+# pkg-config need to find them. Nothing in it depends on where it was built or is installed.
+
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vesk)
+get_target_property(refbase_libraries vesk_refbase INTERFACE_LINK_LIBRARIES)
+set(VESK_WITH_LIBUTILS OFF)
+if("Android::utils" IN_LIST refbase_libraries)
+    set(VESK_WITH_LIBUTILS ON)
+endif()
+
+# Headers. The stand-in for libutils gets a folder of its own, so that it hides no libutils that
+# is installed in the same place.
+set(refbase_dir ${CMAKE_INSTALL_INCLUDEDIR}/vesk/refbase)
+install(DIRECTORY include/ platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+if(NOT VESK_WITH_LIBUTILS)
+    install(DIRECTORY platform/refbase/include/ DESTINATION ${refbase_dir})
+    target_include_directories(vesk_refbase INTERFACE $<INSTALL_INTERFACE:${refbase_dir}>)
+endif()
+
+# Libraries and CMake's targets.
+set_target_properties(vesk_refbase PROPERTIES EXPORT_NAME refbase)
+set_target_properties(vesk_testkit PROPERTIES EXPORT_NAME testkit)
+install(TARGETS vesk quillexutils vesk_refbase EXPORT vesk
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT vesk FILE veskTargets.cmake NAMESPACE vesk:: DESTINATION ${package_dir})
+
+configure_package_config_file(cmake/veskConfig.cmake.in veskConfig.cmake
+    INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(veskConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/veskConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/veskConfigVersion.cmake
+        DESTINATION ${package_dir})
+if(VESK_WITH_LIBUTILS)
+    install(FILES cmake/FindLibutils.cmake DESTINATION ${package_dir})
+endif()
+
+# The test kit, for those who ask for it.
+install(TARGETS vesk_testkit EXPORT vesk-testkit COMPONENT testkit
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT vesk-testkit FILE veskTestkitTargets.cmake NAMESPACE vesk::
+    DESTINATION ${package_dir} COMPONENT testkit)
+install(DIRECTORY testkit/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT testkit)
+
+# pkg-config. Where all is static, whoever links the library links what it consists of.
+file(RELATIVE_PATH VESK_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" VESK_PC_PREFIX ${VESK_PC_PREFIX})
+set(VESK_PC_CFLAGS "-I\${includedir}")
+set(VESK_PC_LIBS "-L\${libdir} -lvesk")
+if(NOT VESK_SHARED)
+    string(APPEND VESK_PC_LIBS " -lquillexutils")
+endif()
+if(VESK_WITH_LIBUTILS)
+    cmake_path(GET Libutils_LIBRARY PARENT_PATH libutils_dir)
+    string(APPEND VESK_PC_CFLAGS " -I${Libutils_INCLUDE_DIR}")
+    string(APPEND VESK_PC_LIBS " -L${libutils_dir} -Wl,-rpath,${libutils_dir} -lutils")
+else()
+    string(APPEND VESK_PC_CFLAGS " -I\${includedir}/vesk/refbase")
+endif()
+configure_file(cmake/vesk.pc.in vesk.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vesk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(TARGET vesk_tool)
+    file(RELATIVE_PATH libraries_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(vesk_tool PROPERTIES
+        INSTALL_RPATH "$ORIGIN/${libraries_from_tool}"
+        INSTALL_RPATH_USE_LINK_PATH ON)
+    install(TARGETS vesk_tool)
+endif()
+
+install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
