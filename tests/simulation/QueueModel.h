@@ -25,13 +25,6 @@ class QueueModel {
 public:
     static constexpr size_t BOUND = 1000;
 
-    /** One write that is due; the far side acknowledges it from inside the write where it says so.
-     */
-    struct Write {
-        Bytes bytes;
-        bool ackInside = false;
-    };
-
     void admit(uint64_t now, int priority, bool needsAck, std::shared_ptr<VeskFrame> frame);
     bool replace(VeskFrame const& with);
     void owe(uint64_t now, uint16_t serialNumber);
