@@ -1,5 +1,8 @@
 #include "support/VeskTest.h"
 
+#include <quillex/Log.h>
+
+#include <array>
 #include <thread>
 
 namespace vesk {
@@ -14,57 +17,140 @@ TEST_F(ConcurrencyTest, NoWakeUpIsLostBetweenOnePacketAndTheNext) {
     }
 }
 
-TEST_F(ConcurrencyTest, EverythingAtOnceLeavesAQueueThatWorks) {
+constexpr int PRODUCERS = 4;
+constexpr uint32_t ROUNDS = VESK_CONCURRENCY_FRAMES / PRODUCERS;
+constexpr uint32_t CUT_ROUNDS = ROUNDS * 9 / 10;  // the channel stays from here on
+constexpr uint8_t KEPT_BUSINESS = 10;             // of topic 1, as are 1 to 4, the producers'
+
+/** Calls the library from every operation, takes no lock, and knows what has left and arrived. */
+struct BusyHost : VeskCallback {
+    struct Producer {
+        std::atomic<uint32_t> left{0}, gapBefore{0};
+    };
+
+    static std::shared_ptr<VeskFrame> number(uint8_t producer, uint32_t n) {
+        auto frame = VeskFrame::obtainFrame(true);
+        frame->topicId = 1;
+        frame->businessId = producer;
+        frame->msgId = static_cast<uint16_t>(n);
+        for (int shift = 0; shift < 32; shift += 8)
+            frame->data.push_back(static_cast<uint8_t>(n >> shift));
+        return frame;
+    }
+
+    void sendToChannel(std::vector<uint8_t> bytes) override {
+        FarPeer::Frame const sent = FarPeer::decode(bytes);
+        if (FarPeer::isAck(sent)) return;
+        peer.acknowledge(sent.serialNumber);
+        if (sent.topicId != 1 || sent.businessId > PRODUCERS) return;
+        uint32_t n = 0;
+        for (size_t i = 4; i-- > 0;)
+            n = n << 8 | sent.payload.at(i);
+        Producer& producer = producers.at(sent.businessId - 1U);
+        if (n <= producer.left) disorder = true;
+        if (n != producer.left + 1) producer.gapBefore = n;
+        producer.left = n;
+    }
+    void receive(uint32_t, uint32_t id, bool, std::shared_ptr<VeskFrame> const& frame) override {
+        if (frame->businessId == KEPT_BUSINESS) ++arrived;
+        auto const session = vesk->getSessionManager()->getSession(static_cast<uint16_t>(id));
+        if (session) session->send(false, number(KEPT_BUSINESS, 0), 1);
+    }
+    void notifyTopicChanged(bool, std::string name) override {
+        if (vesk->hasTopic(name)) vesk->getQueue()->enqueue(2, true, number(KEPT_BUSINESS, 0));
+    }
+    void notifyBusinessChanged(bool, std::string topic, std::string business) override {
+        auto* const sessions = vesk->getSessionManager();
+        int const id = sessions->createSession(2, 1, topic, business, false);
+        if (id > 0) sessions->removeSession(static_cast<uint16_t>(id));
+    }
+
+    /** The one thing that a sender has to do. */
+    void mindTheBound() const {
+        while (vesk->getQueue()->size() > 900)
+            std::this_thread::yield();
+    }
+
+    Vesk* vesk = Vesk::getInstance();
+    FarPeer peer;
+    std::array<Producer, PRODUCERS> producers;
+    std::atomic<uint32_t> arrived{0};
+    std::atomic<bool> disorder{false};
+};
+
+TEST_F(ConcurrencyTest, EverythingAtOnceLosesNothingAndLeavesAQueueThatWorks) {
+    quillex::Log::setSink(nullptr);  // its lock would put the threads in order
+    android::sp<BusyHost> const host = new BusyHost;
+    vesk->init(host);
     vesk->createTopic("virtualcomm", false);
-    auto const topic = vesk->getTopic(1);
-    peer.acknowledgeAll(callback);
-    callback->onReceive([&](auto const& delivery) {
-        auto const session = sessions->getSession(static_cast<uint16_t>(delivery.sessionId));
-        if (session) session->send(false, frame(delivery.frame->msgId, 3), 1);
-    });
-    std::atomic<int> busy{4};
+    sessions->createSession(1, PROVIDER, "virtualcomm", "cell0", false);
+    std::atomic<int> working{PRODUCERS}, cutting{PRODUCERS};
     std::vector<std::thread> threads;
-    auto const repeat = [&](uint16_t rounds, std::function<void(uint16_t)> const& work) {
-        threads.emplace_back([&busy, rounds, work] {
-            for (uint16_t round = 0; round < rounds; ++round)
+    for (uint8_t id = 1; id <= PRODUCERS; ++id) {
+        threads.emplace_back([&, id, topic = vesk->getTopic(1)] {
+            for (uint32_t n = 1; n <= ROUNDS; ++n) {
+                host->mindTheBound();
+                if (n == CUT_ROUNDS) --cutting;
+                while (n == CUT_ROUNDS && cutting >= 0)
+                    std::this_thread::yield();
+                auto const frame = BusyHost::number(id, n);
+                id % 2 ? queue->enqueue(1, id == 1, frame) : topic->publish(false, frame, 1);
+            }
+            --working;
+        });
+    }
+    auto const meanwhile = [&](std::function<void(uint16_t)> const& work) {
+        threads.emplace_back([&, work] {
+            for (uint16_t round = 0; working > 0; ++round)
                 work(round);
-            --busy;
         });
     };
-    repeat(6000, [&](uint16_t round) { topic->publish(false, frame(round), 1); });
-    repeat(3000, [&](uint16_t round) {
+    uint32_t requests = 0;
+    meanwhile([&](uint16_t round) {  // what comes from the channel
+        host->mindTheBound();
+        ++requests;
+        peer.send(FarPeer::Frame{1, KEPT_BUSINESS, 2, 0, round, round, {}});
+        peer.send(request(round));
+    });
+    meanwhile([&](uint16_t round) {
+        peer.acknowledge(round);
+        clock.jump(round % 1024 == 0 ? 700 : 1);
+    });
+    meanwhile([&](uint16_t round) {
         Packet held = packet(2 + round % 3, round, true);
         queue->push(held);
         queue->replacePacket(held);
         queue->removePacket(held);
-        queue->dequeuePacket();
     });
-    repeat(3000, [&](uint16_t round) {  // what comes from the channel
-        peer.send(request(round));
-        peer.acknowledge(round);
-        clock.jump(round % 16 == 0 ? 700 : 1);
-    });
-    repeat(1000, [&](uint16_t) {  // the host's manager thread
+    meanwhile([&](uint16_t) {  // the host's manager thread
+        host->mindTheBound();
         vesk->createTopic("test", false);
-        join(1, PROVIDER);
+        join(3, PROVIDER);
         sessions->removeSession(static_cast<uint16_t>(join(1, CONSUMER)));
-        sessions->removeSessionByClient(1);
+        sessions->removeSessionByClient(3);
         vesk->removeTopic("test");
     });
-    while (busy > 0) {
+    while (cutting > 0) {
         vesk->onChannelAvailable(false);
+        queue->dequeuePacket();
         std::this_thread::sleep_for(std::chrono::microseconds(500));
     }
+    cutting = -1;
     for (auto& thread : threads)
         thread.join();
 
-    callback->onReceive(nullptr);
-    vesk->onChannelAvailable(false);
     clock.settle();
-    callback->clear();
-    queue->enqueue(1, true, frame(7));
-    ASSERT_TRUE(callback->waitForSent(1));
-    EXPECT_TRUE(eventually([&] { return queue->awaitingAck() == 0; }));
+    EXPECT_EQ(host->arrived, requests);
+    EXPECT_FALSE(host->disorder);
+    for (size_t i = 0; i < PRODUCERS; ++i) {
+        EXPECT_EQ(host->producers.at(i).left, ROUNDS) << i;
+        EXPECT_LE(host->producers.at(i).gapBefore, CUT_ROUNDS) << i;
+    }
+    for (uint32_t n = ROUNDS + 1; n <= ROUNDS + 200; ++n) {
+        queue->enqueue(1, true, BusyHost::number(1, n));
+        ASSERT_TRUE(eventually([&] { return host->producers[0].left == n; },
+                               std::chrono::milliseconds(200)));
+    }
 }
 
 }  // namespace
