@@ -57,6 +57,7 @@ TEST_F(AdmissionTest, RemovalJoinsTheNeighboursAndACopyIsNotPending) {
         EXPECT_EQ(queue->removePacket(chain[i]), chain[i + 1]);
         EXPECT_EQ(queue->removePacket(chain[i]), nullptr);  // not pending any more
         queue->push(copy);
+        EXPECT_EQ(copy->enqueueTime(), clock.now());
         EXPECT_EQ(queue->size(), 3);
         EXPECT_EQ(drain(), rest[i]);
     }

@@ -1,5 +1,9 @@
 #include "support/VeskTest.h"
 
+#include <quillex/SystemClock.h>
+
+#include <future>
+
 namespace vesk {
 namespace {
 
@@ -35,18 +39,23 @@ TEST_F(LooperTest, WhatHappensIsLogged) {
                      "enqueuing packet:170", "sendToChannel:170; serial:0;size:16", "cleanup."}));
 }
 
-TEST_F(LooperTest, FullHistoryHoldsSendingUntilAnAcknowledgementAlone) {
+TEST_F(LooperTest, FullHistoryHoldsSendingUntilThereIsRoomOrTheFirstInLineGoes) {
     for (uint16_t id = 1; id <= 1000; ++id)
         queue->enqueue(1, true, frame(id));
     clock.settle();
     send(300);  // supersedes
     EXPECT_EQ(callback->sentCount(), 1001U);
     EXPECT_FALSE(log.contains("VeskQueue", "history is oversize"));
+    send(1003);
+    queue->enqueue(1, false, frame(1000));
     send(1001);
     send(1002);
     EXPECT_EQ(callback->sentCount(), 1001U);
     EXPECT_TRUE(log.contains("VeskQueue", "history is oversize"));
 
+    queue->dequeuePacket();  // the first in line, which all have waited for
+    rest();
+    EXPECT_EQ(left().back(), 1000);
     peer.acknowledge(500);  // nothing else wakes the looper
     rest();
     EXPECT_EQ(left().back(), 1001);
@@ -72,6 +81,30 @@ TEST_F(LooperTest, PacketTakenAwayDuringItsSendDoesNotDetainTheNext) {
         EXPECT_EQ(left(), (std::vector<int>{1, 2}));
         EXPECT_TRUE(queue->empty());
     }
+}
+
+TEST_F(LooperTest, PacketDroppedJustBeforeItsSendIsNotSent) {
+    static std::atomic<uint16_t> losses;
+    losses = 0;
+    admitTogether({packet(2, 9)});
+    quillex::SystemClock::setSource(
+            [] {  // the channel goes whenever the looper is without the lock
+                VeskQueue& own = *Vesk::getInstance()->getQueue();
+                uint16_t const left = losses.exchange(0);
+                auto const isUnlocked = [&own] {
+                    return std::unique_lock<std::mutex>(own.mutex(), std::try_to_lock).owns_lock();
+                };
+                bool const now = left > 0 && std::async(std::launch::async, isUnlocked).get();
+                if (now) own.cleanup();
+                if (now) own.enqueue(1, true, frame(left));
+                losses = static_cast<uint16_t>(now ? left - 1 : left);
+                return ShiftedClock::START;
+            });
+    losses = 3;
+    queue->wake();
+    ASSERT_TRUE(eventually([&] { return losses == 0 && queue->empty(); }));
+    rest();
+    EXPECT_EQ(left(), std::vector<int>{1});
 }
 
 TEST_F(LooperTest, PacketAdmittedDuringAPassIsHeldInFull) {

@@ -105,6 +105,20 @@ TEST_F(SessionTest, RemovalByIdLeavesAProviderInItsTopicAndRemovalByClientNothin
     EXPECT_EQ(managerLog(), (Strings{"remove session done :1", "remove providerSessions done:1"}));
 }
 
+TEST_F(SessionTest, ProvidersOfAClientAreAnnouncedOnceEachWithItsConsumersGone) {
+    int const consumer = join(1, CONSUMER);
+    int const providers[] = {join(1, PROVIDER),
+                             sessions->createSession(1, PROVIDER, "test", "test", true)};
+    callback->clear();
+    callback->onBusinessChange([&](auto const&) {
+        EXPECT_FALSE(session(consumer));
+        for (int const id : providers)
+            remove(id);
+    });
+    sessions->removeSessionByClient(1);
+    EXPECT_EQ(changes().size(), 2U);
+}
+
 TEST_F(SessionTest, LowestFreeIdIsHandedOutWhateverTheNumber) {
     for (int id = 1; id <= 65534; ++id)
         ASSERT_EQ(sessions->makeSessionId(), id);
