@@ -78,7 +78,9 @@ TEST_F(AdmissionTest, ReplacementChangesTheDataOfTheFirstMatchAlone) {
         EXPECT_FALSE(queue->replacePacket(other)) << &other - others;
     Packet update = packet(5, 7);
     update->getFrame()->data = {9, 9};
+    update->getFrame()->serialNumber = 8;
     EXPECT_TRUE(queue->replacePacket(update));
+    EXPECT_EQ(nearer->getFrame()->serialNumber, 7);
     EXPECT_EQ(nearer->getFrame()->data, (std::vector<uint8_t>{9, 9}));
     EXPECT_EQ(nearer->getFrame()->dataSize, 3);  // of the data replaced
     EXPECT_TRUE(farther->getFrame()->data.empty());
