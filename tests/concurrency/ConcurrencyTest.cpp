@@ -51,8 +51,9 @@ struct BusyHost : VeskCallback {
         if (n != producer.left + 1) producer.gapBefore = n;
         producer.left = n;
     }
-    void receive(uint32_t, uint32_t id, bool, std::shared_ptr<VeskFrame> const& frame) override {
-        if (frame->businessId == KEPT_BUSINESS) ++arrived;
+    void receive(uint32_t, uint32_t id, bool local,
+                 std::shared_ptr<VeskFrame> const& frame) override {
+        if (frame->businessId == KEPT_BUSINESS && !local) ++arrived;
         auto const session = vesk->getSessionManager()->getSession(static_cast<uint16_t>(id));
         if (session) session->send(false, number(KEPT_BUSINESS, 0), 1);
     }
