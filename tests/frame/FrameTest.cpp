@@ -52,9 +52,9 @@ TEST(FrameTest, OnlyAShortInputIsRefused) {
 TEST(FrameTest, SerialNumbersAreConsecutiveAndDistinctAcrossThreads) {
     uint16_t const first = VeskFrame::obtainFrame(true)->serialNumber;
     std::vector<std::atomic<int>> taken(65536);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&taken] {
+    std::vector<std::thread> threads(4);
+    for (auto& thread : threads) {
+        thread = std::thread([&taken] {
             for (size_t n = 0; n < 16 * taken.size(); ++n)
                 ++taken[VeskFrame::obtainFrame(true)->serialNumber];
         });
