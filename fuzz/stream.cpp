@@ -23,6 +23,16 @@ VeskConfig const& catalogue() {
     return config;
 }
 
+/** Whether a header like this can be of this channel, so that its length is to be believed. */
+bool plausible(FarPeer::Frame const& frame) {
+    if (frame.msgType == 1) {
+        return frame.topicId == 0xAA && frame.businessId == 0xAA &&
+               frame.payload.size() == size_t{frame.reply} * 4;
+    }
+    return (frame.msgType == 2 || frame.msgType == 3) &&
+           catalogue().isBussinessSupport(frame.topicId, frame.businessId);
+}
+
 /** Feeds the bytes in chunks of the size that `chunk` gives, then gives up what is incomplete. */
 template <typename Chunk>
 Frames read(std::vector<uint8_t> const& bytes, Chunk chunk, bool thenValid) {
@@ -63,6 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     require(whole == single && whole == mixed);
     for (auto const& frame : whole) {
         require(FarPeer::encode(FarPeer::decode(frame)) == frame);
+        require(plausible(FarPeer::decode(frame)));
     }
     return 0;
 }
