@@ -117,7 +117,9 @@ void Simulation::answer(VeskSession& session, VeskFrame const& request) {
 void Simulation::enqueueDirectly() {
     static constexpr int PRIORITIES[] = {-3, 0, 1, 2, 2, 5};
     Address const to = pickAddress(mRandom);
-    submit(PRIORITIES[mRandom.below(6)], mRandom.chance(700), newFrame(to.topicId, to.business, 2));
+    int const priority = PRIORITIES[mRandom.below(6)];
+    bool const needsAck = mRandom.chance(700);
+    submit(priority, needsAck, newFrame(to.topicId, to.business, 2));
 }
 
 void Simulation::replacePending() {
@@ -161,9 +163,9 @@ void Simulation::changeSessions() {
     if (dice < 60) {
         Address const to = pickAddress(mRandom);
         VeskConfig const& config = *mVesk->getConfig();
+        int const type = static_cast<int>(mRandom.between(1, 2));
         int const id = mSessions.createSession(
-                static_cast<int>(client), static_cast<int>(mRandom.between(1, 2)),
-                config.getTopicIdById(to.topicId),
+                static_cast<int>(client), type, config.getTopicIdById(to.topicId),
                 config.getBussinessIdById(to.topicId, to.business), mRandom.chance(200));
         require((id > 0) == mVesk->hasTopic(uint16_t{to.topicId}),
                 "createSession has returned " + std::to_string(id));
