@@ -34,7 +34,7 @@ namespace vesk {
  * The end:   the instance is destroyed at process exit. It first stops the queue and waits for a
  *            sendToChannel() that the looper is just in; one that never returns is the only thing
  *            that can hold the exit. Threads of the host must have stopped calling the library by
- *            then.
+ *            then, and a VeskQueue of the host's own must have been stopped.
  */
 class VESK_EXPORT Vesk {
 public:
@@ -53,12 +53,12 @@ public:
      */
     void init(android::sp<VeskCallback> callback) VESK_EXCLUDES(mCallbackMutex);
 
-    VeskConfig* getConfig() { return &mConfig; }
-    VeskSessionManager* getSessionManager() { return &mSessionManager; }
-    VeskTopicManager* getTopicManager() { return &mTopicManager; }
+    VeskConfig* getConfig();
+    VeskSessionManager* getSessionManager();
+    VeskTopicManager* getTopicManager();
 
     /** The queue; the caller becomes one more owner. */
-    std::shared_ptr<VeskQueue> getQueue() { return mQueue; }
+    std::shared_ptr<VeskQueue> getQueue();
 
     /** Hands bytes to the callback's sendToChannel(). Called by the queue's looper. */
     void sendToChannel(std::vector<uint8_t> bytes);

@@ -56,6 +56,8 @@ public:
      *
      * The length on the wire is data.size() modulo 65536, whatever `dataSize` says: a payload above
      * 65535 bytes is written whole behind a length that cannot describe it, so keep below that.
+     *
+     * REQUIRES: `out` is not this frame's own data.
      */
     void serialze(std::vector<uint8_t>& out) const;
 
@@ -67,6 +69,7 @@ public:
      * before the call (0 in a fresh frame) and `data` is replaced; with none, `dataSize` is the
      * header's value and `data` is left as it was. Use data.size() for the payload's length.
      *
+     * REQUIRES: `in` is not this frame's own data.
      * @return false, with the frame untouched, when `in` has fewer than 12 bytes; otherwise true.
      */
     bool unSerialze(std::vector<uint8_t> const& in);

@@ -21,7 +21,7 @@ class VeskSession;
  *
  * Threads: memory stays sound whatever threads call, and every operation may be called from inside
  *          a callback. Creations and removals belong on one thread at a time: two that race over
- *          the same session each do their steps, in an order that nobody chose.
+ *          the same session each do their steps, and announce them, in an order that nobody chose.
  * Locks:   none is held while a topic, the facade or the host is called.
  */
 class VESK_EXPORT VeskSessionManager {
@@ -106,6 +106,7 @@ private:
     void admit(std::shared_ptr<VeskSession> const& session, std::string const& topicName,
                std::string const& businessName) VESK_EXCLUDES(mMutex);
     bool release(std::shared_ptr<VeskSession> const& session) VESK_EXCLUDES(mMutex);
+    static void leaveTopic(VeskSession const& session);
     size_t forget(std::shared_ptr<VeskSession> const& session) VESK_EXCLUDES(mMutex);
 
     size_t removeAllOf(int type, uint32_t clientId) VESK_EXCLUDES(mMutex);

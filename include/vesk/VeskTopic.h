@@ -68,11 +68,14 @@ public:
 
 private:
     friend class Vesk;
+    friend class VeskSessionManager;
     using SessionTable = std::unordered_map<uint16_t, std::shared_ptr<VeskSession>>;
 
     std::shared_ptr<VeskSession> findProvider(uint16_t businessId) const VESK_EXCLUDES(mMutex);
     std::shared_ptr<VeskSession> findConsumer(uint16_t businessId, uint16_t sessionId) const
             VESK_EXCLUDES(mMutex);
+    /** With `only` null, takes out whatever has the id; else nothing but that session. */
+    void takeOut(uint16_t sessionId, VeskSession const* only) VESK_EXCLUDES(mMutex);
     void dropSessions() VESK_EXCLUDES(mMutex);
 
     std::string TAG;

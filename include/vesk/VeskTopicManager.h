@@ -20,7 +20,8 @@ class VeskTopic;
  * removeTopic().
  *
  * Threads: every operation may be called from any thread and from inside a callback. No lock is
- * held while a topic is made or the host is told.
+ * held while a topic is made or the host is told, so the host may hear in either order of two
+ * changes of one topic that two threads make at once.
  */
 class VESK_EXPORT VeskTopicManager {
 public:
@@ -52,7 +53,7 @@ public:
 private:
     friend class Vesk;
 
-    void rememberRemoved(std::shared_ptr<VeskTopic> const& topic) VESK_REQUIRES(mMutex);
+    bool forget(uint16_t topicId) VESK_EXCLUDES(mMutex);
     std::vector<std::shared_ptr<VeskTopic>> everyTopic() const VESK_EXCLUDES(mMutex);
 
     std::unordered_map<uint16_t, std::shared_ptr<VeskTopic>> mTopics VESK_GUARDED_BY(mMutex);

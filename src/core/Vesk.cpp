@@ -38,6 +38,22 @@ android::sp<VeskCallback> Vesk::callback() const {
     return mCallback;
 }
 
+VeskConfig* Vesk::getConfig() {
+    return &mConfig;
+}
+
+VeskSessionManager* Vesk::getSessionManager() {
+    return &mSessionManager;
+}
+
+VeskTopicManager* Vesk::getTopicManager() {
+    return &mTopicManager;
+}
+
+std::shared_ptr<VeskQueue> Vesk::getQueue() {
+    return mQueue;
+}
+
 void Vesk::sendToChannel(std::vector<uint8_t> bytes) {
     if (auto const host = callback(); host != nullptr) {
         host->sendToChannel(std::move(bytes));

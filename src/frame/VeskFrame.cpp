@@ -54,7 +54,7 @@ bool VeskFrame::unSerialze(std::vector<uint8_t> const& in) {
     serialNumber = getU16(&in[SERIALNUMB_INDEX]);
     msgId = getU16(&in[MSGID_INDEX]);
     if (in.size() > FRAME_HEAD_SIZE) {
-        // The size before the copy, as documented: readers take the length from data itself.
+        // The size before the copy: readers take the length from data itself.
         dataSize = static_cast<uint16_t>(data.size());
         data.assign(in.begin() + DATA_INDEX, in.end());
     }

@@ -95,10 +95,12 @@ bool VeskQueue::isChained(QueuedPacket const* packet) const {
 }
 
 android::sp<VeskQueue::QueuedPacket> VeskQueue::dequeuePacket() {
+    PacketList dropped;  // stale tails of earlier calls; let go of after the lock
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mRunning || mHead == nullptr) {
         return nullptr;
     }
+    dropped.swap(mDropped);
     android::sp<QueuedPacket> packet = mHead;
     mHead = packet->mNext;
     if (mHead != nullptr) {
@@ -140,7 +142,7 @@ bool VeskQueue::replacePacket(android::sp<QueuedPacket>& packet) {
     for (QueuedPacket* entry = mHead.get(); entry != nullptr; entry = entry->mNext.get()) {
         VeskFrame& pending = *entry->mFrame;
         if (!sameMessage(pending, frame)) continue;
-        // The size before the copy, as documented: the length on the wire comes from data itself.
+        // The size before the copy: the length on the wire comes from data itself.
         pending.dataSize = static_cast<uint16_t>(pending.data.size());
         if (&pending != &frame) {
             pending.data = frame.data;

@@ -47,6 +47,7 @@ void VeskQueue::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
     debugLog(QUEUE_TAG, "receiveFromChannel:", frame->serialNumber, ",msgType:", frame->msgType,
              ",msg:", frame->msgId);
     Vesk* const facade = Vesk::getInstance();
+    auto const topic = facade->getTopicManager()->getTopic(frame->topicId);
     if (frame->msgType == ACKNOWLEDGEMENT) {
         if (frame->topicId == ACK_ID && frame->businessId == ACK_ID) {
             receiveAckMessage(std::move(frame));
@@ -56,7 +57,7 @@ void VeskQueue::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
     if (!facade->getConfig()->isBussinessSupport(frame->topicId, frame->businessId)) {
         return;
     }
-    if (auto const topic = facade->getTopicManager()->getTopic(frame->topicId)) {
+    if (topic) {
         topic->receive(false, frame);
     }
     mFeedback.receivePackets(1);
@@ -66,6 +67,9 @@ void VeskQueue::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
 void VeskQueue::recordOwedAck(uint16_t serialNumber) {
     uint64_t const now = SystemClock::uptimeMillis();
     std::lock_guard<std::mutex> lock(mMutex);
+    if (!mRunning) {
+        return;  // nobody would ever send it
+    }
     if (mAckList.empty()) {
         mFirstAckTime = now;
     }

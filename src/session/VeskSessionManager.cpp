@@ -20,14 +20,12 @@ void announceRemoval(VeskSession const& session) {
             config.getBussinessIdById(session.topicId(), session.businessId()));
 }
 
-void leaveTopic(VeskSession const& session) {
-    if (auto const topic = session.getTopic()) topic->removeSession(session.sessionId());
-}
-
 }  // namespace
 
 // The tables let go of their sessions; nothing is taken out of a topic or announced at the end.
-VeskSessionManager::~VeskSessionManager() = default;
+VeskSessionManager::~VeskSessionManager() {
+    mConsumerSessions.clear();
+}
 
 int VeskSessionManager::makeSessionId() {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -199,14 +197,20 @@ std::vector<std::shared_ptr<VeskSession>> VeskSessionManager::sessionsOf(int typ
 }
 
 bool VeskSessionManager::release(std::shared_ptr<VeskSession> const& session) {
+    bool first = false;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        bool const present = find(session->type(), session->sessionId()) == session;
-        if (!present || !mLeaving.insert(session.get()).second) return false;
-        freeId(session->sessionId());
+        if (find(session->type(), session->sessionId()) != session) return false;
+        first = mLeaving.insert(session.get()).second;
+        if (first) freeId(session->sessionId());
     }
     leaveTopic(*session);
-    return true;
+    return first;
+}
+
+// By identity: the id is free, and another thread may have given it to a new session by now.
+void VeskSessionManager::leaveTopic(VeskSession const& session) {
+    if (auto const topic = session.getTopic()) topic->takeOut(session.sessionId(), &session);
 }
 
 size_t VeskSessionManager::forget(std::shared_ptr<VeskSession> const& session) {

@@ -38,12 +38,21 @@ void VeskTopic::addSession(uint16_t sessionId, bool isProvider,
 }
 
 void VeskTopic::removeSession(uint16_t sessionId) {
+    takeOut(sessionId, nullptr);
+}
+
+void VeskTopic::takeOut(uint16_t sessionId, VeskSession const* only) {
+    auto const extract = [&](SessionTable& table) {
+        auto const found = table.find(sessionId);
+        bool const fits = found != table.end() && (!only || found->second.get() == only);
+        return fits ? table.extract(found) : SessionTable::node_type();
+    };
     SessionTable::node_type provider, consumer;  // released after the lock
     size_t providers = 0, consumers = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        provider = mProviders.extract(sessionId);
-        consumer = mConsumers.extract(sessionId);
+        provider = extract(mProviders);
+        consumer = extract(mConsumers);
         providers = mProviders.size();
         consumers = mConsumers.size();
     }

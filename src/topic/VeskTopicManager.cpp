@@ -25,7 +25,7 @@ int VeskTopicManager::createTopic(std::string const& name, bool isLocal,
     auto topic = std::make_shared<VeskTopic>(key, isLocal, queue);
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (!mTopics.emplace(key, std::move(topic)).second) return 0;
+        if (!mTopics.try_emplace(key, std::move(topic)).second) return 0;
     }
     Vesk::getInstance()->notifyTopicChanged(true, name);
     return id;
@@ -37,17 +37,24 @@ int VeskTopicManager::removeTopic(std::string const& name) {
     if (id < 0) {
         return 0;
     }
-    decltype(mTopics)::node_type removed;  // released after the lock, with all that it may own
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        removed = mTopics.extract(static_cast<uint16_t>(id));
-        if (!removed.empty()) rememberRemoved(removed.mapped());
-    }
-    if (removed.empty()) {
+    if (!forget(static_cast<uint16_t>(id))) {
         return 0;
     }
     Vesk::getInstance()->notifyTopicChanged(false, name);
     return id;
+}
+
+bool VeskTopicManager::forget(uint16_t topicId) {
+    decltype(mTopics)::node_type removed;  // released after the lock, with all that it may own
+    std::lock_guard<std::mutex> lock(mMutex);
+    removed = mTopics.extract(topicId);
+    if (removed.empty()) {
+        return false;
+    }
+    auto const gone = [](std::weak_ptr<VeskTopic> const& earlier) { return earlier.expired(); };
+    mRemoved.erase(std::remove_if(mRemoved.begin(), mRemoved.end(), gone), mRemoved.end());
+    mRemoved.push_back(removed.mapped());
+    return true;
 }
 
 bool VeskTopicManager::hasTopic(uint16_t topicId) const {
@@ -59,12 +66,6 @@ std::shared_ptr<VeskTopic> VeskTopicManager::getTopic(uint16_t topicId) const {
     std::lock_guard<std::mutex> lock(mMutex);
     auto const found = mTopics.find(topicId);
     return found == mTopics.end() ? nullptr : found->second;
-}
-
-void VeskTopicManager::rememberRemoved(std::shared_ptr<VeskTopic> const& topic) {
-    auto const gone = [](std::weak_ptr<VeskTopic> const& earlier) { return earlier.expired(); };
-    mRemoved.erase(std::remove_if(mRemoved.begin(), mRemoved.end(), gone), mRemoved.end());
-    mRemoved.push_back(topic);
 }
 
 std::vector<std::shared_ptr<VeskTopic>> VeskTopicManager::everyTopic() const {

@@ -47,12 +47,17 @@ protected:
 TEST_F(ClientTest, AProviderThatDiesTakesItsSessionAlong) {
     startPair();
     Process& watcher = start({"watch", "--host", socket("far")});
+    auto const awaitNews = [&](std::string const& what) {
+        await("watch to tell", [&] {
+            return watcher.output().find("provider test/test " + what) != std::string::npos;
+        });
+    };
     Process& provider = startEcho("far");
+    awaitNews("added");
     expectCall("exit status 0", {"--data", "x"}, "");
 
     provider.signal(SIGKILL);
-    await("watch to tell",
-          [&] { return watcher.output().find("provider test/test removed") != std::string::npos; });
+    awaitNews("removed");
     expectEnd(provider, "signal 9");
     expectCall("exit status 1", {"--data", "x", "--timeout", "300", "--count", "2"},
                "2 of 2 requests got no reply");

@@ -19,15 +19,17 @@ TEST_F(FacadeTest, CallbackIsReplacedByAnotherButNotByNull) {
 
 TEST_F(FacadeTest, TopicIsPresentFromItsCreationToItsRemoval) {
     Strings changes;
+    std::weak_ptr<VeskTopic> alive;
     callback->onTopicChange([&](auto const& change) {
         changes.push_back((change.added ? "+" : "-") + change.topicName);
         EXPECT_EQ(vesk->hasTopic(change.topicName), change.added);
+        EXPECT_TRUE(alive.expired());
     });
     EXPECT_EQ(vesk->removeTopic("test"), 0);
     EXPECT_EQ(vesk->createTopic("test", false), 2);
-    auto const created = vesk->getTopic(2);
+    alive = vesk->getTopic(2);
     EXPECT_EQ(vesk->createTopic("test", true), 0);
-    EXPECT_EQ(vesk->getTopic(2), created);
+    EXPECT_EQ(vesk->getTopic(2), alive.lock());
     EXPECT_EQ(vesk->removeTopic("test"), 2);
     EXPECT_EQ(changes, (Strings{"+test", "-test"}));
 

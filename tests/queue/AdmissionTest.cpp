@@ -67,6 +67,16 @@ TEST_F(AdmissionTest, RemovalJoinsTheNeighboursAndACopyIsNotPending) {
     EXPECT_EQ(drain(), std::vector<int>());
 }
 
+TEST_F(AdmissionTest, PacketsTakenOutUnsentAreLetGoOf) {
+    std::weak_ptr<VeskFrame> const first = admit(2, 1)->getFrame();
+    for (uint16_t id = 2; id <= 4; ++id) {
+        queue->dequeuePacket();
+        admit(2, id);
+    }
+    EXPECT_TRUE(first.expired());
+    drain();
+}
+
 TEST_F(AdmissionTest, ReplacementChangesTheDataOfTheFirstMatchAlone) {
     Packet nearer = admit(2, 7);
     Packet const farther = admit(2, 7);

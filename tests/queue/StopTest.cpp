@@ -18,6 +18,8 @@ TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
     EXPECT_EQ(log.count("VeskQueue", "sending a packet to died queue"), 1U);
     EXPECT_EQ(log.messages("VeskQueue").back(), "enqueue fail.");
     EXPECT_EQ(own->dequeuePacket(), Packet());
+    own->receiveFromChannel(frame(1));
+    EXPECT_EQ(own->owedAcks(), 0U);
 }
 
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {

@@ -159,6 +159,20 @@ TEST_F(SessionTest, IdOfAProviderIsFreeWhenItsRemovalIsAnnounced) {
     EXPECT_EQ(session(1)->clientId(), 2U);
 }
 
+TEST_F(SessionTest, ClientMayGoWhileItsProviderIsAnnouncedAsGone) {
+    join(1, PROVIDER);
+    callback->onBusinessChange([&](auto const&) {
+        EXPECT_EQ(join(2, CONSUMER), 1);  // the id is free; the place in the topic is its own
+        sessions->removeSessionByClient(1);
+    });
+    EXPECT_EQ(remove(1), 1U);
+    EXPECT_EQ(changes(), (Strings{"+test/test", "-test/test"}));
+    EXPECT_TRUE(routed(1));
+    callback->clear();
+    topic->receive(false, frame(1));
+    EXPECT_TRUE(callback->deliveries().empty());
+}
+
 TEST_F(SessionTest, DeliveryMayAnswerAndRemoveTheClientAndTheTopic) {
     int const consumer = join(1, CONSUMER), provider = join(2, PROVIDER);
     callback->onReceive([&](auto const& delivery) {

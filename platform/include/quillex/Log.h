@@ -12,7 +12,8 @@ public:
 
     /**
      * Host only: sends every later line to `sink`; null makes the log silent again. The sink is
-     * called on the logging thread, by several threads at once.
+     * called on the logging thread, by several threads at once and under locks of the caller's:
+     * it must not call the library that logs.
      */
     static void setSink(Sink sink);
 };
