@@ -52,11 +52,13 @@ Simulation::Simulation(Random random)
       mIn(mRandom, faultsFor(mRandom, mLossless)),
       mFar(mRandom, 100),
       mReader(*mVesk->getConfig(), [this](Bytes const& bytes) { arrive(bytes); }) {
-    // The next frame has serial number 0 then, whatever ran before in this process.
-    while (VeskFrame::obtainFrame(true)->serialNumber != 0xFFFF) {
-    }
     mVesk->init(new Host(this));
     mVesk->onChannelAvailable(false);
+}
+
+void Simulation::restartSerials() {
+    while (VeskFrame::obtainFrame(true)->serialNumber != 0xFFFF) {
+    }
 }
 
 Simulation::~Simulation() {

@@ -19,6 +19,7 @@ namespace {
 std::vector<uint64_t> const ONCE_FAILED{};
 
 std::map<std::string, uint64_t> runSeed(uint64_t seed, uint64_t minutes) {
+    vesk::simulation::Simulation::restartSerials();
     vesk::simulation::Simulation simulation{vesk::testkit::Random(seed)};
     simulation.run(minutes);
     return simulation.totals();
