@@ -56,6 +56,11 @@ Simulation::Simulation(Random random)
     mVesk->onChannelAvailable(false);
 }
 
+void Simulation::restartSerials() {
+    while (VeskFrame::obtainFrame(true)->serialNumber != 0xFFFF) {
+    }
+}
+
 Simulation::~Simulation() {
     for (uint16_t id : mIds) {
         mSessions.removeSession(id);
@@ -234,6 +239,7 @@ void Simulation::finish() {
         exchange();
     }
     require(mModel.empty(), "the link has been clean and quiet for 5 s and packets are left");
+    require(mOutSent.empty() && mInSent.empty(), "a lossless link has swallowed a frame");
     submit(1, false, newFrame(1, 1, 2));  // the last one cleared away is let go of with the next
     settle();
     require(std::all_of(mFrames.begin(), mFrames.end(), [](auto const& f) { return f.expired(); }),

@@ -1,11 +1,15 @@
 // Lives through simulated minutes with the library, one seed after another.
 
+#include <unistd.h>
 #include <CLI/CLI.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <iostream>
 #include <map>
+#include <string>
+#include <vector>
 
 #include "Simulation.h"
 
@@ -15,9 +19,7 @@ namespace {
 std::vector<uint64_t> const ONCE_FAILED{};
 
 std::map<std::string, uint64_t> runSeed(uint64_t seed, uint64_t minutes) {
-    // The next frame has serial number 0 then, whatever ran before in this process.
-    while (vesk::VeskFrame::obtainFrame(true)->serialNumber != 0xFFFF) {
-    }
+    vesk::simulation::Simulation::restartSerials();
     vesk::simulation::Simulation simulation{vesk::testkit::Random(seed)};
     simulation.run(minutes);
     return simulation.totals();
@@ -39,17 +41,26 @@ int main(int argc, char** argv) {
     if (first == 1) run = ONCE_FAILED;
     for (uint64_t seed = first; seed < first + seeds; ++seed)
         run.push_back(seed);
+    bool const terminal = isatty(STDERR_FILENO) != 0;
+    char const* const wipe = terminal ? "\r\x1b[K" : "";
     for (uint64_t const seed : run) {
+        auto const replay = std::string(argv[0]) + " --first " + std::to_string(seed) +
+                            " --seeds 1 --minutes " + std::to_string(minutes);
+        // Said before, because a sanitizer or a signal may end the process. ctest drops what has
+        // no end of line when it kills a test.
+        std::cerr << wipe + ("running: " + replay) + (terminal ? "" : "\n");
         try {
             for (auto const& [name, count] : runSeed(seed, minutes)) {
                 sums[name] += count;
             }
         } catch (std::exception const& error) {
-            std::cout << "seed " << seed << " failed " << error.what() << "\nreplay: " << argv[0]
-                      << " --first " << seed << " --seeds 1 --minutes " << minutes << "\n";
+            std::cerr << wipe;
+            std::cout << "seed " << seed << " failed " << error.what() << "\nreplay: " << replay
+                      << "\n";
             return 1;
         }
     }
+    std::cerr << wipe;
     std::chrono::duration<double> const seconds = std::chrono::steady_clock::now() - start;
     std::cout << run.size() << " seeds, " << run.size() * minutes << " simulated minutes in "
               << seconds.count() << " s\n";
