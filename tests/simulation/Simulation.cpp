@@ -56,11 +56,6 @@ Simulation::Simulation(Random random)
     mVesk->onChannelAvailable(false);
 }
 
-void Simulation::restartSerials() {
-    while (VeskFrame::obtainFrame(true)->serialNumber != 0xFFFF) {
-    }
-}
-
 Simulation::~Simulation() {
     for (uint16_t id : mIds) {
         mSessions.removeSession(id);

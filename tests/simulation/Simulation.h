@@ -37,9 +37,6 @@ public:
     explicit Simulation(testkit::Random random);
     ~Simulation();
 
-    /** The next frame has serial number 0, as in a new process; too slow for each input of a fuzzer. */
-    static void restartSerials();
-
     /**
      * Lives through so many minutes, or until the script that decides is used up; then lets the
      * link be clean and quiet, and looks for remains.

@@ -1,6 +1,5 @@
 // Lives through simulated minutes with the library, one seed after another.
 
-#include <unistd.h>
 #include <CLI/CLI.hpp>
 
 #include <chrono>
@@ -19,7 +18,9 @@ namespace {
 std::vector<uint64_t> const ONCE_FAILED{};
 
 std::map<std::string, uint64_t> runSeed(uint64_t seed, uint64_t minutes) {
-    vesk::simulation::Simulation::restartSerials();
+    // The next frame has serial number 0 then, whatever ran before in this process.
+    while (vesk::VeskFrame::obtainFrame(true)->serialNumber != 0xFFFF) {
+    }
     vesk::simulation::Simulation simulation{vesk::testkit::Random(seed)};
     simulation.run(minutes);
     return simulation.totals();
@@ -41,26 +42,20 @@ int main(int argc, char** argv) {
     if (first == 1) run = ONCE_FAILED;
     for (uint64_t seed = first; seed < first + seeds; ++seed)
         run.push_back(seed);
-    bool const terminal = isatty(STDERR_FILENO) != 0;
-    char const* const wipe = terminal ? "\r\x1b[K" : "";
     for (uint64_t const seed : run) {
         auto const replay = std::string(argv[0]) + " --first " + std::to_string(seed) +
                             " --seeds 1 --minutes " + std::to_string(minutes);
-        // Said before, because a sanitizer or a signal may end the process. ctest drops what has
-        // no end of line when it kills a test.
-        std::cerr << wipe + ("running: " + replay) + (terminal ? "" : "\n");
+        std::cerr << "running: " + replay + "\n";  // before a sanitizer or a signal ends it
         try {
             for (auto const& [name, count] : runSeed(seed, minutes)) {
                 sums[name] += count;
             }
         } catch (std::exception const& error) {
-            std::cerr << wipe;
             std::cout << "seed " << seed << " failed " << error.what() << "\nreplay: " << replay
                       << "\n";
             return 1;
         }
     }
-    std::cerr << wipe;
     std::chrono::duration<double> const seconds = std::chrono::steady_clock::now() - start;
     std::cout << run.size() << " seeds, " << run.size() * minutes << " simulated minutes in "
               << seconds.count() << " s\n";
