@@ -70,5 +70,6 @@ if(TARGET vesk_tool)
     install(TARGETS vesk_tool)
 endif()
 
-install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# As they stand in the tree, so that the links among them hold.
+install(FILES LICENSE README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs examples abi DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -26,7 +26,7 @@ struct Host : VeskCallback {
         std::string const text(frame->data.begin(), frame->data.end());
         if (frame->msgType == 3) std::cout << "reply: " << text << "\n";
         auto const me = Vesk::getInstance()->getSessionManager()->getSession(uint16_t(id));
-        if (frame->msgType == 2) me->send(false, message(3, frame->reply, text), 1);
+        if (frame->msgType == 2 && me) me->send(false, message(3, frame->reply, text), 1);
     }
     void notifyTopicChanged(bool, std::string) override {}
     void notifyBusinessChanged(bool, std::string, std::string) override {}

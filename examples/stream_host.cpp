@@ -85,6 +85,7 @@ public:
     void receive(uint32_t, uint32_t id, bool, std::shared_ptr<VeskFrame> const& frame) override {
         if (frame->msgType == TYPE_REQUEST) {
             auto const me = Vesk::getInstance()->getSessionManager()->getSession(uint16_t(id));
+            if (!me) return;  // the provider has been removed
             me->send(false, message(TYPE_REPLY, frame->reply, frame->msgId, frame->data), 1);
         } else {
             std::lock_guard<std::mutex> const lock(mMutex);

@@ -17,15 +17,16 @@ public:
 
     void receive(uint32_t, uint32_t sessionId, bool local,
                  std::shared_ptr<vesk::VeskFrame> const& request) override {
-        if (request->msgType != 2) return;
+        auto* const sessions = vesk::Vesk::getInstance()->getSessionManager();
+        auto const me = sessions->getSession(static_cast<uint16_t>(sessionId));
+        if (request->msgType != 2 || !me) return;  // no request, or the provider is going
         auto const reply = vesk::VeskFrame::obtainFrame(true);
         reply->topicId = request->topicId;
         reply->businessId = request->businessId;
         reply->msgType = 3;
         reply->reply = request->reply;
         reply->data = request->data;
-        auto* const sessions = vesk::Vesk::getInstance()->getSessionManager();
-        sessions->getSession(static_cast<uint16_t>(sessionId))->send(local, reply, 1);
+        me->send(local, reply, 1);
     }
     void sendToChannel(std::vector<uint8_t> bytes) override { mChannel(std::move(bytes)); }
     void notifyTopicChanged(bool, std::string) override {}

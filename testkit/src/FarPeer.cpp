@@ -89,8 +89,7 @@ FarPeer::Frame FarPeer::ackFrame(std::vector<Ack> const& entries) {
 std::vector<FarPeer::Ack> FarPeer::ackEntries(Frame const& frame) {
     if (!isAck(frame) || frame.payload.size() != ACK_SIZE * frame.reply) {
         reject("no acknowledgement frame: it has type 1, topic and business 170, and 4 bytes for "
-               "each "
-               "of the entries that its reply field counts");
+               "each of the entries that its reply field counts");
     }
     std::vector<Ack> entries;
     for (size_t at = 0; at < frame.payload.size(); at += ACK_SIZE) {

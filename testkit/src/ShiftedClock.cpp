@@ -49,8 +49,7 @@ void ShiftedClock::settle() {
     if (!eventually([this] { return mQueue->idle(); })) {
         throw std::runtime_error(
                 "the queue's looper did not come to rest: a sendToChannel() that blocks, or "
-                "traffic "
-                "that never ends; let both end before the clock is moved");
+                "traffic that never ends; let both end before the clock is moved");
     }
 }
 

@@ -118,6 +118,7 @@ int run(int argc, char** argv) {
     std::string watched;
     DemoOptions demo;
     Command command;
+    app.set_version_flag("--version", "vesk " VESK_VERSION);
     app.add_flag("-v,--verbose", verbose, "Print the library's log lines to stderr");
     app.footer(EXIT_STATUSES + " 'vesk COMMAND --help' tells more of a command.");
     app.require_subcommand(1);

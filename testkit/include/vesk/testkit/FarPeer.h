@@ -15,8 +15,8 @@ namespace vesk::testkit {
 class RecordingCallback;
 
 /**
- * The other end of the byte channel, in the test's hands. It knows the bytes on the wire and
- * nothing of the library, so that a mistake in the codec cannot cancel itself out.
+ * The other end of the byte channel, in the test's hands. It encodes and decodes by itself, so that
+ * a mistake in the library's codec cannot cancel itself out.
  *
  * Ownership: shares the queue that it feeds.
  * Threads:   every operation may be called from any thread, also from inside callbacks.
