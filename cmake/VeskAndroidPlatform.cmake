@@ -4,8 +4,8 @@
 # Result: the targets vesk_refbase and quillexutils, as the stand-ins make them elsewhere.
 
 if(VESK_BUILD_TOOL OR VESK_BUILD_TESTS)
-    message(FATAL_ERROR "vesk: the tool and the tests need the stand-ins, which a build for Android "
-                        "leaves out; set VESK_BUILD_TOOL=OFF and VESK_BUILD_TESTS=OFF")
+    message(FATAL_ERROR "vesk: the tool and the tests need the stand-ins, which a build for "
+                        "Android leaves out; set VESK_BUILD_TOOL=OFF and VESK_BUILD_TESTS=OFF")
 endif()
 
 function(vesk_platform_library target name header library)

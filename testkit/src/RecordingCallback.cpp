@@ -1,57 +1,52 @@
 #include <vesk/testkit/RecordingCallback.h>
 
-#include <utility>
-
 namespace vesk::testkit {
 
 namespace {
 
 using Guard = std::lock_guard<std::mutex>;
 
-template <typename T>
-T replace(std::mutex& mutex, T& member, T value) {
-    Guard const guard(mutex);
-    return std::exchange(member, std::move(value));  // the old hook dies outside the lock
-}
-
-template <typename T>
-T copy(std::mutex& mutex, T const& member) {
-    Guard const guard(mutex);
-    return member;
-}
-
 }  // namespace
 
+// The parameter takes the old hook, which so dies outside the lock.
 void RecordingCallback::onSend(SendHook hook) {
-    replace(mMutex, mSendHook, std::move(hook));
+    Guard const guard(mMutex);
+    mSendHook.swap(hook);
 }
 
 void RecordingCallback::onReceive(ReceiveHook hook) {
-    replace(mMutex, mReceiveHook, std::move(hook));
+    Guard const guard(mMutex);
+    mReceiveHook.swap(hook);
 }
 
 void RecordingCallback::onTopicChange(TopicHook hook) {
-    replace(mMutex, mTopicHook, std::move(hook));
+    Guard const guard(mMutex);
+    mTopicHook.swap(hook);
 }
 
 void RecordingCallback::onBusinessChange(BusinessHook hook) {
-    replace(mMutex, mBusinessHook, std::move(hook));
+    Guard const guard(mMutex);
+    mBusinessHook.swap(hook);
 }
 
 std::vector<RecordingCallback::Bytes> RecordingCallback::sent() const {
-    return copy(mMutex, mSent);
+    Guard const guard(mMutex);
+    return mSent;
 }
 
 std::vector<RecordingCallback::Delivery> RecordingCallback::deliveries() const {
-    return copy(mMutex, mDeliveries);
+    Guard const guard(mMutex);
+    return mDeliveries;
 }
 
 std::vector<RecordingCallback::TopicChange> RecordingCallback::topicChanges() const {
-    return copy(mMutex, mTopicChanges);
+    Guard const guard(mMutex);
+    return mTopicChanges;
 }
 
 std::vector<RecordingCallback::BusinessChange> RecordingCallback::businessChanges() const {
-    return copy(mMutex, mBusinessChanges);
+    Guard const guard(mMutex);
+    return mBusinessChanges;
 }
 
 size_t RecordingCallback::sentCount() const {
@@ -59,14 +54,22 @@ size_t RecordingCallback::sentCount() const {
     return mSent.size();
 }
 
+size_t RecordingCallback::deliveryCount() const {
+    Guard const guard(mMutex);
+    return mDeliveries.size();
+}
+
+uint64_t RecordingCallback::calls() const {
+    Guard const guard(mMutex);
+    return mCalls;
+}
+
 bool RecordingCallback::waitForSent(size_t count, std::chrono::milliseconds deadline) const {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mRecorded.wait_for(lock, deadline, [&] { return mSent.size() >= count; });
+    return waitUntil([&] { return sentCount() >= count; }, deadline);
 }
 
 bool RecordingCallback::waitForDeliveries(size_t count, std::chrono::milliseconds deadline) const {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mRecorded.wait_for(lock, deadline, [&] { return mDeliveries.size() >= count; });
+    return waitUntil([&] { return deliveryCount() >= count; }, deadline);
 }
 
 bool RecordingCallback::waitUntil(std::function<bool()> const& condition,
@@ -74,11 +77,20 @@ bool RecordingCallback::waitUntil(std::function<bool()> const& condition,
     auto const end = std::chrono::steady_clock::now() + deadline;
     for (;;) {
         // Counted before the question is asked, so that a call that comes in between is not missed.
-        uint64_t const asked = copy(mMutex, mCalls);
+        uint64_t const asked = calls();
         if (condition()) return true;
-        std::unique_lock<std::mutex> lock(mMutex);
-        if (!mRecorded.wait_until(lock, end, [&] { return mCalls != asked; })) return false;
+        if (!waitForMoreCalls(asked, end)) return false;
     }
+}
+
+bool RecordingCallback::waitForMoreCalls(uint64_t than,
+                                         std::chrono::steady_clock::time_point end) const {
+    Guard const guard(mMutex);
+    std::unique_lock<std::mutex> lock(mMutex, std::adopt_lock);
+    while (mCalls == than && mRecorded.wait_until(lock, end) == std::cv_status::no_timeout) {
+    }
+    lock.release();  // guard unlocks
+    return mCalls != than;
 }
 
 void RecordingCallback::clear() {
@@ -90,14 +102,15 @@ void RecordingCallback::clear() {
 }
 
 template <typename Entry>
-void RecordingCallback::record(std::vector<Entry>& list,
-                               std::function<void(Entry const&)> const& hook, Entry const& entry) {
+void RecordingCallback::record(std::vector<Entry> RecordingCallback::*list,
+                               std::function<void(Entry const&)> RecordingCallback::*hook,
+                               Entry const& entry) {
     std::function<void(Entry const&)> run;
     {
         Guard const guard(mMutex);
-        list.push_back(entry);
+        (this->*list).push_back(entry);
         ++mCalls;
-        run = hook;
+        run = this->*hook;
     }
     mRecorded.notify_all();
     if (run) run(entry);
@@ -105,20 +118,23 @@ void RecordingCallback::record(std::vector<Entry>& list,
 
 void RecordingCallback::receive(uint32_t clientId, uint32_t sessionId, bool local,
                                 std::shared_ptr<VeskFrame> const& frame) {
-    record(mDeliveries, mReceiveHook, Delivery{clientId, sessionId, local, frame});
+    record(&RecordingCallback::mDeliveries, &RecordingCallback::mReceiveHook,
+           Delivery{clientId, sessionId, local, frame});
 }
 
 void RecordingCallback::sendToChannel(Bytes bytes) {
-    record(mSent, mSendHook, bytes);
+    record(&RecordingCallback::mSent, &RecordingCallback::mSendHook, bytes);
 }
 
 void RecordingCallback::notifyTopicChanged(bool added, std::string topicName) {
-    record(mTopicChanges, mTopicHook, TopicChange{added, topicName});
+    record(&RecordingCallback::mTopicChanges, &RecordingCallback::mTopicHook,
+           TopicChange{added, topicName});
 }
 
 void RecordingCallback::notifyBusinessChanged(bool added, std::string topicName,
                                               std::string businessName) {
-    record(mBusinessChanges, mBusinessHook, BusinessChange{added, topicName, businessName});
+    record(&RecordingCallback::mBusinessChanges, &RecordingCallback::mBusinessHook,
+           BusinessChange{added, topicName, businessName});
 }
 
 }  // namespace vesk::testkit

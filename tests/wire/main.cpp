@@ -9,7 +9,12 @@
 #include <vesk/testkit/RecordingCallback.h>
 #include <vesk/testkit/ShiftedClock.h>
 
-int main(int argc, char**) {
+int main(int argc, char** argv) {
+    bool const reads = argc == 2 && argv[1] == std::string("read");
+    if (argc > 1 && !reads) {
+        std::cerr << "usage: vesk_wire [read]\n";
+        return 2;
+    }
     vesk::testkit::ShiftedClock clock(nullptr, 0xFFFFFFFF - 700);  // the low 32 bits run over
     android::sp<vesk::testkit::RecordingCallback> const host = new vesk::testkit::RecordingCallback;
     vesk::testkit::FarPeer peer;
@@ -25,7 +30,7 @@ int main(int argc, char**) {
     }
     clock.advance(500);
     auto const written = host->sent();
-    if (argc == 1) {
+    if (!reads) {
         for (auto const& frame : written)
             std::cout << std::string(frame.begin(), frame.end());
         return std::cout.flush() ? 0 : 1;

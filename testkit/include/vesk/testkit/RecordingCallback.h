@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <vesk/VeskCallback.h>
+#include <vesk/VeskThreadAnnotations.h>
 #include <vesk/testkit/Await.h>
 
 namespace vesk::testkit {
@@ -90,21 +91,27 @@ protected:
     ~RecordingCallback() override = default;
 
 private:
+    // Named by pointers, because the lock is taken inside.
     template <typename Entry>
-    void record(std::vector<Entry>& list, std::function<void(Entry const&)> const& hook,
-                Entry const& entry);
+    void record(std::vector<Entry> RecordingCallback::*list,
+                std::function<void(Entry const&)> RecordingCallback::*hook, Entry const& entry)
+            VESK_EXCLUDES(mMutex);
 
-    std::vector<Bytes> mSent;
-    std::vector<Delivery> mDeliveries;
-    std::vector<TopicChange> mTopicChanges;
-    std::vector<BusinessChange> mBusinessChanges;
-    SendHook mSendHook;
-    ReceiveHook mReceiveHook;
-    TopicHook mTopicHook;
-    BusinessHook mBusinessHook;
-    uint64_t mCalls = 0;
+    size_t deliveryCount() const;
+    uint64_t calls() const;
+    bool waitForMoreCalls(uint64_t than, std::chrono::steady_clock::time_point end) const;
+
+    mutable std::mutex mMutex;
     mutable std::condition_variable mRecorded;
-    mutable std::mutex mMutex;  // guards everything above
+    std::vector<Bytes> mSent VESK_GUARDED_BY(mMutex);
+    std::vector<Delivery> mDeliveries VESK_GUARDED_BY(mMutex);
+    std::vector<TopicChange> mTopicChanges VESK_GUARDED_BY(mMutex);
+    std::vector<BusinessChange> mBusinessChanges VESK_GUARDED_BY(mMutex);
+    SendHook mSendHook VESK_GUARDED_BY(mMutex);
+    ReceiveHook mReceiveHook VESK_GUARDED_BY(mMutex);
+    TopicHook mTopicHook VESK_GUARDED_BY(mMutex);
+    BusinessHook mBusinessHook VESK_GUARDED_BY(mMutex);
+    uint64_t mCalls VESK_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace vesk::testkit
