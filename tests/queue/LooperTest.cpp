@@ -136,8 +136,8 @@ TEST_F(LooperTest, DeadlinesAreMetWithoutAnyWakeUp) {
     meets(2000, [&] { return queue->awaitingAck() == 0; });
     peer.send(request(1));
     meets(500, [&] { return queue->owedAcks() == 0; });
-    for (uint16_t const serial : Ids{4, 3, 3, 1, 9})  // five do not wait
-        peer.send(request(serial));
+    for (int const serial : {4, 3, 3, 1, 9})  // five do not wait
+        peer.send(request(static_cast<uint16_t>(serial)));
     EXPECT_TRUE(eventually([&] { return queue->owedAcks() == 0; }));
 }
 

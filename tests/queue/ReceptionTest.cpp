@@ -25,18 +25,5 @@ TEST_F(ReceptionTest, DelayIsTheTimeSinceSendingLessTheHoldTime) {
     }
 }
 
-TEST_F(ReceptionTest, MoreThan1000OwedAreForgotten) {
-    for (uint16_t const owed : Ids{1000, 1001}) {
-        callback->onSend([&](auto const&) {  // the looper cannot acknowledge meanwhile
-            callback->onSend(nullptr);
-            for (uint16_t serial = 1; serial <= owed; ++serial)
-                peer.send(request(serial));
-        });
-        send(1);
-    }
-    ASSERT_EQ(callback->sentCount(), 3U);
-    EXPECT_EQ(callback->sent()[1].size(), 12U + 1000 * 4);
-}
-
 }  // namespace
 }  // namespace vesk

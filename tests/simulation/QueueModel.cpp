@@ -10,14 +10,16 @@
 
 namespace vesk::simulation {
 
+using testkit::FarPeer;
+
 namespace {
 
 constexpr uint64_t HOLD_MS = 2000, EXPIRY_MS = 2000, ACK_AGE_MS = 500;
 constexpr size_t ACK_COUNT = 5;
 
 Bytes wireBytes(VeskFrame const& frame) {
-    return testkit::FarPeer::encode({frame.topicId, frame.businessId, frame.msgType, frame.reply,
-                                     frame.serialNumber, frame.msgId, frame.data});
+    return FarPeer::encode({frame.topicId, frame.businessId, frame.msgType, frame.reply,
+                            frame.serialNumber, frame.msgId, frame.data});
 }
 
 bool sameMessage(VeskFrame const& a, VeskFrame const& b) {
@@ -107,17 +109,12 @@ void QueueModel::batchAcks(uint64_t now) {
         return;
     }
     if (mOwed.size() <= BOUND) {
-        auto ack = std::make_shared<VeskFrame>();
-        ack->topicId = ack->businessId = 0xAA;
-        ack->msgType = 1;
-        ack->msgId = 0xAA;
-        ack->reply = static_cast<uint16_t>(mOwed.size());
+        std::vector<FarPeer::Ack> entries;
         for (Owed const& owed : mOwed) {
-            for (uint64_t value : {now - owed.time, uint64_t{owed.serialNumber}}) {
-                ack->data.push_back(static_cast<uint8_t>(value & 0xFF));
-                ack->data.push_back(static_cast<uint8_t>(value >> 8 & 0xFF));
-            }
+            entries.push_back({static_cast<uint16_t>(now - owed.time), owed.serialNumber});
         }
+        auto ack = std::make_shared<VeskFrame>();
+        ack->unSerialze(FarPeer::encode(FarPeer::ackFrame(entries)));
         insert({1, now, false, std::move(ack)});
     }
     mOwed.clear();

@@ -24,7 +24,6 @@ using testkit::ShiftedClock;
 
 using Packet = android::sp<VeskQueue::QueuedPacket>;
 using Strings = std::vector<std::string>;
-using Ids = std::vector<uint16_t>;
 
 /**
  * A host with a fresh callback, a captured log and a clock that stands still. Clients 1 to 9 and
