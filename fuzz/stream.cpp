@@ -24,7 +24,7 @@ VeskConfig const& catalogue() {
     return config;
 }
 
-/** The length of a frame that may start here, 0 where none can; 12 while its header is not whole. */
+/** The length of a frame that may start here; 0: none can. 12 while its header is not whole. */
 size_t frameSize(uint8_t const* at, size_t left) {
     if (at[0] != 'U') return 0;
     if (left < 12) return 12;
