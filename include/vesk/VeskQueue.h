@@ -270,7 +270,7 @@ private:
     bool mWakeAsked VESK_GUARDED_BY(mMutex) = false;  // since the pass began
     bool mAsleep VESK_GUARDED_BY(mMutex) = false;
     bool mHistoryWasFull VESK_GUARDED_BY(mMutex) = false;  // the last pass stopped at it
-    PacketList mDropped VESK_GUARDED_BY(mMutex);  // for the looper to let go of outside the lock
+    PacketList mDropped VESK_GUARDED_BY(mMutex);           // to be let go of outside the lock
 };
 
 }  // namespace vesk

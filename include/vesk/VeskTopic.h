@@ -74,7 +74,7 @@ private:
     std::shared_ptr<VeskSession> findProvider(uint16_t businessId) const VESK_EXCLUDES(mMutex);
     std::shared_ptr<VeskSession> findConsumer(uint16_t businessId, uint16_t sessionId) const
             VESK_EXCLUDES(mMutex);
-    /** With `only` null, takes out whatever has the id; else nothing but that session. */
+    /** Takes out what has the id; with `only`, what has got it after that session stays. */
     void takeOut(uint16_t sessionId, VeskSession const* only) VESK_EXCLUDES(mMutex);
     void dropSessions() VESK_EXCLUDES(mMutex);
 

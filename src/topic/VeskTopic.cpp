@@ -11,6 +11,19 @@
 
 namespace vesk {
 
+namespace {
+
+using SessionTable = std::unordered_map<uint16_t, std::shared_ptr<VeskSession>>;
+
+/** Of any session with this id; with `only`, of no other than that one. */
+SessionTable::node_type extract(SessionTable& table, uint16_t id, VeskSession const* only) {
+    auto const found = table.find(id);
+    bool const fits = found != table.end() && (!only || found->second.get() == only);
+    return fits ? table.extract(found) : SessionTable::node_type();
+}
+
+}  // namespace
+
 VeskTopic::VeskTopic(uint16_t topicId, bool isLocal, std::shared_ptr<VeskQueue> const& queue)
     : TAG("[" + std::to_string(topicId) + "]"),
       mTopicId(topicId),
@@ -42,17 +55,16 @@ void VeskTopic::removeSession(uint16_t sessionId) {
 }
 
 void VeskTopic::takeOut(uint16_t sessionId, VeskSession const* only) {
-    auto const extract = [&](SessionTable& table) {
-        auto const found = table.find(sessionId);
-        bool const fits = found != table.end() && (!only || found->second.get() == only);
-        return fits ? table.extract(found) : SessionTable::node_type();
-    };
     SessionTable::node_type provider, consumer;  // released after the lock
     size_t providers = 0, consumers = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        provider = extract(mProviders);
-        consumer = extract(mConsumers);
+        // Every session stands in mConsumers. Where this one still does, another of its id can only
+        // be an older provider that was left behind, and goes with it.
+        auto const newest = mConsumers.find(sessionId);
+        if (newest != mConsumers.end() && newest->second.get() == only) only = nullptr;
+        provider = extract(mProviders, sessionId, only);
+        consumer = extract(mConsumers, sessionId, only);
         providers = mProviders.size();
         consumers = mConsumers.size();
     }
