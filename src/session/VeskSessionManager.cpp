@@ -22,7 +22,8 @@ void announceRemoval(VeskSession const& session) {
 
 }  // namespace
 
-// The tables let go of their sessions; nothing is taken out of a topic or announced at the end.
+// The tables let go of their sessions, consumers first; nothing is taken out of a topic or
+// announced at the end.
 VeskSessionManager::~VeskSessionManager() {
     mConsumerSessions.clear();
 }

@@ -13,13 +13,12 @@ namespace vesk {
 
 namespace {
 
-using SessionTable = std::unordered_map<uint16_t, std::shared_ptr<VeskSession>>;
-
 /** Of any session with this id; with `only`, of no other than that one. */
-SessionTable::node_type extract(SessionTable& table, uint16_t id, VeskSession const* only) {
+template <typename Table>
+auto extract(Table& table, uint16_t id, VeskSession const* only) {
     auto const found = table.find(id);
     bool const fits = found != table.end() && (!only || found->second.get() == only);
-    return fits ? table.extract(found) : SessionTable::node_type();
+    return fits ? table.extract(found) : typename Table::node_type();
 }
 
 }  // namespace
