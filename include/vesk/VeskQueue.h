@@ -1,14 +1,10 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <mutex>
-#include <thread>
-#include <vector>
 
 #include <utils/RefBase.h>
 #include <utils/StrongPointer.h>
@@ -42,18 +38,29 @@ private:
  * A packet of priority 1 leaves at once, any other 2000 ms after its admission. A packet that needs
  * acknowledgement is then kept in a history until the peer acknowledges its serial number, a packet
  * of the same msgId is sent after it, or 2000 ms have passed; nothing is ever sent twice.
- * Acknowledgements owed to the peer leave five at a time or 500 ms after the oldest.
+ * Acknowledgements owed to the peer leave five at a time or 500 ms after the oldest. Frames that are
+ * pending with priority 1 leave before them, in the order of admission.
  *
  * Threads:   every operation may be called from any thread and from inside a callback, but for
  *            those marked "looper only". The host's sendToChannel() runs on the looper thread;
  *            while it blocks, nothing else leaves, and what was sent goes on ageing.
- * Locks:     mMutex guards everything that can change but the counters; it is never held while the
- *            facade, a topic or the host is called. Some log lines are written under it: a log sink
- *            must not call the queue.
- * Ownership: shares each frame until it is sent and, where asked for, acknowledged or expired.
+ * Locks:     mutex() guards everything that can change but the counters; it is never held while the
+ *            facade, a topic, the host or a destructor of the host's runs. Some log lines are
+ *            written under it: a log sink must not call the queue.
+ * Ownership: shares each frame until it is sent and, where asked for, acknowledged or expired. The
+ *            packet that was the last one pending when dequeuePacket() or cleanup() took it out is
+ *            the exception: the queue keeps it, and its frame, until the next admission.
+ * Channel:   every queue sends through the facade's one callback. A queue that a host makes for
+ *            itself calls sendToChannel() on its own looper thread, beside the facade's queue.
  * Limits:    1000 packets pending and 1000 awaiting acknowledgement. The packet that finds the
  *            queue full is dropped, which is logged and reported to nobody: look at size() before.
+ *            With 1000 awaiting acknowledgement nothing that needs one is sent, and what is pending
+ *            behind it waits too. A sender that keeps size() + awaitingAck() at 900 or below never
+ *            meets either bound, with room for the acknowledgement frames and for senders that
+ *            looked at the same moment.
  * Times:     milliseconds of uptime, unsigned 64-bit.
+ * fork():    a child process has no looper. There stop() and the destructor return at once; nothing
+ *            else may be called.
  */
 class VESK_EXPORT VeskQueue {
 public:
@@ -61,8 +68,9 @@ public:
      * One entry of the queue: a frame with its priority and times.
      *
      * Ownership: always held by android::sp<>. A pending entry is also held by its neighbours.
-     * Threads:   priority(), needRetransmission() and getFrame() never change. The times and links
-     *            of an entry that a queue holds belong to that queue.
+     * Threads:   priority(), needRetransmission() and getFrame() never change. The times may be read
+     *            on any thread. Those of an entry that a queue holds, pending or awaiting
+     *            acknowledgement, belong to that queue.
      */
     class VESK_EXPORT QueuedPacket : public android::RefBase {
     public:
@@ -82,14 +90,18 @@ public:
         bool needRetransmission() const { return mNeedRetransmission; }
         std::shared_ptr<VeskFrame> getFrame() const { return mFrame; }
         /** ms of uptime of construction or, later, of admission to a queue. */
-        uint64_t enqueueTime() const { return mEnqueueTime; }
+        uint64_t enqueueTime() const { return __atomic_load_n(&mEnqueueTime, __ATOMIC_RELAXED); }
         /** Always 0: nothing assigns it. */
         uint64_t enqueueOrder() const { return mEnqueueOrder; }
         /** ms of uptime of the hand-over to the channel; 0 before. */
-        uint64_t sendTime() const { return mSendTime; }
+        uint64_t sendTime() const { return __atomic_load_n(&mSendTime, __ATOMIC_RELAXED); }
 
-        void updateEnqueueTime(unsigned long long t) { mEnqueueTime = t; }
-        void updateSendTime(unsigned long long t) { mSendTime = t; }
+        void updateEnqueueTime(unsigned long long t) {
+            __atomic_store_n(&mEnqueueTime, t, __ATOMIC_RELAXED);
+        }
+        void updateSendTime(unsigned long long t) {
+            __atomic_store_n(&mSendTime, t, __ATOMIC_RELAXED);
+        }
 
         /**
          * Whether this entry is less urgent than `other`: a greater priority number; at the same
@@ -112,6 +124,8 @@ public:
         uint64_t mEnqueueOrder = 0;
         bool mNeedRetransmission;
         std::shared_ptr<VeskFrame> mFrame;
+        // The queue in whose chain the packet is pending; null where it is in none.
+        std::atomic<void const*> mHolder{nullptr};
     };
 
     /** Starts the looper thread. Throws std::system_error, and makes no queue, where it cannot. */
@@ -128,53 +142,65 @@ public:
      * queue" and "enqueue fail." are logged).
      */
     void enqueue(int priority, bool needRetransmission, std::shared_ptr<VeskFrame> frame)
-            VESK_EXCLUDES(mMutex);
+            VESK_EXCLUDES(mutex());
 
-    /** Like enqueue(), for a packet of the caller's, which no queue may hold already. */
-    void push(android::sp<QueuedPacket>& packet) VESK_EXCLUDES(mMutex);
+    /**
+     * Like enqueue(), for a packet of the caller's. One that is pending already, in this queue or in
+     * another, is refused ("enqueue fail." is logged).
+     */
+    void push(android::sp<QueuedPacket>& packet) VESK_EXCLUDES(mutex());
 
     /**
      * Puts a packet into its place, behind all of its priority, whatever the number pending, and
      * without waking the looper.
      *
      * REQUIRES: the caller holds mutex().
-     * @return false, with nothing changed, after stop() and for a packet that is null or pending.
+     * @return false, with nothing changed, after stop() and for a packet that is null or is pending
+     *         already, in this queue or in another.
      */
-    bool enqueuePacket(android::sp<QueuedPacket>& packet) VESK_REQUIRES(mMutex);
-
-    /** Takes the first pending packet; null when there is none and after stop(). */
-    android::sp<QueuedPacket> dequeuePacket() VESK_EXCLUDES(mMutex);
+    bool enqueuePacket(android::sp<QueuedPacket>& packet) VESK_REQUIRES(mutex());
 
     /**
-     * Takes one packet out of the pending ones; nothing happens to one that no queue holds.
-     * @return the packet that followed it; null when it was the last.
+     * Takes the first pending packet; null when there is none and after stop(). That packet may be
+     * the one that sendToChannel() is just writing: its send goes on, and where it needs
+     * acknowledgement that is awaited. Admitted again, it is sent again.
+     */
+    android::sp<QueuedPacket> dequeuePacket() VESK_EXCLUDES(mutex());
+
+    /**
+     * Takes one packet out of the pending ones; nothing happens to one that is not pending here. As
+     * with dequeuePacket(), it may be the one that is just being written.
+     * @return the packet that followed it; null when it was the last or was not pending here.
      */
     android::sp<QueuedPacket> removePacket(android::sp<QueuedPacket> const& packet)
-            VESK_EXCLUDES(mMutex);
+            VESK_EXCLUDES(mutex());
 
     /**
      * Gives the first pending frame that agrees in topic, business, msgId, msgType and reply the
      * data of the packet's frame. It keeps its place, times, serial number and msgId. A frame that
      * sendToChannel() is just writing still counts as pending; the new data is not written then.
+     *
+     * This writes `data` and `dataSize` of a frame that its sender shares. A host that replaces
+     * packets must therefore not read those two fields of a frame that it has handed over.
      * @return false when no pending frame agrees; the packet is not queued then.
      */
-    bool replacePacket(android::sp<QueuedPacket>& packet) VESK_EXCLUDES(mMutex);
+    bool replacePacket(android::sp<QueuedPacket>& packet) VESK_EXCLUDES(mutex());
 
     /** Number of pending packets. A packet counts until sendToChannel() has returned from it. */
-    int size() const { return mPending; }
-    bool empty() const { return mPending == 0; }
+    int size() const;
+    bool empty() const { return size() == 0; }
 
     /** Number of sent packets that await acknowledgement. */
-    size_t awaitingAck() const VESK_EXCLUDES(mMutex);
+    size_t awaitingAck() const VESK_EXCLUDES(mutex());
 
     /** Number of accepted data frames that have not been acknowledged to the peer. */
-    size_t owedAcks() const VESK_EXCLUDES(mMutex);
+    size_t owedAcks() const VESK_EXCLUDES(mutex());
 
     /**
      * Looper only: sends what is due of the packets that are pending now.
      * @param nextTime lowered to the ms until something else falls due.
      */
-    void sendPacketToNetwork(unsigned long long& nextTime) VESK_EXCLUDES(mMutex);
+    void sendPacketToNetwork(unsigned long long& nextTime) VESK_EXCLUDES(mutex());
 
     /**
      * Records a packet that is about to be sent, where it needs acknowledgement.
@@ -182,27 +208,30 @@ public:
      * REQUIRES: the caller holds mutex().
      * @return false when 1000 packets are recorded.
      */
-    bool addToHistoryList(android::sp<QueuedPacket>& packet) VESK_REQUIRES(mMutex);
+    bool addToHistoryList(android::sp<QueuedPacket>& packet) VESK_REQUIRES(mutex());
 
     /**
-     * Drops every packet that is pending or awaits acknowledgement and every acknowledgement owed,
-     * and resets the counters. The queue goes on working.
+     * Takes out every packet that is pending or awaits acknowledgement, forgets every
+     * acknowledgement owed and resets the counters. The queue goes on working. Of what was pending,
+     * the last packet is let go of at the next admission only; see "Ownership" above.
      */
-    void cleanup() VESK_EXCLUDES(mMutex);
+    void cleanup() VESK_EXCLUDES(mutex());
 
     /**
      * Takes every frame that the host has read from the channel: an acknowledgement releases what
      * it acknowledges; a data frame of the catalogue is delivered through its topic, on this
      * thread, counted and acknowledged to the peer, also when the topic is not present. Anything
-     * else, and null, is dropped. A frame received twice is delivered twice.
+     * else, and null, is dropped. A frame received twice is delivered twice. After stop(), frames
+     * are delivered and counted, but not acknowledged.
      */
-    void receiveFromChannel(std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mMutex);
+    void receiveFromChannel(std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mutex());
 
     /**
      * Applies one acknowledgement frame: entries of 2 bytes hold time in ms and 2 bytes serial
-     * number. Ignored whole when the frame's reply field is not its number of entries.
+     * number. Ignored whole when the frame's reply field is not its number of entries. Of several
+     * packets with one serial number, an entry releases the oldest.
      */
-    void receiveAckMessage(std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mMutex);
+    void receiveAckMessage(std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mutex());
 
     /**
      * Looper only: queues one frame that acknowledges everything owed; with more than 1000 owed, it
@@ -210,67 +239,30 @@ public:
      *
      * REQUIRES: the caller holds mutex().
      */
-    void ackToPeer() VESK_REQUIRES(mMutex);
+    void ackToPeer() VESK_REQUIRES(mutex());
 
-    VeskFeedback const& feedback() const { return mFeedback; }
+    VeskFeedback const& feedback() const;
 
     /** The lock that enqueuePacket(), addToHistoryList() and ackToPeer() want held. */
-    std::mutex& mutex() VESK_RETURNS_LOCK(mMutex) { return mMutex; }
+    std::mutex& mutex() const;
 
     /** Makes the looper look at the clock again: for a clock that has been moved. */
-    void wake() VESK_EXCLUDES(mMutex);
+    void wake() VESK_EXCLUDES(mutex());
 
     /** Whether the looper sleeps, with nothing left to do when it last looked at the clock. */
-    bool idle() const VESK_EXCLUDES(mMutex);
+    bool idle() const VESK_EXCLUDES(mutex());
 
     /**
      * Ends the looper: waits for a sendToChannel() that is under way, unless called from inside it.
      * What is pending is not sent any more, and admission is refused. Further calls do nothing; one
      * that comes while another waits does not wait itself.
      */
-    void stop() VESK_EXCLUDES(mMutex);
+    void stop() VESK_EXCLUDES(mutex());
 
 private:
-    using PacketList = std::list<android::sp<QueuedPacket>>;
+    struct State;
 
-    void looper();
-    bool runPass();
-    void sendOwedAcks(uint64_t now, unsigned long long& nextTime) VESK_REQUIRES(mMutex);
-    PacketList expireHistory(uint64_t now, unsigned long long& nextTime) VESK_REQUIRES(mMutex);
-    void sleep(uint64_t passStart, unsigned long long nextTime) VESK_EXCLUDES(mMutex);
-    void wakeLooper() VESK_REQUIRES(mMutex);
-
-    android::sp<QueuedPacket> nextDue(android::sp<QueuedPacket> const& from, int& budget,
-                                      uint64_t now, unsigned long long& nextTime) const
-            VESK_REQUIRES(mMutex);
-    void wakeStalled() VESK_REQUIRES(mMutex);
-    bool recordSend(android::sp<QueuedPacket>& packet, uint64_t now, unsigned long long& nextTime,
-                    std::vector<uint8_t>& bytes) VESK_REQUIRES(mMutex);
-
-    bool isChained(QueuedPacket const* packet) const VESK_REQUIRES(mMutex);
-    void insertByPriority(android::sp<QueuedPacket> const& packet) VESK_REQUIRES(mMutex);
-    void recordOwedAck(uint16_t serialNumber) VESK_EXCLUDES(mMutex);
-
-    const uint16_t mTimeout;
-    const uint64_t mMaxHistory;
-    const uint64_t mMaxQueueSize;
-    bool mRunning VESK_GUARDED_BY(mMutex);
-    VeskFeedback mFeedback;
-    std::condition_variable mCond;
-    std::thread mThread VESK_GUARDED_BY(mMutex);
-    mutable std::mutex mMutex;
-    android::sp<QueuedPacket> mHead VESK_GUARDED_BY(mMutex);
-    // Left as it is when the chain runs empty; meaningful only while mHead is not null.
-    android::sp<QueuedPacket> mTail VESK_GUARDED_BY(mMutex);
-    PacketList mWaitAckList VESK_GUARDED_BY(mMutex);
-    uint64_t mFirstAckTime VESK_GUARDED_BY(mMutex) = 0;
-    std::list<AckMessage> mAckList VESK_GUARDED_BY(mMutex);
-
-    std::atomic<int> mPending{0};                     // written under mMutex, with the chain
-    bool mWakeAsked VESK_GUARDED_BY(mMutex) = false;  // since the pass began
-    bool mAsleep VESK_GUARDED_BY(mMutex) = false;
-    bool mHistoryWasFull VESK_GUARDED_BY(mMutex) = false;  // the last pass stopped at it
-    PacketList mDropped VESK_GUARDED_BY(mMutex);           // to be let go of outside the lock
+    std::shared_ptr<State> const mState;
 };
 
 }  // namespace vesk

@@ -19,3 +19,5 @@
 #define VESK_EXCLUDES(lock) VESK_THREAD_ATTRIBUTE(locks_excluded(lock))
 /** The operation returns a reference to the lock. */
 #define VESK_RETURNS_LOCK(lock) VESK_THREAD_ATTRIBUTE(lock_returned(lock))
+/** For the body of an operation whose lock has another name inside than outside. */
+#define VESK_NO_LOCK_ANALYSIS VESK_THREAD_ATTRIBUTE(no_thread_safety_analysis)

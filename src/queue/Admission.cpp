@@ -1,7 +1,6 @@
 // Putting packets into the pending chain, taking them out and replacing their data.
 
 #include <vesk/VeskFrame.h>
-#include <vesk/VeskQueue.h>
 
 #include <quillex/SystemClock.h>
 
@@ -9,6 +8,7 @@
 
 #include "core/DebugLog.h"
 #include "queue/QueueRules.h"
+#include "queue/QueueState.h"
 
 namespace vesk {
 
@@ -21,20 +21,14 @@ bool sameMessage(VeskFrame const& a, VeskFrame const& b) {
 
 }  // namespace
 
-void VeskQueue::enqueue(int priority, bool needRetransmission, std::shared_ptr<VeskFrame> frame) {
-    if (!frame) {
-        return;
-    }
+void VeskQueue::State::enqueue(int priority, bool needRetransmission,
+                               std::shared_ptr<VeskFrame> frame) {
     debugLog(QUEUE_TAG, "enqueue:", frame->msgId, "; priority:", priority);
-    android::sp<QueuedPacket> packet =
-            new QueuedPacket(priority, needRetransmission, std::move(frame));
-    push(packet);
+    push(new QueuedPacket(priority, needRetransmission, std::move(frame)));
 }
 
-void VeskQueue::push(android::sp<QueuedPacket>& packet) {
-    if (packet == nullptr || !packet->mFrame) {
-        return;
-    }
+void VeskQueue::State::push(Packet const& packet) {
+    Packets dropped;  // released after the lock
     uint64_t pending = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -44,6 +38,7 @@ void VeskQueue::push(android::sp<QueuedPacket>& packet) {
                 debugLog(QUEUE_TAG, "enqueue fail.");
             }
             wakeLooper();
+            dropped.swap(mDropped);
             return;
         }
     }
@@ -51,92 +46,86 @@ void VeskQueue::push(android::sp<QueuedPacket>& packet) {
     debugLog(QUEUE_TAG, "oversize.", pending);
 }
 
-bool VeskQueue::enqueuePacket(android::sp<QueuedPacket>& packet) {
-    if (packet == nullptr || !packet->mFrame) {
-        return false;
-    }
+bool VeskQueue::State::enqueuePacket(Packet const& packet) {
     debugLog(QUEUE_TAG, "enqueuing packet:", packet->mFrame->msgId);
     if (!mRunning) {
         debugLog(QUEUE_TAG, "sending a packet to died queue");
         return false;
     }
-    if (isChained(packet.get())) {
-        return false;
+    void const* holder = nullptr;
+    if (!packet->mHolder.compare_exchange_strong(holder, this)) {
+        return false;  // pending already, here or in another queue
     }
     insertByPriority(packet);
     ++mPending;
-    packet->mEnqueueTime = quillex::SystemClock::uptimeMillis();
+    packet->updateEnqueueTime(quillex::SystemClock::uptimeMillis());
     return true;
 }
 
-void VeskQueue::insertByPriority(android::sp<QueuedPacket> const& packet) {
+void VeskQueue::State::insertByPriority(Packet const& packet) {
     if (mHead == nullptr) {
-        if (mTail != nullptr) mDropped.push_back(mTail);  // the stale one
+        if (mTail != nullptr) mDropped.push_back(std::move(mTail));  // the stale one
         mHead = packet;
         mTail = packet;
-    } else if (packet->mPriority < mHead->mPriority) {
-        packet->mNext = mHead;
-        mHead->mPrev = packet;
-        mHead = packet;
-    } else {
-        android::sp<QueuedPacket> before = mTail;
-        while (packet->mPriority < before->mPriority) {
-            before = before->mPrev;
-        }
-        packet->mPrev = before;
-        packet->mNext = before->mNext;
-        (before->mNext == nullptr ? mTail : before->mNext->mPrev) = packet;
-        before->mNext = packet;
+        return;
     }
+    // From both ends at once: what is urgent finds its place near the head, whatever is held back
+    // behind it, and all else near the tail.
+    QueuedPacket* after = mHead.get();
+    QueuedPacket* before = mTail.get();
+    while (after->mPriority <= packet->mPriority && packet->mPriority < before->mPriority) {
+        after = after->mNext.get();
+        before = before->mPrev.get();
+    }
+    if (after->mPriority > packet->mPriority) {
+        before = after->mPrev.get();
+    } else {
+        after = before->mNext.get();
+    }
+    packet->mPrev = before;
+    packet->mNext = after;
+    (before == nullptr ? mHead : before->mNext) = packet;
+    (after == nullptr ? mTail : after->mPrev) = packet;
 }
 
-bool VeskQueue::isChained(QueuedPacket const* packet) const {
-    return packet == mHead.get() || packet->mPrev != nullptr;
+VeskQueue::State::Packet VeskQueue::State::unlink(QueuedPacket* packet) {
+    Packet const next = std::move(packet->mNext);
+    Packet const prev = std::move(packet->mPrev);
+    Packet& fromBefore = prev == nullptr ? mHead : prev->mNext;
+    Packet self = std::move(fromBefore);
+    fromBefore = next;
+    (next == nullptr ? mTail : next->mPrev) = prev;
+    if (mSending == packet) mSending = nullptr;
+    --mPending;
+    packet->mHolder = nullptr;  // last: from here on another queue may take it
+    return self;
 }
 
-android::sp<VeskQueue::QueuedPacket> VeskQueue::dequeuePacket() {
-    PacketList dropped;  // stale tails of earlier calls; let go of after the lock
+VeskQueue::State::Packet VeskQueue::State::dequeuePacket() {
+    Packets dropped;  // stale tails of earlier calls; released after the lock
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mRunning || mHead == nullptr) {
         return nullptr;
     }
     dropped.swap(mDropped);
-    android::sp<QueuedPacket> packet = mHead;
-    mHead = packet->mNext;
-    if (mHead != nullptr) {
-        mHead->mPrev.clear();
-    }
-    packet->mNext.clear();
-    --mPending;
     wakeStalled();
-    return packet;
+    Packet first = unlink(mHead.get());
+    if (mHead == nullptr) mTail = first;
+    return first;
 }
 
-android::sp<VeskQueue::QueuedPacket> VeskQueue::removePacket(
-        android::sp<QueuedPacket> const& packet) {
-    if (packet == nullptr) {
-        return nullptr;
-    }
+VeskQueue::State::Packet VeskQueue::State::removePacket(Packet const& packet) {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (!isChained(packet.get())) {
-        // cleanup() has been quicker. The chain's ends may belong to newer packets by now.
-        return nullptr;
+    if (packet->mHolder != this) {
+        return nullptr;  // it has been taken out already, or another queue holds it
     }
-    android::sp<QueuedPacket> next = packet->mNext;
-    android::sp<QueuedPacket> const prev = packet->mPrev;
-    (prev == nullptr ? mHead : prev->mNext) = next;
-    (next == nullptr ? mTail : next->mPrev) = prev;
-    packet->mPrev.clear();
-    packet->mNext.clear();
-    --mPending;
+    Packet next = packet->mNext;
+    unlink(packet.get());
     wakeStalled();
     return next;
 }
 
-bool VeskQueue::replacePacket(android::sp<QueuedPacket>& packet) {
-    if (packet == nullptr || !packet->mFrame) {
-        return false;
-    }
+bool VeskQueue::State::replacePacket(Packet const& packet) {
     VeskFrame const& frame = *packet->mFrame;
     std::lock_guard<std::mutex> lock(mMutex);
     for (QueuedPacket* entry = mHead.get(); entry != nullptr; entry = entry->mNext.get()) {
@@ -150,16 +139,6 @@ bool VeskQueue::replacePacket(android::sp<QueuedPacket>& packet) {
         return true;
     }
     return false;
-}
-
-size_t VeskQueue::awaitingAck() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mWaitAckList.size();
-}
-
-size_t VeskQueue::owedAcks() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mAckList.size();
 }
 
 }  // namespace vesk

@@ -1,38 +1,38 @@
 // The looper thread's life, and one pass of it.
 
 #include <vesk/VeskFrame.h>
-#include <vesk/VeskQueue.h>
 
 #include <quillex/SystemClock.h>
+
+#include <unistd.h>
 
 #include <chrono>
 
 #include "core/DebugLog.h"
-#include "queue/LooperThread.h"
 #include "queue/QueueRules.h"
+#include "queue/QueueState.h"
 
 namespace vesk {
 
 using quillex::SystemClock;
 
-thread_local VeskQueue const* gLoopingQueue = nullptr;
+VeskQueue::State::State() : mProcess(getpid()) {}
 
-VeskQueue::VeskQueue() : mTimeout(2000), mMaxHistory(1000), mMaxQueueSize(1000), mRunning(true) {
-    mThread = std::thread([this] { looper(); });
+VeskQueue::State::~State() = default;
+
+void VeskQueue::State::start(std::shared_ptr<State> const& self) {
+    std::lock_guard<std::mutex> lock(self->mMutex);
+    self->mThread = std::thread([self] { self->looper(); });
 }
 
-VeskQueue::~VeskQueue() {
-    stop();
-    if (mThread.joinable()) {
-        // The last owner let go inside sendToChannel(), on the looper itself, which cannot wait for
-        // its own end. It returns into a queue that is gone and must not touch it.
-        mThread.detach();
-        gLoopingQueue = nullptr;
+bool VeskQueue::State::isForked() const {
+    return getpid() != mProcess;
+}
+
+void VeskQueue::State::stop() {
+    if (isForked()) {
+        return;  // there is no looper to wait for, and its lock may be held for ever
     }
-    cleanup();
-}
-
-void VeskQueue::stop() {
     std::thread thread;
     {
         std::lock_guard<std::mutex> lock(mMutex);
@@ -47,17 +47,23 @@ void VeskQueue::stop() {
     }
 }
 
-void VeskQueue::looper() {
-    gLoopingQueue = this;
+void VeskQueue::State::detach() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mThread.joinable()) {
+        mThread.detach();
+    }
+}
+
+void VeskQueue::State::looper() {
     while (runPass()) {
     }
 }
 
-bool VeskQueue::runPass() {
+bool VeskQueue::State::runPass() {
     unsigned long long nextTime = IDLE_WAIT_MS;
     uint64_t const now = SystemClock::uptimeMillis();
     {
-        PacketList expired;  // released after the lock
+        Packets expired;  // released after the lock
         std::lock_guard<std::mutex> lock(mMutex);
         if (!mRunning) return false;
         mWakeAsked = false;
@@ -66,39 +72,40 @@ bool VeskQueue::runPass() {
         expired = expireHistory(now, nextTime);
     }
     sendPacketToNetwork(nextTime);
-    if (gLoopingQueue != this) {
-        return false;
-    }
     sleep(now, nextTime);
     return true;
 }
 
-void VeskQueue::sendOwedAcks(uint64_t now, unsigned long long& nextTime) {
-    uint64_t const age = elapsed(now, mFirstAckTime);
-    if (mAckList.size() >= ACK_BATCH_COUNT || age >= ACK_BATCH_AGE_MS) {
+bool VeskQueue::State::acksAreDue(uint64_t now) const {
+    return mAckList.size() >= ACK_BATCH_COUNT ||
+           (!mAckList.empty() && elapsed(now, mFirstAckTime) >= ACK_BATCH_AGE_MS);
+}
+
+void VeskQueue::State::sendOwedAcks(uint64_t now, unsigned long long& nextTime) {
+    if (acksAreDue(now)) {
         ackToPeer();
     } else if (!mAckList.empty()) {
-        lowerTo(nextTime, ACK_BATCH_AGE_MS - age);
+        lowerTo(nextTime, ACK_BATCH_AGE_MS - elapsed(now, mFirstAckTime));
     }
 }
 
-VeskQueue::PacketList VeskQueue::expireHistory(uint64_t now, unsigned long long& nextTime) {
-    PacketList expired;
-    for (auto next = mWaitAckList.begin(); next != mWaitAckList.end();) {
-        auto const entry = next++;
-        uint64_t const age = elapsed(now, (*entry)->mSendTime);
-        if (age < mTimeout) {
-            lowerTo(nextTime, mTimeout - age);
-            continue;
-        }
-        debugLog(QUEUE_TAG, "send timeout:", (*entry)->mFrame->msgId);
-        expired.splice(expired.end(), mWaitAckList, entry);
+VeskQueue::State::Packets VeskQueue::State::expireHistory(uint64_t now,
+                                                          unsigned long long& nextTime) {
+    Packets expired;
+    if (mWaitAckList.size() != 0 && elapsed(now, mWaitAckList.earliestSend()) >= mTimeout) {
+        expired = mWaitAckList.takeExpired(now, mTimeout);
+    }
+    for (Packet const& packet : expired) {
+        debugLog(QUEUE_TAG, "send timeout:", packet->mFrame->msgId);
         mFeedback.updateDelay(TIMEOUT_DELAY_MS);
+    }
+    if (mWaitAckList.size() != 0) {
+        lowerTo(nextTime, mTimeout - elapsed(now, mWaitAckList.earliestSend()));
     }
     return expired;
 }
 
-void VeskQueue::sleep(uint64_t passStart, unsigned long long nextTime) {
+void VeskQueue::State::sleep(uint64_t passStart, unsigned long long nextTime) {
     std::lock_guard<std::mutex> guard(mMutex);
     // The pass has taken time itself, in the host's callback above all.
     uint64_t const spent = elapsed(SystemClock::uptimeMillis(), passStart);
@@ -112,42 +119,32 @@ void VeskQueue::sleep(uint64_t passStart, unsigned long long nextTime) {
     lock.release();  // guard unlocks
 }
 
-void VeskQueue::wakeLooper() {
+void VeskQueue::State::wakeLooper() {
     mWakeAsked = true;
-    mCond.notify_one();
+    if (mAsleep) mCond.notify_one();
 }
 
-void VeskQueue::wakeStalled() {
+void VeskQueue::State::wakeStalled() {
     if (mHistoryWasFull) {
         mHistoryWasFull = false;
         wakeLooper();
     }
 }
 
-void VeskQueue::wake() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    wakeLooper();
-}
-
-bool VeskQueue::idle() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mAsleep && !mWakeAsked;
-}
-
-void VeskQueue::cleanup() {
+void VeskQueue::State::cleanup() {
     debugLog(QUEUE_TAG, "cleanup.");
-    PacketList dropped;  // released after the lock
+    Packets pending, awaiting, dropped;  // released after the lock
     std::lock_guard<std::mutex> lock(mMutex);
+    pending.reserve(static_cast<size_t>(mPending.load()));
+    Packet const tail = mTail;
     while (mHead != nullptr) {
-        dropped.push_back(mHead);
-        mHead = dropped.back()->mNext;
-        dropped.back()->mPrev.clear();
-        dropped.back()->mNext.clear();
+        pending.push_back(unlink(mHead.get()));
     }
-    mPending = 0;
-    dropped.splice(dropped.end(), mWaitAckList);
-    dropped.splice(dropped.end(), mDropped);
+    mTail = tail;
+    awaiting = mWaitAckList.takeAll();
+    dropped.swap(mDropped);
     mAckList.clear();
+    mOwedUnrecorded = 0;
     mHistoryWasFull = false;
     mFeedback.cleanup();
 }

@@ -4,13 +4,13 @@
 
 #include <quillex/SystemClock.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "core/DebugLog.h"
+#include "frame/Acknowledgement.h"
 #include "frame/ByteOrder.h"
-#include "frame/MessageType.h"
 #include "queue/QueueRules.h"
+#include "queue/QueueState.h"
 
 namespace vesk {
 
@@ -18,8 +18,6 @@ using quillex::SystemClock;
 
 namespace {
 
-constexpr uint8_t ACK_ID = 0xAA;          // topic, business and msgId of an acknowledgement frame
-constexpr size_t ACK_ENTRY_SIZE = 2 + 2;  // hold time in ms, serial number
 constexpr size_t MAX_OWED_ACKS = 1000;
 static_assert(MAX_OWED_ACKS * ACK_ENTRY_SIZE <= UINT16_MAX, "one frame carries all that are owed");
 
@@ -40,17 +38,14 @@ std::shared_ptr<VeskFrame> makeAckFrame(size_t entries) {
 
 }  // namespace
 
-void VeskQueue::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
-    if (!frame) {
-        return;
-    }
+void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
     debugLog(QUEUE_TAG, "receiveFromChannel:", frame->serialNumber, ",msgType:", frame->msgType,
              ",msg:", frame->msgId);
     Vesk* const facade = Vesk::getInstance();
     auto const topic = facade->getTopicManager()->getTopic(frame->topicId);
     if (frame->msgType == ACKNOWLEDGEMENT) {
-        if (frame->topicId == ACK_ID && frame->businessId == ACK_ID) {
-            receiveAckMessage(std::move(frame));
+        if (isAcknowledgement(*frame)) {
+            receiveAckMessage(*frame);
         }
         return;
     }
@@ -64,7 +59,7 @@ void VeskQueue::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
     recordOwedAck(frame->serialNumber);
 }
 
-void VeskQueue::recordOwedAck(uint16_t serialNumber) {
+void VeskQueue::State::recordOwedAck(uint16_t serialNumber) {
     uint64_t const now = SystemClock::uptimeMillis();
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mRunning) {
@@ -73,36 +68,42 @@ void VeskQueue::recordOwedAck(uint16_t serialNumber) {
     if (mAckList.empty()) {
         mFirstAckTime = now;
     }
+    if (mAckList.size() > MAX_OWED_ACKS) {
+        ++mOwedUnrecorded;  // all of them will be forgotten: their number is all that counts
+        return;
+    }
     mAckList.emplace_back(now, serialNumber);
     wakeLooper();
 }
 
-void VeskQueue::receiveAckMessage(std::shared_ptr<VeskFrame> frame) {
-    if (!frame || frame->reply != frame->data.size() / ACK_ENTRY_SIZE) {
+size_t VeskQueue::State::owedAcks() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mAckList.size() + mOwedUnrecorded;
+}
+
+void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
+    if (frame.reply != frame.data.size() / ACK_ENTRY_SIZE) {
         return;
     }
-    PacketList released;  // let go of after the lock
+    Packets released;  // let go of after the lock
     std::lock_guard<std::mutex> lock(mMutex);
     uint32_t const now = low32(SystemClock::uptimeMillis());
-    for (size_t i = 0; i < frame->reply; ++i) {
-        uint8_t const* const entry = &frame->data[i * ACK_ENTRY_SIZE];
+    for (size_t i = 0; i < frame.reply; ++i) {
+        uint8_t const* const entry = &frame.data[i * ACK_ENTRY_SIZE];
         uint16_t const hold = getU16(entry);
-        uint16_t const serial = getU16(entry + 2);
-        auto const sent = std::find_if(mWaitAckList.begin(), mWaitAckList.end(),
-                                       [serial](android::sp<QueuedPacket> const& packet) {
-                                           return packet->mFrame->serialNumber == serial;
-                                       });
-        if (sent == mWaitAckList.end()) continue;
-        mFeedback.updateDelay(now - (low32((*sent)->mSendTime) + hold));
-        released.splice(released.end(), mWaitAckList, sent);
+        Packet sent = mWaitAckList.takeBySerial(getU16(entry + 2));
+        if (sent == nullptr) continue;
+        mFeedback.updateDelay(now - (low32(sent->sendTime()) + hold));
+        released.push_back(std::move(sent));
     }
     if (!released.empty()) {
         wakeStalled();
     }
 }
 
-void VeskQueue::ackToPeer() {
+void VeskQueue::State::ackToPeer() {
     size_t const owed = mAckList.size();
+    mOwedUnrecorded = 0;
     if (owed == 0 || owed > MAX_OWED_ACKS) {
         mAckList.clear();
         return;
@@ -117,9 +118,7 @@ void VeskQueue::ackToPeer() {
         debugLog(QUEUE_TAG, "ackToPeer serial:", ack.msgSerialNumb(), "; ", frame->msgId);
     }
     mAckList.clear();
-    android::sp<QueuedPacket> packet =
-            new QueuedPacket(IMMEDIATE_PRIORITY, false, std::move(frame));
-    enqueuePacket(packet);
+    enqueuePacket(new QueuedPacket(IMMEDIATE_PRIORITY, false, std::move(frame)));
 }
 
 }  // namespace vesk

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <vesk/VeskQueue.h>
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <list>
+#include <thread>
+#include <vector>
+
+#include "queue/WaitAckList.h"
+
+namespace vesk {
+
+/**
+ * What a VeskQueue consists of.
+ *
+ * Ownership: shared between the queue and its looper thread. The last owner of a queue may go on the
+ *            looper itself, in the host's callback or with a frame that is let go of; the thread
+ *            then still has the state that it works on.
+ * Locks:     mMutex is never held while the facade, a topic, the host or a destructor of the host's
+ *            runs. What has to be let go of is collected and released after the lock.
+ */
+struct VeskQueue::State {
+    using Packet = android::sp<QueuedPacket>;
+    using Packets = std::vector<Packet>;
+
+    /** One call of sendPacketToNetwork(). */
+    struct Run {
+        uint64_t const start;     // ms of uptime; counts as the time of every send in it
+        int budget = 0;           // packets that it may still send
+        bool begun = false;       // a packet has been handed over
+        bool progressed = false;  // one that is not an acknowledgement frame
+    };
+
+    State();
+    ~State();
+
+    /** Starts the looper; `self` owns this. Throws std::system_error where no thread can be made. */
+    static void start(std::shared_ptr<State> const& self);
+    void stop() VESK_EXCLUDES(mMutex);
+    /** Lets the looper run out by itself where stop() could not wait for it. */
+    void detach() VESK_EXCLUDES(mMutex);
+    /** Whether this is another process than the looper's, a child made by fork(). */
+    bool isForked() const;
+
+    // Admission
+    void enqueue(int priority, bool needRetransmission, std::shared_ptr<VeskFrame> frame)
+            VESK_EXCLUDES(mMutex);
+    void push(Packet const& packet) VESK_EXCLUDES(mMutex);
+    bool enqueuePacket(Packet const& packet) VESK_REQUIRES(mMutex);
+    Packet dequeuePacket() VESK_EXCLUDES(mMutex);
+    Packet removePacket(Packet const& packet) VESK_EXCLUDES(mMutex);
+    bool replacePacket(Packet const& packet) VESK_EXCLUDES(mMutex);
+    void insertByPriority(Packet const& packet) VESK_REQUIRES(mMutex);
+    /** Takes a packet out of the chain. @return what keeps it alive, to be released unlocked. */
+    Packet unlink(QueuedPacket* packet) VESK_REQUIRES(mMutex);
+
+    // Looper
+    void looper();
+    bool runPass() VESK_EXCLUDES(mMutex);
+    bool acksAreDue(uint64_t now) const VESK_REQUIRES(mMutex);
+    void sendOwedAcks(uint64_t now, unsigned long long& nextTime) VESK_REQUIRES(mMutex);
+    Packets expireHistory(uint64_t now, unsigned long long& nextTime) VESK_REQUIRES(mMutex);
+    void sleep(uint64_t passStart, unsigned long long nextTime) VESK_EXCLUDES(mMutex);
+    void wakeLooper() VESK_REQUIRES(mMutex);
+    void wakeStalled() VESK_REQUIRES(mMutex);
+    void cleanup() VESK_EXCLUDES(mMutex);
+
+    // Transmission
+    void sendPacketToNetwork(unsigned long long& nextTime) VESK_EXCLUDES(mMutex);
+    /** Takes out what the run has just sent and picks what it sends next; null ends the run. */
+    Packet nextDeparture(Run& run, unsigned long long& nextTime, std::vector<uint8_t>& bytes)
+            VESK_EXCLUDES(mMutex);
+    bool mustEnd(Run const& run) const VESK_REQUIRES(mMutex);
+    QueuedPacket* findDue(QueuedPacket* from, uint64_t now, unsigned long long& nextTime) const
+            VESK_REQUIRES(mMutex);
+    bool recordSend(Packet const& packet, uint64_t sendTime) VESK_REQUIRES(mMutex);
+    bool addToHistoryList(Packet const& packet, uint64_t sendTime) VESK_REQUIRES(mMutex);
+
+    // Reception
+    void receiveFromChannel(std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mMutex);
+    void receiveAckMessage(VeskFrame const& frame) VESK_EXCLUDES(mMutex);
+    void recordOwedAck(uint16_t serialNumber) VESK_EXCLUDES(mMutex);
+    size_t owedAcks() const VESK_EXCLUDES(mMutex);
+    void ackToPeer() VESK_REQUIRES(mMutex);
+
+    uint16_t const mTimeout = 2000;
+    uint64_t const mMaxHistory = 1000;
+    uint64_t const mMaxQueueSize = 1000;
+    bool mRunning VESK_GUARDED_BY(mMutex) = true;
+    VeskFeedback mFeedback;
+    std::condition_variable mCond;
+    std::thread mThread VESK_GUARDED_BY(mMutex);
+    mutable std::mutex mMutex;
+    Packet mHead VESK_GUARDED_BY(mMutex);
+    // Left as it is when the chain runs empty; meaningful only while mHead is not null.
+    Packet mTail VESK_GUARDED_BY(mMutex);
+    WaitAckList mWaitAckList VESK_GUARDED_BY(mMutex);
+    uint64_t mFirstAckTime VESK_GUARDED_BY(mMutex) = 0;
+    std::list<AckMessage> mAckList VESK_GUARDED_BY(mMutex);
+
+    pid_t const mProcess;
+    std::atomic<int> mPending{0};  // length of the chain; written under mMutex
+    // The packet that the looper is handing over, as long as that admission of it is pending.
+    QueuedPacket* mSending VESK_GUARDED_BY(mMutex) = nullptr;
+    size_t mOwedUnrecorded VESK_GUARDED_BY(mMutex) = 0;  // beyond what mAckList keeps
+    bool mWakeAsked VESK_GUARDED_BY(mMutex) = false;     // since the pass began
+    bool mAsleep VESK_GUARDED_BY(mMutex) = false;
+    bool mHistoryWasFull VESK_GUARDED_BY(mMutex) = false;  // the last pass stopped at it
+    Packets mDropped VESK_GUARDED_BY(mMutex);              // to be let go of outside the lock
+};
+
+}  // namespace vesk

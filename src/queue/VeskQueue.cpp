@@ -1,0 +1,119 @@
+// The public operations: each hands over to the state that the queue shares with its looper.
+
+#include <vesk/VeskQueue.h>
+
+#include <vesk/VeskFrame.h>
+
+#include <utility>
+
+#include "queue/QueueState.h"
+
+namespace vesk {
+
+VeskQueue::VeskQueue() : mState(std::make_shared<State>()) {
+    State::start(mState);
+}
+
+VeskQueue::~VeskQueue() {
+    if (mState->isForked()) {
+        return;  // the thread that the state is shared with does not exist here, and its locks may
+    }            // be held for ever
+    mState->stop();
+    mState->detach();
+    mState->cleanup();
+}
+
+void VeskQueue::stop() {
+    std::shared_ptr<State> const state = mState;  // the queue may go while this waits
+    state->stop();
+}
+
+void VeskQueue::enqueue(int priority, bool needRetransmission, std::shared_ptr<VeskFrame> frame) {
+    if (frame) mState->enqueue(priority, needRetransmission, std::move(frame));
+}
+
+void VeskQueue::push(android::sp<QueuedPacket>& packet) {
+    if (packet != nullptr && packet->mFrame) mState->push(packet);
+}
+
+VESK_NO_LOCK_ANALYSIS
+bool VeskQueue::enqueuePacket(android::sp<QueuedPacket>& packet) {
+    return packet != nullptr && packet->mFrame && mState->enqueuePacket(packet);
+}
+
+android::sp<VeskQueue::QueuedPacket> VeskQueue::dequeuePacket() {
+    return mState->dequeuePacket();
+}
+
+android::sp<VeskQueue::QueuedPacket> VeskQueue::removePacket(
+        android::sp<QueuedPacket> const& packet) {
+    return packet == nullptr ? nullptr : mState->removePacket(packet);
+}
+
+bool VeskQueue::replacePacket(android::sp<QueuedPacket>& packet) {
+    return packet != nullptr && packet->mFrame && mState->replacePacket(packet);
+}
+
+int VeskQueue::size() const {
+    return mState->mPending;
+}
+
+size_t VeskQueue::awaitingAck() const {
+    std::lock_guard<std::mutex> lock(mState->mMutex);
+    return mState->mWaitAckList.size();
+}
+
+size_t VeskQueue::owedAcks() const {
+    return mState->owedAcks();
+}
+
+void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
+    mState->sendPacketToNetwork(nextTime);
+}
+
+VESK_NO_LOCK_ANALYSIS
+bool VeskQueue::addToHistoryList(android::sp<QueuedPacket>& packet) {
+    return packet == nullptr || !packet->mFrame ||
+           mState->addToHistoryList(packet, packet->sendTime());
+}
+
+void VeskQueue::cleanup() {
+    mState->cleanup();
+}
+
+void VeskQueue::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
+    if (!frame) {
+        return;
+    }
+    std::shared_ptr<State> const state = mState;  // the host may let the queue go while it receives
+    state->receiveFromChannel(std::move(frame));
+}
+
+void VeskQueue::receiveAckMessage(std::shared_ptr<VeskFrame> frame) {
+    if (frame) mState->receiveAckMessage(*frame);
+}
+
+VESK_NO_LOCK_ANALYSIS
+void VeskQueue::ackToPeer() {
+    mState->ackToPeer();
+}
+
+VeskFeedback const& VeskQueue::feedback() const {
+    return mState->mFeedback;
+}
+
+std::mutex& VeskQueue::mutex() const {
+    return mState->mMutex;
+}
+
+void VeskQueue::wake() {
+    std::lock_guard<std::mutex> lock(mState->mMutex);
+    mState->wakeLooper();
+}
+
+bool VeskQueue::idle() const {
+    std::lock_guard<std::mutex> lock(mState->mMutex);
+    return mState->mAsleep && !mState->mWakeAsked;
+}
+
+}  // namespace vesk
