@@ -259,6 +259,17 @@ public:
      */
     void stop() VESK_EXCLUDES(mutex());
 
+    // What has become of the packets since the queue was made; cleanup() resets none of these.
+
+    /** Packets that the peer has acknowledged. */
+    uint64_t acknowledged() const VESK_EXCLUDES(mutex());
+    /** Packets whose acknowledgement has not come within 2000 ms. */
+    uint64_t timedOut() const VESK_EXCLUDES(mutex());
+    /** Packets that have left the wait for acknowledgement because a later one had their msgId. */
+    uint64_t superseded() const VESK_EXCLUDES(mutex());
+    /** Packets that were dropped at admission: 1000 were pending, or see enqueuePacket(). */
+    uint64_t refused() const VESK_EXCLUDES(mutex());
+
 private:
     struct State;
 

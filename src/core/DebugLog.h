@@ -2,28 +2,58 @@
 
 #include <quillex/Log.h>
 
+#include <charconv>
+#include <cstring>
 #include <string>
 #include <type_traits>
 
 namespace vesk {
 
-inline void appendLogPart(std::string& line, char const* part) {
-    line += part;
+constexpr size_t MAX_DIGITS = 20;  // of a 64-bit number, or of its sign and 19
+
+inline size_t maxLength(char const* part) {
+    return std::strlen(part);
 }
-inline void appendLogPart(std::string& line, std::string const& part) {
-    line += part;
+inline size_t maxLength(std::string const& part) {
+    return part.size();
 }
 template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
-void appendLogPart(std::string& line, Number part) {
-    line += std::to_string(part);
+constexpr size_t maxLength(Number) {
+    return MAX_DIGITS;
 }
 
-/** Writes one debug line made of texts and decimal numbers. */
+inline char* writePart(char* out, char const* part) {
+    size_t const size = std::strlen(part);
+    std::memcpy(out, part, size);
+    return out + size;
+}
+inline char* writePart(char* out, std::string const& part) {
+    std::memcpy(out, part.data(), part.size());
+    return out + part.size();
+}
+template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
+char* writePart(char* out, Number part) {
+    return std::to_chars(out, out + MAX_DIGITS, part).ptr;
+}
+
+/**
+ * Writes one debug line made of texts and decimal numbers. Every frame writes several, so a line is
+ * built on the stack; only a host's own long names can need more.
+ */
 template <typename... Parts>
 void debugLog(char const* tag, Parts const&... parts) {
-    std::string line;
-    (appendLogPart(line, parts), ...);
-    quillex::Log::d(tag, line.c_str());
+    char buffer[256];
+    std::string longLine;
+    char* const line = [&] {
+        size_t const size = (maxLength(parts) + ... + sizeof('\0'));
+        if (size <= sizeof(buffer)) return buffer;
+        longLine.resize(size);
+        return longLine.data();
+    }();
+    char* end = line;
+    ((end = writePart(end, parts)), ...);
+    *end = '\0';
+    quillex::Log::d(tag, line);
 }
 
 }  // namespace vesk

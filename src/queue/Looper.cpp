@@ -60,19 +60,18 @@ void VeskQueue::State::looper() {
 }
 
 bool VeskQueue::State::runPass() {
-    unsigned long long nextTime = IDLE_WAIT_MS;
-    uint64_t const now = SystemClock::uptimeMillis();
+    Pass pass;
     {
         Packets expired;  // released after the lock
         std::lock_guard<std::mutex> lock(mMutex);
         if (!mRunning) return false;
         mWakeAsked = false;
         mHistoryWasFull = false;
-        sendOwedAcks(now, nextTime);
-        expired = expireHistory(now, nextTime);
+        sendOwedAcks(pass);
+        expired = expireHistory(pass);
     }
-    sendPacketToNetwork(nextTime);
-    sleep(now, nextTime);
+    sendDuePackets(pass);
+    sleep(pass);
     return true;
 }
 
@@ -81,49 +80,56 @@ bool VeskQueue::State::acksAreDue(uint64_t now) const {
            (!mAckList.empty() && elapsed(now, mFirstAckTime) >= ACK_BATCH_AGE_MS);
 }
 
-void VeskQueue::State::sendOwedAcks(uint64_t now, unsigned long long& nextTime) {
-    if (acksAreDue(now)) {
+void VeskQueue::State::sendOwedAcks(Pass& pass) {
+    if (acksAreDue(pass.start)) {
         ackToPeer();
     } else if (!mAckList.empty()) {
-        lowerTo(nextTime, ACK_BATCH_AGE_MS - elapsed(now, mFirstAckTime));
+        pass.lowerWait(ACK_BATCH_AGE_MS - elapsed(pass.start, mFirstAckTime));
     }
 }
 
-VeskQueue::State::Packets VeskQueue::State::expireHistory(uint64_t now,
-                                                          unsigned long long& nextTime) {
+VeskQueue::State::Packets VeskQueue::State::expireHistory(Pass& pass) {
     Packets expired;
-    if (mWaitAckList.size() != 0 && elapsed(now, mWaitAckList.earliestSend()) >= mTimeout) {
-        expired = mWaitAckList.takeExpired(now, mTimeout);
+    // Not before the oldest may have expired: the walk would find nothing.
+    if (mWaitAckList.size() != 0 && elapsed(pass.start, mWaitAckList.earliestSend()) >= mTimeout) {
+        expired = mWaitAckList.takeExpired(pass.start, mTimeout);
     }
     for (Packet const& packet : expired) {
         debugLog(QUEUE_TAG, "send timeout:", packet->mFrame->msgId);
         mFeedback.updateDelay(TIMEOUT_DELAY_MS);
+        ++mTimedOut;
     }
     if (mWaitAckList.size() != 0) {
-        lowerTo(nextTime, mTimeout - elapsed(now, mWaitAckList.earliestSend()));
+        pass.lowerWait(mTimeout - elapsed(pass.start, mWaitAckList.earliestSend()));
     }
     return expired;
 }
 
-void VeskQueue::State::sleep(uint64_t passStart, unsigned long long nextTime) {
+void VeskQueue::State::sleep(Pass const& pass) {
+    // The guard is what clang's analysis can follow; the condition variable wants a unique_lock. So
+    // that adopts the guard's lock for the wait and gives it back by release().
     std::lock_guard<std::mutex> guard(mMutex);
     // The pass has taken time itself, in the host's callback above all.
-    uint64_t const spent = elapsed(SystemClock::uptimeMillis(), passStart);
-    if (!mRunning || mWakeAsked || spent >= nextTime) {
+    uint64_t const spent = elapsed(SystemClock::uptimeMillis(), pass.start);
+    if (!mRunning || mWakeAsked || spent >= pass.wait) {
         return;
     }
     std::unique_lock<std::mutex> lock(mMutex, std::adopt_lock);
     mAsleep = true;
-    mCond.wait_for(lock, std::chrono::milliseconds(nextTime - spent));
+    mCond.wait_for(lock, std::chrono::milliseconds(pass.wait - spent));
     mAsleep = false;
-    lock.release();  // guard unlocks
+    lock.release();
 }
 
+// A looper that is awake looks at mWakeAsked before it sleeps: to notify it would be a system call
+// for nothing.
 void VeskQueue::State::wakeLooper() {
     mWakeAsked = true;
     if (mAsleep) mCond.notify_one();
 }
 
+// A full history has ended the last pass, and nothing falls due that would begin another. Whoever
+// makes room in it, or takes away the packet that stood in front of the others, does.
 void VeskQueue::State::wakeStalled() {
     if (mHistoryWasFull) {
         mHistoryWasFull = false;

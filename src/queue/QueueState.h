@@ -2,13 +2,16 @@
 
 #include <vesk/VeskQueue.h>
 
+#include <quillex/SystemClock.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <list>
 #include <thread>
 #include <vector>
 
+#include "queue/QueueRules.h"
 #include "queue/WaitAckList.h"
 
 namespace vesk {
@@ -26,12 +29,16 @@ struct VeskQueue::State {
     using Packet = android::sp<QueuedPacket>;
     using Packets = std::vector<Packet>;
 
-    /** One call of sendPacketToNetwork(). */
-    struct Run {
-        uint64_t const start;     // ms of uptime; counts as the time of every send in it
-        int budget = 0;           // packets that it may still send
-        bool begun = false;       // a packet has been handed over
-        bool progressed = false;  // one that is not an acknowledgement frame
+    /** One pass of the looper, and the one walk through the pending chain in it. */
+    struct Pass {
+        uint64_t const start = quillex::SystemClock::uptimeMillis();
+        unsigned long long wait = IDLE_WAIT_MS;  // ms from the start until something falls due
+        uint64_t sendTime = 0;                   // of every packet that is sent in it
+        int budget = 0;                          // packets that it may still send
+        bool hasSent = false;
+        bool hasSentData = false;  // something that is not an acknowledgement frame
+
+        void lowerWait(uint64_t other) { wait = std::min<unsigned long long>(wait, other); }
     };
 
     State();
@@ -61,22 +68,20 @@ struct VeskQueue::State {
     void looper();
     bool runPass() VESK_EXCLUDES(mMutex);
     bool acksAreDue(uint64_t now) const VESK_REQUIRES(mMutex);
-    void sendOwedAcks(uint64_t now, unsigned long long& nextTime) VESK_REQUIRES(mMutex);
-    Packets expireHistory(uint64_t now, unsigned long long& nextTime) VESK_REQUIRES(mMutex);
-    void sleep(uint64_t passStart, unsigned long long nextTime) VESK_EXCLUDES(mMutex);
+    void sendOwedAcks(Pass& pass) VESK_REQUIRES(mMutex);
+    Packets expireHistory(Pass& pass) VESK_REQUIRES(mMutex);
+    void sleep(Pass const& pass) VESK_EXCLUDES(mMutex);
     void wakeLooper() VESK_REQUIRES(mMutex);
     void wakeStalled() VESK_REQUIRES(mMutex);
     void cleanup() VESK_EXCLUDES(mMutex);
 
     // Transmission
-    void sendPacketToNetwork(unsigned long long& nextTime) VESK_EXCLUDES(mMutex);
-    /** Takes out what the run has just sent and picks what it sends next; null ends the run. */
-    Packet nextDeparture(Run& run, unsigned long long& nextTime, std::vector<uint8_t>& bytes)
-            VESK_EXCLUDES(mMutex);
-    bool mustEnd(Run const& run) const VESK_REQUIRES(mMutex);
-    QueuedPacket* findDue(QueuedPacket* from, uint64_t now, unsigned long long& nextTime) const
-            VESK_REQUIRES(mMutex);
-    bool recordSend(Packet const& packet, uint64_t sendTime) VESK_REQUIRES(mMutex);
+    void sendDuePackets(Pass& pass) VESK_EXCLUDES(mMutex);
+    /** Takes out what the pass has just sent and picks what it sends next; null ends the walk. */
+    Packet nextDeparture(Pass& pass, std::vector<uint8_t>& bytes) VESK_EXCLUDES(mMutex);
+    QueuedPacket* placeInChain(Pass& pass) VESK_REQUIRES(mMutex);
+    bool mustEnd(Pass const& pass) const VESK_REQUIRES(mMutex);
+    Packet findDue(QueuedPacket* from, Pass& pass) const VESK_REQUIRES(mMutex);
     bool addToHistoryList(Packet const& packet, uint64_t sendTime) VESK_REQUIRES(mMutex);
 
     // Reception
@@ -86,9 +91,9 @@ struct VeskQueue::State {
     size_t owedAcks() const VESK_EXCLUDES(mMutex);
     void ackToPeer() VESK_REQUIRES(mMutex);
 
-    uint16_t const mTimeout = 2000;
-    uint64_t const mMaxHistory = 1000;
-    uint64_t const mMaxQueueSize = 1000;
+    uint16_t const mTimeout = ACK_TIMEOUT_MS;
+    uint64_t const mMaxHistory = MAX_AWAITING_ACK;
+    uint64_t const mMaxQueueSize = MAX_PENDING;
     bool mRunning VESK_GUARDED_BY(mMutex) = true;
     VeskFeedback mFeedback;
     std::condition_variable mCond;
@@ -110,6 +115,12 @@ struct VeskQueue::State {
     bool mAsleep VESK_GUARDED_BY(mMutex) = false;
     bool mHistoryWasFull VESK_GUARDED_BY(mMutex) = false;  // the last pass stopped at it
     Packets mDropped VESK_GUARDED_BY(mMutex);              // to be let go of outside the lock
+
+    // Since the construction.
+    uint64_t mAcknowledged VESK_GUARDED_BY(mMutex) = 0;
+    uint64_t mTimedOut VESK_GUARDED_BY(mMutex) = 0;
+    uint64_t mSuperseded VESK_GUARDED_BY(mMutex) = 0;
+    uint64_t mRefused VESK_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace vesk

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "core/DebugLog.h"
-#include "frame/Acknowledgement.h"
 #include "frame/ByteOrder.h"
 #include "queue/QueueRules.h"
 #include "queue/QueueState.h"
@@ -18,8 +17,10 @@ using quillex::SystemClock;
 
 namespace {
 
-constexpr size_t MAX_OWED_ACKS = 1000;
-static_assert(MAX_OWED_ACKS * ACK_ENTRY_SIZE <= UINT16_MAX, "one frame carries all that are owed");
+bool isAcknowledgement(VeskFrame const& frame) {
+    return frame.msgType == ACKNOWLEDGEMENT && frame.topicId == ACK_ID &&
+           frame.businessId == ACK_ID;
+}
 
 uint32_t low32(uint64_t time) {
     return static_cast<uint32_t>(time);
@@ -42,6 +43,7 @@ void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
     debugLog(QUEUE_TAG, "receiveFromChannel:", frame->serialNumber, ",msgType:", frame->msgType,
              ",msg:", frame->msgId);
     Vesk* const facade = Vesk::getInstance();
+    // Held from here on: a topic that is removed meanwhile still gets its frame.
     auto const topic = facade->getTopicManager()->getTopic(frame->topicId);
     if (frame->msgType == ACKNOWLEDGEMENT) {
         if (isAcknowledgement(*frame)) {
@@ -96,6 +98,7 @@ void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
         mFeedback.updateDelay(now - (low32(sent->sendTime()) + hold));
         released.push_back(std::move(sent));
     }
+    mAcknowledged += released.size();
     if (!released.empty()) {
         wakeStalled();
     }

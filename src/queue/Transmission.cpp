@@ -7,90 +7,93 @@
 #include <utility>
 
 #include "core/DebugLog.h"
-#include "frame/Acknowledgement.h"
 #include "queue/QueueRules.h"
 #include "queue/QueueState.h"
 
 namespace vesk {
 
-void VeskQueue::State::sendPacketToNetwork(unsigned long long& nextTime) {
-    Run run{quillex::SystemClock::uptimeMillis()};
+void VeskQueue::State::sendDuePackets(Pass& pass) {
+    pass.sendTime = quillex::SystemClock::uptimeMillis();
     std::vector<uint8_t> bytes;
-    Packet packet = nextDeparture(run, nextTime, bytes);
+    Packet packet = nextDeparture(pass, bytes);
     while (packet != nullptr) {
         VeskFrame const& frame = *packet->mFrame;
         debugLog(QUEUE_TAG, "sendToChannel:", frame.msgId, "; serial:", frame.serialNumber,
                  ";size:", bytes.size());
+        // The host may do anything in there: take this packet out, admit it again, stop the queue,
+        // let its last owner go. Nothing that was known before is taken for true behind it.
         Vesk::getInstance()->sendToChannel(std::move(bytes));
         mFeedback.sendPackets(1);
-        packet = nextDeparture(run, nextTime, bytes);
+        packet = nextDeparture(pass, bytes);
     }
 }
 
-VeskQueue::State::Packet VeskQueue::State::nextDeparture(Run& run, unsigned long long& nextTime,
-                                                         std::vector<uint8_t>& bytes) {
+VeskQueue::State::Packet VeskQueue::State::nextDeparture(Pass& pass, std::vector<uint8_t>& bytes) {
     Packets dropped;  // released after the lock
     std::lock_guard<std::mutex> lock(mMutex);
     dropped.swap(mDropped);
-    QueuedPacket* from = mHead.get();
-    if (!run.begun) {
-        run.budget = mPending;
-    } else if (mSending == nullptr) {
-        // Someone else has taken it out meanwhile, and with it the place in the chain: look again.
-        if (from != nullptr) nextTime = 0;
+    Packet due = findDue(placeInChain(pass), pass);
+    if (due == nullptr) {
         return nullptr;
-    } else {
-        from = mSending->mNext.get();
-        unlink(mSending);  // the caller holds it
-        if (from != nullptr && mustEnd(run)) {
-            nextTime = 0;
-            return nullptr;
-        }
     }
-    Packet due = findDue(from, run.start, nextTime);
-    if (due == nullptr || !recordSend(due, run.start)) {
+    if (!addToHistoryList(due, pass.sendTime)) {
+        // It stays first in line, and everything behind it waits too, owed acknowledgements
+        // included: they are pending packets like all others.
+        debugLog(QUEUE_TAG, "history is oversize");
+        mHistoryWasFull = true;
         return nullptr;
     }
     // All in one step with the record: the acknowledgement may come back from inside the callback,
     // and replacePacket() may want the frame at any time.
+    due->updateSendTime(pass.sendTime);
     due->mFrame->serialze(bytes);
-    if (due->mNeedRetransmission) lowerTo(nextTime, mTimeout);
+    if (due->mNeedRetransmission) pass.lowerWait(mTimeout);
     mSending = due.get();
-    --run.budget;
-    run.begun = true;
-    run.progressed |= !isAcknowledgement(*due->mFrame);
+    --pass.budget;
+    pass.hasSent = true;
+    pass.hasSentData |= due->mFrame->msgType != ACKNOWLEDGEMENT;
     return due;
 }
 
-// Owed acknowledgements and expiries must get their turn under unbroken sending: a run sends no
-// more packets than were pending when it began, and for no longer than acknowledgements may wait. It
-// ends as soon as acknowledgements are due, but not before something else than these has left.
-bool VeskQueue::State::mustEnd(Run const& run) const {
-    uint64_t const now = quillex::SystemClock::uptimeMillis();
-    return run.budget <= 0 || elapsed(now, run.start) >= ACK_BATCH_AGE_MS ||
-           (run.progressed && acksAreDue(now));
+/** Where the walk goes on; null where it ends. What has been sent leaves the chain here. */
+VeskQueue::QueuedPacket* VeskQueue::State::placeInChain(Pass& pass) {
+    if (!pass.hasSent) {
+        pass.budget = mPending;
+        return mHead.get();
+    }
+    if (mSending == nullptr) {
+        // Someone else has taken it out meanwhile, and with it the place: another pass looks again.
+        if (mHead != nullptr) pass.wait = 0;
+        return nullptr;
+    }
+    QueuedPacket* const next = mSending->mNext.get();
+    unlink(mSending);  // the caller holds it
+    if (next != nullptr && mustEnd(pass)) {
+        pass.wait = 0;
+        return nullptr;
+    }
+    return next;
 }
 
-VeskQueue::QueuedPacket* VeskQueue::State::findDue(QueuedPacket* from, uint64_t now,
-                                                   unsigned long long& nextTime) const {
+// Owed acknowledgements and expiries must get their turn under unbroken sending: a pass sends no
+// more packets than were pending when it began, and for no longer than acknowledgements may wait. It
+// ends as soon as acknowledgements are due, but not before something else than these has left: a
+// peer that sends without pause could hold back everything else.
+bool VeskQueue::State::mustEnd(Pass const& pass) const {
+    uint64_t const now = quillex::SystemClock::uptimeMillis();
+    return pass.budget <= 0 || elapsed(now, pass.sendTime) >= ACK_BATCH_AGE_MS ||
+           (pass.hasSentData && acksAreDue(now));
+}
+
+VeskQueue::State::Packet VeskQueue::State::findDue(QueuedPacket* from, Pass& pass) const {
     for (QueuedPacket* entry = from; entry != nullptr && mRunning; entry = entry->mNext.get()) {
-        uint64_t const age = elapsed(now, entry->enqueueTime());
+        uint64_t const age = elapsed(pass.sendTime, entry->enqueueTime());
         if (entry->mPriority == IMMEDIATE_PRIORITY || age >= mTimeout) {
             return entry;
         }
-        lowerTo(nextTime, mTimeout - age);
+        pass.lowerWait(mTimeout - age);
     }
     return nullptr;
-}
-
-bool VeskQueue::State::recordSend(Packet const& packet, uint64_t sendTime) {
-    if (!addToHistoryList(packet, sendTime)) {
-        debugLog(QUEUE_TAG, "history is oversize");
-        mHistoryWasFull = true;
-        return false;
-    }
-    packet->updateSendTime(sendTime);
-    return true;
 }
 
 bool VeskQueue::State::addToHistoryList(Packet const& packet, uint64_t sendTime) {
@@ -100,6 +103,7 @@ bool VeskQueue::State::addToHistoryList(Packet const& packet, uint64_t sendTime)
     VeskFrame const& frame = *packet->mFrame;
     if (Packet superseded = mWaitAckList.takeByMsgId(frame.msgId); superseded != nullptr) {
         mDropped.push_back(std::move(superseded));
+        ++mSuperseded;
     }
     if (mWaitAckList.size() >= mMaxHistory) {
         return false;

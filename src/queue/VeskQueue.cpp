@@ -68,7 +68,10 @@ size_t VeskQueue::owedAcks() const {
 }
 
 void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
-    mState->sendPacketToNetwork(nextTime);
+    State::Pass pass;
+    pass.wait = nextTime;
+    mState->sendDuePackets(pass);
+    nextTime = pass.wait;
 }
 
 VESK_NO_LOCK_ANALYSIS
@@ -104,6 +107,26 @@ VeskFeedback const& VeskQueue::feedback() const {
 
 std::mutex& VeskQueue::mutex() const {
     return mState->mMutex;
+}
+
+uint64_t VeskQueue::acknowledged() const {
+    std::lock_guard<std::mutex> lock(mState->mMutex);
+    return mState->mAcknowledged;
+}
+
+uint64_t VeskQueue::timedOut() const {
+    std::lock_guard<std::mutex> lock(mState->mMutex);
+    return mState->mTimedOut;
+}
+
+uint64_t VeskQueue::superseded() const {
+    std::lock_guard<std::mutex> lock(mState->mMutex);
+    return mState->mSuperseded;
+}
+
+uint64_t VeskQueue::refused() const {
+    std::lock_guard<std::mutex> lock(mState->mMutex);
+    return mState->mRefused;
 }
 
 void VeskQueue::wake() {

@@ -3,11 +3,11 @@
 #include <utility>
 
 #include <vesk/VeskFrame.h>
+#include <vesk/VeskProtocol.h>
 #include <vesk/VeskQueue.h>
 #include <vesk/VeskSession.h>
 
 #include "core/DebugLog.h"
-#include "frame/MessageType.h"
 
 namespace vesk {
 

@@ -100,7 +100,7 @@ TEST_F(LooperTest, PacketDroppedJustBeforeItsSendIsNotSent) {
                 losses = static_cast<uint16_t>(now ? left - 1 : left);
                 return ShiftedClock::START;
             });
-    losses = 3;
+    losses = 2;
     queue->wake();
     ASSERT_TRUE(eventually([&] { return losses == 0 && queue->empty(); }));
     rest();

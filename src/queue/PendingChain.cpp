@@ -36,11 +36,13 @@ void VeskQueue::State::push(Packet const& packet) {
         if (pending < mMaxQueueSize) {
             if (!enqueuePacket(packet)) {
                 debugLog(QUEUE_TAG, "enqueue fail.");
+                ++mRefused;
             }
             wakeLooper();
             dropped.swap(mDropped);
             return;
         }
+        ++mRefused;
     }
     // Outside the lock: under overload every producer comes through here.
     debugLog(QUEUE_TAG, "oversize.", pending);
