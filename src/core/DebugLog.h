@@ -11,8 +11,9 @@ namespace vesk {
 
 constexpr size_t MAX_DIGITS = 20;  // of a 64-bit number, or of its sign and 19
 
-inline size_t maxLength(char const* part) {
-    return std::strlen(part);
+template <size_t SIZE>
+constexpr size_t maxLength(char const (&)[SIZE]) {
+    return SIZE - 1;
 }
 inline size_t maxLength(std::string const& part) {
     return part.size();
@@ -22,10 +23,10 @@ constexpr size_t maxLength(Number) {
     return MAX_DIGITS;
 }
 
-inline char* writePart(char* out, char const* part) {
-    size_t const size = std::strlen(part);
-    std::memcpy(out, part, size);
-    return out + size;
+template <size_t SIZE>
+char* writePart(char* out, char const (&part)[SIZE]) {  // a literal
+    std::memcpy(out, part, SIZE - 1);
+    return out + SIZE - 1;
 }
 inline char* writePart(char* out, std::string const& part) {
     std::memcpy(out, part.data(), part.size());

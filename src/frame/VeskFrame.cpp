@@ -1,7 +1,5 @@
 #include <vesk/VeskFrame.h>
 
-#include <algorithm>
-
 #include "frame/ByteOrder.h"
 
 namespace vesk {
@@ -29,7 +27,8 @@ std::shared_ptr<VeskFrame> VeskFrame::obtainFrame(bool const& withSerial) {
 }
 
 void VeskFrame::serialze(std::vector<uint8_t>& out) const {
-    out.resize(FRAME_HEAD_SIZE + data.size());
+    out.reserve(FRAME_HEAD_SIZE + data.size());
+    out.resize(FRAME_HEAD_SIZE);
     out[MAGIC_INDEX] = magic;
     putU16(&out[DATASIZE_INDEX], static_cast<uint16_t>(data.size()));
     out[TOPICID_INDEX] = topicId;
@@ -38,7 +37,7 @@ void VeskFrame::serialze(std::vector<uint8_t>& out) const {
     putU16(&out[REPLY_INDEX], reply);
     putU16(&out[SERIALNUMB_INDEX], serialNumber);
     putU16(&out[MSGID_INDEX], msgId);
-    std::copy(data.begin(), data.end(), out.begin() + DATA_INDEX);
+    out.insert(out.end(), data.begin(), data.end());
 }
 
 bool VeskFrame::unSerialze(std::vector<uint8_t> const& in) {

@@ -84,19 +84,23 @@ void VeskQueue::State::insertByPriority(Packet const& packet) {
     } else {
         after = before->mNext.get();
     }
-    packet->mPrev = before;
-    packet->mNext = after;
-    (before == nullptr ? mHead : before->mNext) = packet;
-    (after == nullptr ? mTail : after->mPrev) = packet;
+    // The neighbours' references to each other become the packet's own: none is counted anew.
+    Packet& fromBefore = before == nullptr ? mHead : before->mNext;
+    Packet& fromAfter = after == nullptr ? mTail : after->mPrev;
+    packet->mNext = std::move(fromBefore);
+    packet->mPrev = std::move(fromAfter);
+    fromBefore = packet;
+    fromAfter = packet;
 }
 
 VeskQueue::State::Packet VeskQueue::State::unlink(QueuedPacket* packet) {
-    Packet const next = std::move(packet->mNext);
-    Packet const prev = std::move(packet->mPrev);
+    QueuedPacket* const prev = packet->mPrev.get();
+    QueuedPacket* const next = packet->mNext.get();
     Packet& fromBefore = prev == nullptr ? mHead : prev->mNext;
+    Packet& fromAfter = next == nullptr ? mTail : next->mPrev;
     Packet self = std::move(fromBefore);
-    fromBefore = next;
-    (next == nullptr ? mTail : next->mPrev) = prev;
+    fromBefore = std::move(packet->mNext);
+    fromAfter = std::move(packet->mPrev);
     if (mSending == packet) mSending = nullptr;
     --mPending;
     packet->mHolder = nullptr;  // last: from here on another queue may take it

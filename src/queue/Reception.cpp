@@ -4,6 +4,7 @@
 
 #include <quillex/SystemClock.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "core/DebugLog.h"
@@ -75,7 +76,8 @@ void VeskQueue::State::recordOwedAck(uint16_t serialNumber) {
         return;
     }
     mAckList.emplace_back(now, serialNumber);
-    wakeLooper();
+    // The first one sets a deadline, the fifth is one; those between change nothing for the looper.
+    if (mAckList.size() == 1 || mAckList.size() >= ACK_BATCH_COUNT) wakeLooper();
 }
 
 size_t VeskQueue::State::owedAcks() const {
@@ -89,6 +91,7 @@ void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
     }
     Packets released;  // let go of after the lock
     std::lock_guard<std::mutex> lock(mMutex);
+    released.reserve(std::min<size_t>(frame.reply, mWaitAckList.size()));
     uint32_t const now = low32(SystemClock::uptimeMillis());
     for (size_t i = 0; i < frame.reply; ++i) {
         uint8_t const* const entry = &frame.data[i * ACK_ENTRY_SIZE];

@@ -3,37 +3,45 @@
 #include <vesk/VeskFrame.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "queue/QueueRules.h"
 
 namespace vesk {
 
+namespace {
+constexpr size_t MAX_SPARE = 64;
+}
+
 void WaitAckList::append(Packet const& packet, VeskFrame const& frame, uint64_t sendTime) {
     mEarliestSend = mEntries.empty() ? sendTime : std::min(mEarliestSend, sendTime);
-    auto const entry = mEntries.insert(mEntries.end(), {packet, {}, {}});
-    entry->bySerial = mBySerial.emplace(frame.serialNumber, entry);
-    entry->byMsgId = mByMsgId.emplace(frame.msgId, entry);
+    if (mSpare.empty()) mSpare.emplace_back();
+    mEntries.splice(mEntries.end(), mSpare, mSpare.begin());
+    Entry& entry = mEntries.back();
+    entry.packet = packet;
+    entry.place = std::prev(mEntries.end());
+    mBySerial.append(entry.serial, entry, frame.serialNumber);
+    mByMsgId.append(entry.msgId, entry, frame.msgId);
 }
 
 WaitAckList::Packet WaitAckList::takeBySerial(uint16_t serialNumber) {
-    return takeFirst(mBySerial, serialNumber);
+    return take(mBySerial.oldest(serialNumber));
 }
 
 WaitAckList::Packet WaitAckList::takeByMsgId(uint16_t msgId) {
-    return takeFirst(mByMsgId, msgId);
+    return take(mByMsgId.oldest(msgId));
 }
 
-WaitAckList::Packet WaitAckList::takeFirst(Index const& index, uint16_t key) {
-    auto const found = index.lower_bound(key);  // find() may give any of equal keys
-    return found == index.end() || found->first != key ? nullptr : take(found->second);
-}
-
-WaitAckList::Packet WaitAckList::take(Entries::iterator entry) {
+WaitAckList::Packet WaitAckList::take(Entry* entry) {
+    if (entry == nullptr) {
+        return nullptr;
+    }
     Packet packet = std::move(entry->packet);
-    mBySerial.erase(entry->bySerial);
-    mByMsgId.erase(entry->byMsgId);
-    mEntries.erase(entry);
+    mBySerial.remove(entry->serial);
+    mByMsgId.remove(entry->msgId);
+    mSpare.splice(mSpare.begin(), mEntries, entry->place);
+    if (mSpare.size() > MAX_SPARE) mSpare.pop_back();
     return packet;
 }
 
@@ -41,10 +49,10 @@ WaitAckList::Packets WaitAckList::takeExpired(uint64_t now, uint64_t timeout) {
     Packets expired;
     uint64_t earliest = UINT64_MAX;
     for (auto next = mEntries.begin(); next != mEntries.end();) {
-        auto const entry = next++;
-        uint64_t const sendTime = entry->packet->sendTime();
+        Entry& entry = *next++;
+        uint64_t const sendTime = entry.packet->sendTime();
         if (elapsed(now, sendTime) >= timeout) {
-            expired.push_back(take(entry));
+            expired.push_back(take(&entry));
         } else {
             earliest = std::min(earliest, sendTime);
         }
@@ -56,12 +64,9 @@ WaitAckList::Packets WaitAckList::takeExpired(uint64_t now, uint64_t timeout) {
 WaitAckList::Packets WaitAckList::takeAll() {
     Packets all;
     all.reserve(mEntries.size());
-    for (Entry& entry : mEntries) {
-        all.push_back(std::move(entry.packet));
+    while (!mEntries.empty()) {
+        all.push_back(take(&mEntries.front()));
     }
-    mBySerial.clear();
-    mByMsgId.clear();
-    mEntries.clear();
     return all;
 }
 

@@ -3,8 +3,9 @@
 #include <vesk/VeskQueue.h>
 
 #include <list>
-#include <map>
 #include <vector>
+
+#include "queue/KeyIndex.h"
 
 namespace vesk {
 
@@ -45,21 +46,20 @@ public:
     Packets takeAll();
 
 private:
-    struct Entry;
-    using Entries = std::list<Entry>;
-    using Index = std::multimap<uint16_t, Entries::iterator>;  // equal keys in order of insertion
     struct Entry {
         Packet packet;
-        Index::iterator bySerial;
-        Index::iterator byMsgId;
+        std::list<Entry>::iterator place;
+        KeyIndex<Entry>::Hook serial;
+        KeyIndex<Entry>::Hook msgId;
     };
+    using Entries = std::list<Entry>;
 
-    Packet takeFirst(Index const& index, uint16_t key);
-    Packet take(Entries::iterator entry);
+    Packet take(Entry* entry);
 
     Entries mEntries;
-    Index mBySerial;
-    Index mByMsgId;
+    Entries mSpare;  // used again, for every frame that is sent needs one
+    KeyIndex<Entry> mBySerial;
+    KeyIndex<Entry> mByMsgId;
     uint64_t mEarliestSend = 0;
 };
 
