@@ -13,6 +13,7 @@ std::shared_ptr<VeskFrame> message(uint8_t type, uint16_t session, std::string c
     frame->businessId = 1;  // and its one business
     frame->msgType = type;  // 2: request to the provider, 3: reply
     frame->reply = session;
+    frame->msgId = frame->serialNumber;  // a later frame with the same id would supersede it
     frame->data.assign(text.begin(), text.end());
     return frame;
 }

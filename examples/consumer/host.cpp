@@ -20,9 +20,10 @@ int main() {
     auto* const sessions = vesk->getSessionManager();
     auto const provider = sessions->createSession(7, 2, "test", "test", false);
     auto const request = vesk::VeskFrame::obtainFrame(true);
-    request->topicId = 2;     // "test" in the catalogue
-    request->businessId = 1;  // and its one business
-    request->msgType = 2;     // to the business's provider
+    request->topicId = 2;                    // "test" in the catalogue
+    request->businessId = 1;                 // and its one business
+    request->msgType = 2;                    // to the business's provider
+    request->msgId = request->serialNumber;  // no other that awaits acknowledgement has it
     request->data = {'h', 'e', 'l', 'l', 'o'};
     sessions->getSession(uint16_t(provider))->send(true, request, 1);  // true: to this process
 }

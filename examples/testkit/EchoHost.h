@@ -25,6 +25,7 @@ public:
         reply->businessId = request->businessId;
         reply->msgType = 3;
         reply->reply = request->reply;
+        reply->msgId = reply->serialNumber;
         reply->data = request->data;
         me->send(local, reply, 1);
     }

@@ -24,8 +24,9 @@ namespace vesk {
  *         12      -  data
  *
  * Ownership: always held by std::shared_ptr. A frame handed to the library is shared with it.
- * Threads:   a frame has no lock. One thread fills it and hands it on; from then on it is not
- *            changed. Only obtainFrame() may be called from several threads at once.
+ * Threads:   a frame has no lock. One thread fills it and hands it on; from then on nobody changes
+ *            it, but for VeskQueue::replacePacket(). Only obtainFrame() may be called from several
+ *            threads at once.
  */
 class VESK_EXPORT VeskFrame : public std::enable_shared_from_this<VeskFrame> {
 public:
@@ -81,6 +82,11 @@ public:
     uint8_t msgType = 0;  // 1 acknowledgement, 2 request to a provider, 3 reply to a consumer
     uint16_t reply = 0;   // type 2: the asking session; type 3: the addressed session
     uint16_t serialNumber = 0;
+    // Of the sender's choice; a reply commonly carries its request's. A frame that is sent takes an
+    // earlier one with the same msgId out of the wait for acknowledgement, whatever their sessions:
+    // the earlier one is then neither acknowledged nor reported as timed out. So give every frame
+    // an id that no other in this process has which may still await acknowledgement (2000 ms);
+    // frame->msgId = frame->serialNumber does that for frames of obtainFrame(true).
     uint16_t msgId = 0;
     std::vector<uint8_t> data;
 
