@@ -54,6 +54,13 @@ TEST(LinkTest, EveryFaultComesAsOftenAsAskedAndAlone) {
     EXPECT_EQ(through({0, 0, 0, 1000}), (Arrived{1000, 0, 674, 20, 1, 200}));
     EXPECT_EQ(through({1000, 1000, 1000, 1000, 7}, true), (Arrived{1000, 0, 0, 7, 1, 200}));
 
+    Random random(1);
+    FaultyLink link(random, {0, 0, 1000, 0, 0});
+    for (int n = 0; n < 5000; ++n)
+        link.write(0, {'x'});  // so short that one change may undo another
+    for (Bytes const& chunk : link.read(0))
+        EXPECT_EQ(std::count(chunk.begin(), chunk.end(), 'x'), 0);
+
     Random script({0, 0, 0, 1, 3, 231, 1, 2}), seed(7);
     EXPECT_TRUE(script.chance(1) && !script.chance(1) && !script.chance(999));
     EXPECT_EQ(script.below(1) + script.between(5, 260), 6U);  // no byte and one
