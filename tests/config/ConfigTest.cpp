@@ -17,8 +17,8 @@ std::vector<std::vector<std::string>> const CATALOGUE{
 TEST(ConfigTest, CatalogueIsFoundByIdAndByName) {
     VeskConfig const config;
     auto const idOf = [](std::string const& name, int id) { return name.empty() ? -1 : id; };
-    for (uint16_t topic = 0; topic < CATALOGUE.size(); ++topic) {
-        auto const& names = CATALOGUE[topic];
+    uint16_t topic = 0;
+    for (auto const& names : CATALOGUE) {
         EXPECT_EQ(config.isTopicSupport(topic), !names[0].empty()) << topic;
         EXPECT_EQ(config.getTopicIdByName(names[0]), idOf(names[0], topic));
         EXPECT_EQ(config.getTopicIdById(topic) + config.getTopicIdById(topic + 65536), names[0]);
@@ -31,6 +31,7 @@ TEST(ConfigTest, CatalogueIsFoundByIdAndByName) {
                 EXPECT_EQ(config.getBussinessIdByName(cut, name), idOf(name, id));
             }
         }
+        ++topic;
     }
     EXPECT_EQ(config.getTopicIdByName("tes") + config.getTopicIdByName("test "), -2);
 }

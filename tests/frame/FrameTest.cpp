@@ -21,11 +21,12 @@ TEST(FrameTest, SerialNumbersBeginAtZeroAndAreUsedOnceInACycle) {
     auto const next = static_cast<uint16_t>(serial(true) + 1);
     std::vector<std::atomic<int>> taken(65536);
     std::vector<std::thread> threads(4);
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread = std::thread([&taken] {
             for (size_t n = 0; n < 4 * taken.size(); ++n)
                 ++taken[serial(true)];
         });
+    }
     for (auto& thread : threads)
         thread.join();
     for (auto const& times : taken)

@@ -82,10 +82,12 @@ TEST(LinkTest, StreamPeerFindsFramesAndAcknowledgesThemWithinTheirTime) {
     };
     Bytes found;
     peer.read(0, {'V', 0, 0, 1, 1, 2});
-    for (size_t at = 0; at < ids.size(); at += 3)
-        for (uint8_t const byte : frame(at, 0))
+    for (size_t at = 0; at < ids.size(); at += 3) {
+        for (uint8_t const byte : frame(at, 0)) {
             for (auto const& f : peer.read(0, {byte}))
                 found.insert(found.end(), {f.topicId, f.businessId, f.msgType});
+        }
+    }
     EXPECT_EQ(found, Bytes(ids.begin() + 33, ids.end()));
     Bytes const cut = frame(33, 999);
     peer.read(0, {cut.begin(), cut.end() - 1});
