@@ -10,18 +10,26 @@ void FaultyLink::write(uint64_t now, Bytes bytes) {
         return;
     }
     if (mRandom.chance(mFaults.corrupt) && !bytes.empty()) {
+        corrupt(bytes);
+    }
+    uint64_t arrival = now + mRandom.below(mFaults.maxDelay + 1);
+    bool const twice = mRandom.chance(mFaults.duplicate);
+    uint64_t const between = twice ? mRandom.below(50) : 0;
+    if (!mRandom.chance(mFaults.reorder)) {
+        mLastArrival = arrival = std::max(mLastArrival, arrival);
+    }
+    // Behind the arrival that keeps the order: a copy must not overtake where nothing else may.
+    if (twice) mUnderWay.emplace(arrival + between, bytes);
+    mUnderWay.emplace(arrival, std::move(bytes));
+}
+
+void FaultyLink::corrupt(Bytes& bytes) {
+    Bytes const written = bytes;
+    while (bytes == written) {  // one change can undo another
         for (size_t flips = mRandom.between(1, 3); flips > 0; --flips) {
             bytes[mRandom.below(bytes.size())] ^= static_cast<uint8_t>(mRandom.between(1, 255));
         }
     }
-    uint64_t arrival = now + mRandom.below(mFaults.maxDelay + 1);
-    if (mRandom.chance(mFaults.duplicate)) {
-        mUnderWay.emplace(arrival + mRandom.below(50), bytes);
-    }
-    if (!mRandom.chance(mFaults.reorder)) {
-        mLastArrival = arrival = std::max(mLastArrival, arrival);
-    }
-    mUnderWay.emplace(arrival, std::move(bytes));
 }
 
 std::vector<FaultyLink::Bytes> FaultyLink::read(uint64_t now) {

@@ -94,9 +94,11 @@ bool RecordingCallback::waitForMoreCalls(uint64_t than,
 }
 
 void RecordingCallback::clear() {
+    std::vector<Delivery>
+            deliveries;  // released after the lock: a frame's deleter may be the test's
     Guard const guard(mMutex);
     mSent.clear();
-    mDeliveries.clear();
+    mDeliveries.swap(deliveries);
     mTopicChanges.clear();
     mBusinessChanges.clear();
 }

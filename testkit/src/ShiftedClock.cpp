@@ -6,7 +6,6 @@
 
 #include <quillex/SystemClock.h>
 #include <vesk/Vesk.h>
-#include <vesk/testkit/Await.h>
 
 namespace vesk::testkit {
 
@@ -21,8 +20,9 @@ uint64_t shiftedMillis() {
 
 }  // namespace
 
-ShiftedClock::ShiftedClock(std::shared_ptr<VeskQueue> queue, uint64_t start)
-    : mQueue(queue ? std::move(queue) : Vesk::getInstance()->getQueue()) {
+ShiftedClock::ShiftedClock(std::shared_ptr<VeskQueue> queue, uint64_t start,
+                           std::chrono::milliseconds deadline)
+    : mQueue(queue ? std::move(queue) : Vesk::getInstance()->getQueue()), mDeadline(deadline) {
     if (gTaken.exchange(true)) {
         throw std::logic_error("a ShiftedClock lives already; there may be one at a time");
     }
@@ -46,7 +46,7 @@ void ShiftedClock::advance(uint64_t millis) {
 
 void ShiftedClock::settle() {
     mQueue->wake();
-    if (!eventually([this] { return mQueue->idle(); })) {
+    if (!eventually([this] { return mQueue->idle(); }, mDeadline)) {
         throw std::runtime_error(
                 "the queue's looper did not come to rest: a sendToChannel() that blocks, or "
                 "traffic that never ends; let both end before the clock is moved");

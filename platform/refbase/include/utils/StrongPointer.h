@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <type_traits>
 #include <utility>
 
 namespace android {
@@ -71,18 +73,28 @@ private:
     T* mPtr = nullptr;
 };
 
-template <typename T, typename U>
-bool operator==(sp<T> const& a, sp<U> const& b) {
-    return a.get() == b.get();
-}
-template <typename T, typename U>
-bool operator==(sp<T> const& a, U const* b) {
-    return a.get() == b;
-}
-template <typename T, typename U>
-bool operator==(T const* a, sp<U> const& b) {
-    return a == b.get();
-}
+// The function objects order pointers to unrelated objects too, as the operators need not.
+#define VESK_COMPARE_SP(op, Compare)                                    \
+    template <typename T, typename U>                                   \
+    bool operator op(sp<T> const& a, sp<U> const& b) {                  \
+        return Compare<std::common_type_t<T*, U*>>()(a.get(), b.get()); \
+    }                                                                   \
+    template <typename T, typename U>                                   \
+    bool operator op(sp<T> const& a, U const* b) {                      \
+        return Compare<std::common_type_t<T*, U const*>>()(a.get(), b); \
+    }                                                                   \
+    template <typename T, typename U>                                   \
+    bool operator op(T const* a, sp<U> const& b) {                      \
+        return Compare<std::common_type_t<T const*, U*>>()(a, b.get()); \
+    }
+VESK_COMPARE_SP(==, std::equal_to)
+VESK_COMPARE_SP(!=, std::not_equal_to)
+VESK_COMPARE_SP(<, std::less)
+VESK_COMPARE_SP(>, std::greater)
+VESK_COMPARE_SP(<=, std::less_equal)
+VESK_COMPARE_SP(>=, std::greater_equal)
+#undef VESK_COMPARE_SP
+
 template <typename T>
 bool operator==(sp<T> const& a, std::nullptr_t) {
     return a.get() == nullptr;
@@ -90,19 +102,6 @@ bool operator==(sp<T> const& a, std::nullptr_t) {
 template <typename T>
 bool operator==(std::nullptr_t, sp<T> const& b) {
     return b.get() == nullptr;
-}
-
-template <typename T, typename U>
-bool operator!=(sp<T> const& a, sp<U> const& b) {
-    return !(a == b);
-}
-template <typename T, typename U>
-bool operator!=(sp<T> const& a, U const* b) {
-    return !(a == b);
-}
-template <typename T, typename U>
-bool operator!=(T const* a, sp<U> const& b) {
-    return !(a == b);
 }
 template <typename T>
 bool operator!=(sp<T> const& a, std::nullptr_t) {

@@ -70,7 +70,8 @@ public:
 
     /**
      * From now on acknowledges every data frame that reaches the callback's sendToChannel(), from
-     * inside that call. Takes the callback's send hook; this peer must outlive it.
+     * inside that call. Takes the callback's send hook; this peer must outlive it. A write that is
+     * no frame ends the process with what decode() says of it.
      */
     void acknowledgeAll(android::sp<RecordingCallback> const& callback, uint16_t hold = 0);
 

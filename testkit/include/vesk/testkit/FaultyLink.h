@@ -20,13 +20,16 @@ class FaultyLink {
 public:
     using Bytes = std::vector<uint8_t>;
 
-    /** What happens to one write, each in thousandths; all zero: nothing is lost or changed. */
+    /**
+     * What happens to one write, each in thousandths; all zero: nothing is lost or changed, and all
+     * arrives in the order of writing.
+     */
     struct Faults {
         unsigned drop = 0;
-        unsigned duplicate = 0;
-        unsigned corrupt = 0;
-        unsigned reorder = 0;
-        size_t maxDelay = 20;  // ms
+        unsigned duplicate = 0;  // a second copy, up to 49 ms behind the first
+        unsigned corrupt = 0;    // up to three of its bytes
+        unsigned reorder = 0;    // may overtake what was written before it and is still under way
+        size_t maxDelay = 20;    // ms
     };
 
     FaultyLink(Random& random, Faults faults) : mRandom(random), mFaults(faults) {}
@@ -39,10 +42,11 @@ public:
     /** The link goes away: what is on it is lost. */
     void cut() { mUnderWay.clear(); }
 
-    /** From now on nothing is lost or changed. */
-    void mend() { mFaults = {}; }
+    /** What is written from now on is delayed at most, as before. */
+    void mend() { mFaults = {0, 0, 0, 0, mFaults.maxDelay}; }
 
 private:
+    void corrupt(Bytes& bytes);
     std::vector<Bytes> recut(Bytes const& stream);
 
     Random& mRandom;

@@ -17,11 +17,16 @@ public:
     explicit Random(uint64_t seed) : mEngine(seed) {}
     explicit Random(std::vector<uint8_t> script) : mScript(std::move(script)), mScripted(true) {}
 
-    /** 0 .. limit - 1. The standard's distributions differ between libraries; this does not. */
+    /**
+     * 0 .. limit - 1. The standard's distributions differ between libraries; this does not.
+     *
+     * REQUIRES: limit is at least 1.
+     */
     size_t below(size_t limit) {
         return static_cast<size_t>((mScripted ? fromScript(limit) : mEngine()) % limit);
     }
 
+    /** low .. high, both included. */
     size_t between(size_t low, size_t high) { return low + below(high - low + 1); }
 
     bool chance(unsigned perMille) { return below(1000) < perMille; }
@@ -32,7 +37,7 @@ public:
 private:
     uint64_t fromScript(size_t limit) {
         uint64_t value = 0;
-        for (size_t range = 1; range < limit; range *= 256) {
+        for (size_t range = limit - 1; range > 0; range /= 256) {  // a byte for each of its bytes
             value = value * 256 + (exhausted() ? 0 : mScript[mNext++]);
         }
         return value;

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+
+#include <vesk/testkit/Await.h>
 
 namespace vesk {
 class VeskQueue;
@@ -20,14 +23,19 @@ namespace vesk::testkit {
  *            from any thread but the looper's.
  * Times:     milliseconds of uptime.
  * Failure:   the constructor throws std::logic_error while another ShiftedClock lives; advance()
- *            and settle() throw std::runtime_error where the looper is not idle within DEADLINE.
+ *            and settle() throw std::runtime_error where the looper is not idle by the deadline.
  */
 class ShiftedClock {
 public:
     static constexpr uint64_t START = 1000000;
 
-    /** @param queue whose looper is waited for; null stands for Vesk's. */
-    explicit ShiftedClock(std::shared_ptr<VeskQueue> queue = nullptr, uint64_t start = START);
+    /**
+     * @param queue    whose looper is waited for; null stands for Vesk's.
+     * @param start    what the clock shows until it is moved.
+     * @param deadline how long the looper is waited for, in real time.
+     */
+    explicit ShiftedClock(std::shared_ptr<VeskQueue> queue = nullptr, uint64_t start = START,
+                          std::chrono::milliseconds deadline = DEADLINE);
     ~ShiftedClock();
     ShiftedClock(ShiftedClock const&) = delete;
     ShiftedClock& operator=(ShiftedClock const&) = delete;
@@ -48,6 +56,7 @@ public:
 
 private:
     std::shared_ptr<VeskQueue> mQueue;
+    std::chrono::milliseconds mDeadline;
 };
 
 }  // namespace vesk::testkit

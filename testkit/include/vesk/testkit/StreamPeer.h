@@ -11,7 +11,8 @@ namespace vesk::testkit {
 
 /**
  * The peer at the far end of a byte stream: finds the frames in it, whatever the chunks and after
- * foreign bytes too, and acknowledges them in batches after up to 700 ms. Some it forgets.
+ * foreign bytes too, and acknowledges the data frames, each within 700 ms and up to five together.
+ * Some it forgets. A frame whose length was damaged takes along what follows it, up to that length.
  *
  * Ownership: uses the Random that decides; that must outlive it.
  * Threads:   one at a time.
