@@ -1,33 +1,36 @@
-#include "support/VeskTest.h"
+#include "queue/QueueTest.h"
+
+#include <climits>
 
 namespace vesk {
 namespace {
 
-class AdmissionTest : public VeskTest {
-protected:
-    Packet admit(int priority, uint16_t msgId) {
-        Packet made = packet(priority, msgId);
-        queue->push(made);
-        return made;
-    }
+class AdmissionTest : public QueueTest {};
 
-    /** The msgIds pending, in order; they are not pending any more then. */
-    std::vector<int> drain() {
-        std::vector<int> ids;
-        while (Packet const first = queue->dequeuePacket())
-            ids.push_back(first->getFrame()->msgId);
-        EXPECT_TRUE(queue->empty());
-        return ids;
+TEST_F(AdmissionTest, PacketTellsWhatItWasMadeOfAndACopyAllButItsSending) {
+    Packet const original = packet(INT_MIN, 7, true);
+    EXPECT_EQ(original->enqueueTime(), clock.now());
+    original->updateEnqueueTime(UINT64_MAX - 1);
+    original->updateSendTime(UINT64_MAX);
+    Packet const copy = new VeskQueue::QueuedPacket(*original);
+    for (Packet const& either : {original, copy}) {
+        EXPECT_EQ(either->priority(), INT_MIN);
+        EXPECT_TRUE(either->needRetransmission());
+        EXPECT_EQ(either->getFrame(), original->getFrame());
+        EXPECT_EQ(either->enqueueTime(), UINT64_MAX - 1);
+        EXPECT_EQ(either->enqueueOrder(), 0U);
+        EXPECT_EQ(either->sendTime(), either == original ? UINT64_MAX : 0);
     }
-};
+}
 
 TEST_F(AdmissionTest, PriorityThenAcknowledgementThenAgeDecideUrgency) {
     struct {
         int priority;
         bool needAck;
         uint64_t enqueued;
-    } const falling[] = {{-5, false, 9}, {1, true, 1},  {1, true, 2},          {1, false, 1},
-                         {2, true, 1},   {2, false, 0}, {2, false, UINT64_MAX}};
+    } const falling[] = {{INT_MIN, false, 9}, {-5, false, 9},        {1, true, 1},
+                         {1, true, 2},        {1, true, 1ULL << 32}, {1, false, 1},
+                         {2, true, 1},        {2, false, 0},         {2, false, UINT64_MAX}};
     std::vector<Packet> packets(1);
     for (auto const& row : falling) {
         packets.push_back(new VeskQueue::QueuedPacket(row.priority, row.needAck, nullptr));
@@ -39,65 +42,92 @@ TEST_F(AdmissionTest, PriorityThenAcknowledgementThenAgeDecideUrgency) {
     }
 }
 
-TEST_F(AdmissionTest, AdmissionThatFinds1000PendingIsDropped) {
-    for (uint16_t id = 1; id <= 1001; ++id)
-        admit(2, id);
-    EXPECT_EQ(queue->size(), 1000);
-    EXPECT_EQ(log.count("VeskQueue", "oversize.1000"), 1U);
+TEST_F(AdmissionTest, PacketsLeaveByPriorityAndAmongEqualsByAdmission) {
+    int const priorities[] = {2, -4, 0, 3, INT_MAX, INT_MIN, 4, -1};
+    std::map<int, std::vector<int>> expected;
+    duringSend([&] {
+        for (uint16_t id = 1; id <= 100; ++id) {
+            int const priority = priorities[id * 37 % 97 % 8];
+            Packet const admitted = admit(priority, id);
+            if (id % 6 == 0)
+                queue->removePacket(admitted);
+            else
+                expected[priority].push_back(id);
+        }
+    });
+    clock.advance(1999);  // only those of priority 1 do not wait
+    EXPECT_EQ(left(), std::vector<int>{999});
+    std::vector<int> order{999};
+    for (auto const& [priority, ids] : expected)
+        order.insert(order.end(), ids.begin(), ids.end());
+    clock.advance(1);
+    EXPECT_EQ(left(), order);
 }
 
-TEST_F(AdmissionTest, RemovalJoinsTheNeighboursAndACopyIsNotPending) {
-    std::vector<int> const rest[] = {{2, 3, 1}, {1, 3, 2}, {1, 2, 3}};
-    for (size_t i = 0; i < 3; ++i) {
+TEST_F(AdmissionTest, PushThatFinds1000PendingIsDropped) {
+    for (uint16_t id = 1; id <= 1000; ++id)
+        admit(2, id);
+    log.clear();
+    queue->enqueue(-1, true, frame(1));
+    EXPECT_EQ(told(), "enqueue:1; priority:-1|oversize.1000|1000 0 0 0 0 0 0");
+    admitTogether({packet(2, 1001)});
+    admit(2, 1);
+    EXPECT_EQ(told(), "enqueuing packet:1001|oversize.1001|1001 0 0 0 0 0 0");
+}
+
+TEST_F(AdmissionTest, PacketTakenOutIsNotPendingAndKeepsNoNeighbour) {
+    for (int i = 0; i < 3; ++i) {
         Packet chain[] = {admit(2, 1), admit(2, 2), admit(2, 3), nullptr};
         clock.jump(1);
         Packet copy = new VeskQueue::QueuedPacket(*chain[i]);
-        EXPECT_EQ(copy->enqueueTime(), clock.now() - 1);
-        queue->push(chain[i]);  // is pending already
+        log.clear();
+        queue->push(chain[i]);
+        EXPECT_EQ(told(),
+                  "enqueuing packet:" + std::to_string(i + 1) + "|enqueue fail.|3 0 0 0 0 0 0");
+        EXPECT_EQ(chain[i]->enqueueTime(), clock.now() - 1);
+        EXPECT_EQ(queue->removePacket(copy), nullptr);
         EXPECT_EQ(queue->removePacket(chain[i]), chain[i + 1]);
-        EXPECT_EQ(queue->removePacket(chain[i]), nullptr);  // not pending any more
+        EXPECT_EQ(queue->removePacket(chain[i]), nullptr);
         queue->push(copy);
         EXPECT_EQ(copy->enqueueTime(), clock.now());
-        EXPECT_EQ(queue->size(), 3);
-        EXPECT_EQ(drain(), rest[i]);
+        for (int j = 0; j < 3; ++j) {
+            EXPECT_EQ(j == i ? chain[j] : queue->dequeuePacket(), chain[j]);
+        }
+        EXPECT_EQ(queue->dequeuePacket(), copy);
+        EXPECT_EQ(queue->dequeuePacket(), nullptr);
+        rest();  // a pass may hold what it is looking at
+        for (int j = 0; j < 3; ++j)
+            EXPECT_EQ(chain[j]->getStrongCount(), 1) << i << j;
     }
-    Packet const pair[] = {admit(2, 1), admit(2, 2)};
-    queue->dequeuePacket();
-    queue->removePacket(pair[1]);  // has no neighbours any more
-    EXPECT_EQ(drain(), std::vector<int>());
 }
 
-TEST_F(AdmissionTest, PacketsTakenOutUnsentAreLetGoOf) {
-    std::weak_ptr<VeskFrame> const first = admit(2, 1)->getFrame();
-    for (uint16_t id = 2; id <= 4; ++id) {
-        queue->dequeuePacket();
-        admit(2, id);
-    }
-    rest();  // a pass may hold what it is looking at
-    EXPECT_TRUE(first.expired());
-    drain();
-}
-
-TEST_F(AdmissionTest, ReplacementChangesTheDataOfTheFirstMatchAlone) {
+TEST_F(AdmissionTest, ReplacementChangesTheDataOfTheFirstThatAgreesInAllFiveFields) {
     Packet nearer = admit(2, 7);
     Packet const farther = admit(2, 7);
     nearer->getFrame()->data = {1, 2, 3};
-    Packet others[] = {packet(2, 8), packet(2, 7), packet(2, 7)};
-    others[1]->getFrame()->msgType = 3;
-    others[2]->getFrame()->reply = 1;
-    for (Packet& other : others)
-        EXPECT_FALSE(queue->replacePacket(other)) << &other - others;
-    Packet update = packet(5, 7);
+    for (int field = 0; field < 5; ++field) {
+        Packet other = packet(2, 7, true);
+        VeskFrame& frame = *other->getFrame();
+        frame.topicId ^= field == 0;
+        frame.businessId ^= field == 1;
+        frame.msgId ^= field == 2;
+        frame.msgType ^= field == 3;
+        frame.reply ^= field == 4;
+        EXPECT_FALSE(queue->replacePacket(other)) << field;
+    }
+    clock.jump(5);
+    Packet update = packet(5, 7, true);
     update->getFrame()->data = {9, 9};
     update->getFrame()->serialNumber = 8;
-    EXPECT_TRUE(queue->replacePacket(update));
+    for (Packet with : {update, nearer}) {  // the second is the pending one itself
+        EXPECT_TRUE(queue->replacePacket(with));
+        EXPECT_EQ(nearer->getFrame()->dataSize, with == update ? 3 : 2);  // of the data before
+        EXPECT_EQ(nearer->getFrame()->data, (std::vector<uint8_t>{9, 9}));
+    }
     EXPECT_EQ(nearer->getFrame()->serialNumber, 7);
-    EXPECT_EQ(nearer->getFrame()->data, (std::vector<uint8_t>{9, 9}));
-    EXPECT_EQ(nearer->getFrame()->dataSize, 3);  // of the data replaced
+    EXPECT_EQ(nearer->enqueueTime(), clock.now() - 5);
     EXPECT_TRUE(farther->getFrame()->data.empty());
-    EXPECT_TRUE(queue->replacePacket(nearer));  // by itself
-    EXPECT_EQ(nearer->getFrame()->data.size(), 2U);
-    drain();
+    EXPECT_EQ(queue->removePacket(nearer), farther);
 }
 
 TEST_F(AdmissionTest, NullIsIgnoredEverywhere) {
@@ -106,12 +136,14 @@ TEST_F(AdmissionTest, NullIsIgnoredEverywhere) {
         queue->push(hollow);
         EXPECT_FALSE(queue->replacePacket(hollow));
         EXPECT_EQ(queue->removePacket(hollow), nullptr);
+        std::lock_guard<std::mutex> const lock(queue->mutex());
+        EXPECT_FALSE(queue->enqueuePacket(hollow));
+        EXPECT_TRUE(queue->addToHistoryList(hollow));
     }
     queue->enqueue(1, true, nullptr);
     queue->receiveFromChannel(nullptr);
     queue->receiveAckMessage(nullptr);
-    EXPECT_TRUE(queue->empty());
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(told(), "0 0 0 0 0 0 0");
 }
 
 }  // namespace

@@ -1,25 +1,79 @@
-#include "support/VeskTest.h"
+#include "queue/QueueTest.h"
 
 #include <thread>
 
 namespace vesk {
 namespace {
 
-/** Queues that do not live as long as the process. */
-class StopTest : public VeskTest {
+/** How packets, frames and queues end. */
+class StopTest : public QueueTest {
 protected:
     std::shared_ptr<VeskQueue> own = std::make_shared<VeskQueue>();
 };
 
-TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
+TEST_F(StopTest, NothingIsLetGoOfUnderTheLock) {
+    using Frame = std::shared_ptr<VeskFrame>;
+    std::atomic<int> ends{0};
+    auto const fill = [&](int priority) {
+        for (uint16_t id = 1; id <= 1000; ++id)
+            queue->enqueue(priority, true, frame(id));
+        clock.settle();
+    };
+    auto const await = [&](Frame frame) { queue->enqueue(1, true, frame), clock.settle(); };
+    std::function<void(Frame &&)> const ways[] = {
+            [&](Frame&& last) { queue->enqueue(1, false, std::move(last)); },
+            [&](Frame&& last) { queue->enqueue(2, false, std::move(last)), queue->cleanup(); },
+            [&](Frame&& last) { await(std::move(last)), queue->cleanup(); },
+            [&](Frame&& last) { await(std::move(last)), clock.advance(2000); },
+            [&](Frame&& last) { await(std::move(last)), send(7); },
+            [&](Frame&& last) { await(std::move(last)), fill(1); },  // history is full
+            [&](Frame&& last) { await(std::move(last)), peer.acknowledge(7); },
+            [&](Frame&& last) { fill(2), queue->enqueue(2, true, std::move(last)); },  // oversize
+            [&](Frame&& last) {
+                queue->enqueue(2, true, std::move(last));
+                queue->dequeuePacket();
+            },
+            [&](Frame&& last) {
+                Packet removed = new VeskQueue::QueuedPacket(2, false, std::move(last));
+                queue->push(removed);
+                queue->removePacket(removed);
+            },
+            [&](Frame&& last) { queue->receiveFromChannel(std::move(last)); },
+    };
+    for (auto const& way : ways) {
+        SCOPED_TRACE(&way - ways);
+        ends = 0;
+        way({new VeskFrame(*frame(7)), [&](VeskFrame* gone) {
+                 delete gone;
+                 queue->awaitingAck(), queue->owedAcks(), queue->wake();
+                 queue->enqueue(9, false, frame(9));
+                 ++ends;
+             }});
+        queue->enqueue(1, false, frame(8));  // nor is anything kept beyond the next packet
+        EXPECT_TRUE(eventually([&] { return ends == 1; }));
+        queue->cleanup();
+        clock.settle();
+    }
+}
+
+TEST_F(StopTest, StoppedQueueRefusesAdmissionKeepsThePendingAndOwesNothing) {
+    Packet held = packet(2, 4);
+    own->push(held);
     own->stop();
     own->stop();
+    log.clear();
     own->enqueue(1, true, frame(5));
-    EXPECT_EQ(log.count("VeskQueue", "sending a packet to died queue"), 1U);
-    EXPECT_EQ(log.messages("VeskQueue").back(), "enqueue fail.");
+    EXPECT_EQ(told(),
+              "enqueue:5; priority:1|enqueuing packet:5|sending a packet to died queue|"
+              "enqueue fail.|0 0 0 0 0 0 0");
     EXPECT_EQ(own->dequeuePacket(), Packet());
+    EXPECT_EQ(own->size(), 1);
+    EXPECT_TRUE(own->replacePacket(held));
+    EXPECT_EQ(own->removePacket(held), Packet());
+    EXPECT_TRUE(own->empty());
     own->receiveFromChannel(frame(1));
     EXPECT_EQ(own->owedAcks(), 0U);
+    EXPECT_EQ(own->feedback().receivedPackets(), 1U);
 }
 
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
@@ -32,33 +86,30 @@ TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
         own->stop();
         EXPECT_TRUE(sent);
     });
-    Packet late = packet(9, 3);
-    EXPECT_TRUE(eventually([&] {  // refused: it is stopping
-        std::lock_guard<std::mutex> const lock(own->mutex());
-        return !own->enqueuePacket(late) && !log.lines().empty() &&
-               log.lines().back().message == "sending a packet to died queue";
+    EXPECT_TRUE(eventually([&] {
+        own->enqueue(2, true, frame(3));
+        return log.contains("VeskQueue", "sending a packet to died queue");
     }));
     open = true;
     stopper.join();
     EXPECT_EQ(left(), std::vector<int>{1});
 }
 
-TEST_F(StopTest, QueueMayStopOrEndInsideItsOwnSend) {
+TEST_F(StopTest, QueueMayStopOrEndInsideItsOwnSendAndLetsGoOfEverything) {
     for (bool const destroyed : {false, true}) {
-        SCOPED_TRACE(destroyed);
         std::atomic<bool> ended{false};
         auto mine = std::make_shared<VeskQueue>();
-        auto const waiting = frame(2);
+        auto const sent = frame(1), waiting = frame(2);
         callback->onSend([&](auto const&) {
             mine->enqueue(1, true, waiting);
             mine->stop();
             if (destroyed) mine.reset();
             ended = true;
         });
-        mine->enqueue(1, true, frame(1));
+        mine->enqueue(1, true, sent);
         ASSERT_TRUE(eventually([&] { return ended.load(); }));
         mine.reset();
-        EXPECT_TRUE(eventually([&] { return waiting.use_count() == 1; }));
+        EXPECT_TRUE(eventually([&] { return sent.use_count() + waiting.use_count() == 2; }));
     }
     EXPECT_EQ(left(), (std::vector<int>{1, 1}));
 }
