@@ -49,6 +49,7 @@ TEST_F(ReceptionTest, AcknowledgementIsAppliedWholeOrNotAtAll) {
     younger->serialNumber = 1;
     clock.advance(10);
     queue->enqueue(1, true, younger);
+    clock.settle();
     clock.advance(1590);
     struct {
         std::vector<FarPeer::Ack> entries;
