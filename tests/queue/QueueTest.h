@@ -13,12 +13,20 @@ protected:
     }
 
     /** Admits under the lock, so that the looper finds all of them pending at once. */
-    void admitTogether(std::vector<Packet> packets) {
+    void admitTogether(std::vector<Packet> packets, VeskQueue* into = nullptr) {
+        VeskQueue& to = into ? *into : *queue;
         {
-            std::lock_guard<std::mutex> const lock(queue->mutex());
+            std::lock_guard<std::mutex> const lock(to.mutex());
             for (Packet& packet : packets)
-                ASSERT_TRUE(queue->enqueuePacket(packet));
+                ASSERT_TRUE(to.enqueuePacket(packet));
         }
+        into ? into->wake() : clock.settle();
+    }
+
+    /** 1 to 1000, each to be acknowledged. */
+    void fill(int priority) {
+        for (uint16_t id = 1; id <= 1000; ++id)
+            queue->enqueue(priority, true, frame(id));
         clock.settle();
     }
 
@@ -45,24 +53,17 @@ protected:
         return text;
     }
 
-    /** The queue's lines since the last call of this, each ended by '|', and its state at rest. */
-    std::string told() {
-        rest();
-        std::string text;
-        for (std::string const& line : log.messages("VeskQueue"))
-            text += line + "|";
-        log.clear();
-        return text + state();
-    }
-
-    /** The acknowledgement frames that have left. */
-    std::vector<std::vector<FarPeer::Ack>> acks() const {
-        std::vector<std::vector<FarPeer::Ack>> found;
-        for (auto const& bytes : callback->sent()) {
-            FarPeer::Frame const frame = FarPeer::decode(bytes);
-            if (FarPeer::isAck(frame)) found.push_back(FarPeer::ackEntries(frame));
+    /** Step by step: the lines that a call makes the queue log, each ended by '|', and its state. */
+    void play(std::vector<std::pair<std::function<void()>, std::string>> const& steps) {
+        for (auto const& [call, expected] : steps) {
+            log.clear();
+            call();
+            rest();
+            std::string text;
+            for (std::string const& line : log.messages("VeskQueue"))
+                text += line + "|";
+            EXPECT_EQ(text + state(), expected);
         }
-        return found;
     }
 };
 

@@ -14,43 +14,28 @@ protected:
 TEST_F(StopTest, NothingIsLetGoOfUnderTheLock) {
     using Frame = std::shared_ptr<VeskFrame>;
     std::atomic<int> ends{0};
-    auto const fill = [&](int priority) {
-        for (uint16_t id = 1; id <= 1000; ++id)
-            queue->enqueue(priority, true, frame(id));
-        clock.settle();
-    };
-    auto const await = [&](Frame frame) { queue->enqueue(1, true, frame), clock.settle(); };
-    std::function<void(Frame &&)> const ways[] = {
-            [&](Frame&& last) { queue->enqueue(1, false, std::move(last)); },
-            [&](Frame&& last) { queue->enqueue(2, false, std::move(last)), queue->cleanup(); },
-            [&](Frame&& last) { await(std::move(last)), queue->cleanup(); },
-            [&](Frame&& last) { await(std::move(last)), clock.advance(2000); },
-            [&](Frame&& last) { await(std::move(last)), send(7); },
-            [&](Frame&& last) { await(std::move(last)), fill(1); },  // history is full
-            [&](Frame&& last) { await(std::move(last)), peer.acknowledge(7); },
-            [&](Frame&& last) { fill(2), queue->enqueue(2, true, std::move(last)); },  // oversize
-            [&](Frame&& last) {
-                queue->enqueue(2, true, std::move(last));
-                queue->dequeuePacket();
-            },
-            [&](Frame&& last) {
-                Packet removed = new VeskQueue::QueuedPacket(2, false, std::move(last));
-                queue->push(removed);
-                queue->removePacket(removed);
-            },
-            [&](Frame&& last) { queue->receiveFromChannel(std::move(last)); },
-    };
+    auto const await = [&](Frame& f) { queue->enqueue(1, true, std::move(f)), clock.settle(); };
+    auto const hold = [&](Frame& f) { queue->enqueue(2, true, std::move(f)); };
+    std::function<void(Frame)> const ways[] = {
+            [&](Frame last) { queue->enqueue(1, false, std::move(last)); },
+            [&](Frame last) { queue->receiveFromChannel(std::move(last)); },
+            [&](Frame last) { hold(last), queue->cleanup(); },
+            [&](Frame last) { hold(last), queue->dequeuePacket(); },
+            [&](Frame last) { fill(2), hold(last); },  // oversize
+            [&](Frame last) { await(last), queue->cleanup(); },
+            [&](Frame last) { await(last), clock.advance(2000); },
+            [&](Frame last) { await(last), send(7); },
+            [&](Frame last) { await(last), fill(1); },  // the last one fills the history
+            [&](Frame last) { await(last), peer.acknowledge(7); }};
     for (auto const& way : ways) {
-        SCOPED_TRACE(&way - ways);
         ends = 0;
         way({new VeskFrame(*frame(7)), [&](VeskFrame* gone) {
                  delete gone;
-                 queue->awaitingAck(), queue->owedAcks(), queue->wake();
                  queue->enqueue(9, false, frame(9));
-                 ++ends;
+                 queue->awaitingAck(), queue->owedAcks(), ++ends;
              }});
-        queue->enqueue(1, false, frame(8));  // nor is anything kept beyond the next packet
-        EXPECT_TRUE(eventually([&] { return ends == 1; }));
+        queue->enqueue(1, false, frame(8));  // nothing is kept beyond the next packet
+        EXPECT_TRUE(eventually([&] { return ends == 1; })) << &way - ways;
         queue->cleanup();
         clock.settle();
     }
@@ -61,15 +46,13 @@ TEST_F(StopTest, StoppedQueueRefusesAdmissionKeepsThePendingAndOwesNothing) {
     own->push(held);
     own->stop();
     own->stop();
-    log.clear();
-    own->enqueue(1, true, frame(5));
-    EXPECT_EQ(told(),
-              "enqueue:5; priority:1|enqueuing packet:5|sending a packet to died queue|"
-              "enqueue fail.|0 0 0 0 0 0 0");
+    play({{[&] { own->enqueue(1, true, frame(5)); },
+           "enqueue:5; priority:1|enqueuing packet:5|sending a packet to died queue|"
+           "enqueue fail.|0 0 0 0 0 0 0"}});
     EXPECT_EQ(own->dequeuePacket(), Packet());
-    EXPECT_EQ(own->size(), 1);
     EXPECT_TRUE(own->replacePacket(held));
-    EXPECT_EQ(own->removePacket(held), Packet());
+    EXPECT_EQ(own->size(), 1);
+    own->removePacket(held);
     EXPECT_TRUE(own->empty());
     own->receiveFromChannel(frame(1));
     EXPECT_EQ(own->owedAcks(), 0U);
@@ -79,8 +62,7 @@ TEST_F(StopTest, StoppedQueueRefusesAdmissionKeepsThePendingAndOwesNothing) {
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
     std::atomic<bool> open{false}, sent{false};
     callback->onSend([&](auto const&) { sent = eventually([&] { return open.load(); }); });
-    own->enqueue(1, true, frame(1));
-    own->enqueue(1, true, frame(2));
+    admitTogether({packet(1, 1), packet(1, 2)}, own.get());
     ASSERT_TRUE(callback->waitForSent(1));
     std::thread stopper([&] {
         own->stop();
