@@ -99,18 +99,28 @@ TEST_F(LooperTest, TimeThatASendTakesDoesNotPutOffItsExpiry) {
                            std::chrono::milliseconds(1500)));  // it would be put off by 2000
 }
 
-TEST_F(LooperTest, AcknowledgementsAndExpiriesGetTheirTurnUnderUnbrokenSending) {
-    int sends = 0;
-    callback->onSend([&](auto const&) {
-        clock.jump(10);
-        if (sends == 0) receive(1, 5);
-        bool const done = queue->awaitingAck() == 0 && queue->owedAcks() == 0;
-        if (!done && ++sends < 2000) queue->enqueue(1, false, frame(1));
-    });
-    send(7);
-    EXPECT_TRUE(FarPeer::isAck(FarPeer::decode(callback->sent().at(2))));  // behind one pending
-    EXPECT_EQ(queue->feedback().delay(), 60000U);
-    EXPECT_LE(sends, 210);
+TEST_F(LooperTest, AcknowledgementsAndExpiriesInterruptAPassWhenTheyAreDue) {
+    for (bool const five : {false, true}) {
+        for (uint16_t id = 1; id <= 1000; ++id)
+            admit(2, id);
+        callback->clear();
+        int data = 0, atAck = 0, atExpiry = 0;
+        callback->onSend([&](auto const& bytes) {
+            if (data == 1) queue->enqueue(1, true, frame(7));
+            if (data > 2 && atExpiry == 0 && queue->awaitingAck() == 0) atExpiry = data;
+            clock.jump(4);
+            if (FarPeer::isAck(FarPeer::decode(bytes)))
+                atAck = atAck == 0 ? data : atAck;
+            else if (++data == 1 || (five && data > 800))
+                receive(1, five ? 5 : 1);
+        });
+        clock.advance(2000);
+        EXPECT_LE(atAck, five ? 1 : 127);
+        EXPECT_LE(atExpiry, 700);
+        EXPECT_EQ(data, 1001);  // they make progress, whatever is owed meanwhile
+        EXPECT_EQ(callback->sentCount(), five ? 1203U : 1002U);
+        callback->onSend(nullptr);
+    }
 }
 
 }  // namespace

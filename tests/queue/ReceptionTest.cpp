@@ -1,5 +1,7 @@
 #include "queue/QueueTest.h"
 
+#include <malloc.h>
+
 #include <quillex/Log.h>
 #include <vesk/VeskCC.h>
 
@@ -96,6 +98,10 @@ TEST_F(ReceptionTest, HoldTimeIsModulo16BitsAndMoreThan1000OwedAreForgotten) {
     duringSend([&] {
         receive(1, 1001);
         EXPECT_EQ(queue->owedAcks(), 1001U);
+        size_t const before = mallinfo2().uordblks;
+        receive(1, 20000);
+        EXPECT_LE(mallinfo2().uordblks, before + 200000);
+        EXPECT_EQ(queue->owedAcks(), 21001U);
     });
     EXPECT_EQ(queue->owedAcks(), 0U);
     EXPECT_EQ(callback->sentCount(), 3U);
