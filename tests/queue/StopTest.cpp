@@ -1,66 +1,139 @@
-#include "support/VeskTest.h"
+#include "queue/QueueTest.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <thread>
 
 namespace vesk {
 namespace {
 
-/** Queues that do not live as long as the process. */
-class StopTest : public VeskTest {
+/** How packets, frames and queues end. */
+class StopTest : public QueueTest {
 protected:
     std::shared_ptr<VeskQueue> own = std::make_shared<VeskQueue>();
 };
 
-TEST_F(StopTest, StoppedQueueRefusesAdmissionAndSaysSo) {
+TEST_F(StopTest, NothingIsLetGoOfUnderTheLock) {
+    using Frame = std::shared_ptr<VeskFrame>;
+    std::atomic<int> ends{0};
+    auto const await = [&](Frame& f) { queue->enqueue(1, true, std::move(f)), clock.settle(); };
+    auto const hold = [&](Frame& f) { queue->enqueue(2, true, std::move(f)); };
+    std::function<void(Frame)> const ways[] = {
+            [&](Frame last) { queue->enqueue(1, false, std::move(last)); },
+            [&](Frame last) { queue->receiveFromChannel(std::move(last)); },
+            [&](Frame last) { hold(last), queue->cleanup(); },
+            [&](Frame last) { hold(last), queue->dequeuePacket(); },
+            [&](Frame last) { fill(2), hold(last); },  // oversize
+            [&](Frame last) { await(last), queue->cleanup(); },
+            [&](Frame last) { await(last), clock.advance(2000); },
+            [&](Frame last) { await(last), send(7); },
+            [&](Frame last) { await(last), fill(1); },  // the last one fills the history
+            [&](Frame last) { await(last), peer.acknowledge(7); }};
+    for (auto const& way : ways) {
+        ends = 0;
+        way({new VeskFrame(*frame(7)), [&](VeskFrame* gone) {
+                 delete gone;
+                 queue->enqueue(9, false, frame(9));
+                 queue->awaitingAck(), queue->owedAcks(), ++ends;
+             }});
+        queue->enqueue(1, false, frame(8));  // nothing is kept beyond the next packet
+        EXPECT_TRUE(eventually([&] { return ends == 1; })) << &way - ways;
+        queue->cleanup();
+        clock.settle();
+    }
+}
+
+TEST_F(StopTest, StoppedQueueRefusesAdmissionKeepsThePendingAndOwesNothing) {
+    Packet held = packet(2, 4);
+    own->push(held);
     own->stop();
     own->stop();
-    own->enqueue(1, true, frame(5));
-    EXPECT_EQ(log.count("VeskQueue", "sending a packet to died queue"), 1U);
-    EXPECT_EQ(log.messages("VeskQueue").back(), "enqueue fail.");
+    play({{[&] { own->enqueue(1, true, frame(5)); },
+           "enqueue:5; priority:1|enqueuing packet:5|sending a packet to died queue|"
+           "enqueue fail.|0 0 0 0 0 0 0"}});
     EXPECT_EQ(own->dequeuePacket(), Packet());
+    EXPECT_TRUE(own->replacePacket(held));
+    EXPECT_EQ(own->size(), 1);
+    own->removePacket(held);
+    EXPECT_TRUE(own->empty());
     own->receiveFromChannel(frame(1));
     EXPECT_EQ(own->owedAcks(), 0U);
+    EXPECT_EQ(own->feedback().receivedPackets(), 1U);
 }
 
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
     std::atomic<bool> open{false}, sent{false};
     callback->onSend([&](auto const&) { sent = eventually([&] { return open.load(); }); });
-    own->enqueue(1, true, frame(1));
-    own->enqueue(1, true, frame(2));
+    admitTogether({packet(1, 1), packet(1, 2)}, own.get());
     ASSERT_TRUE(callback->waitForSent(1));
     std::thread stopper([&] {
         own->stop();
         EXPECT_TRUE(sent);
     });
-    Packet late = packet(9, 3);
-    EXPECT_TRUE(eventually([&] {  // refused: it is stopping
-        std::lock_guard<std::mutex> const lock(own->mutex());
-        return !own->enqueuePacket(late) && !log.lines().empty() &&
-               log.lines().back().message == "sending a packet to died queue";
+    EXPECT_TRUE(eventually([&] {
+        own->enqueue(2, true, frame(3));
+        return log.contains("VeskQueue", "sending a packet to died queue");
     }));
     open = true;
     stopper.join();
     EXPECT_EQ(left(), std::vector<int>{1});
 }
 
-TEST_F(StopTest, QueueMayStopOrEndInsideItsOwnSend) {
-    for (bool const destroyed : {false, true}) {
-        SCOPED_TRACE(destroyed);
-        std::atomic<bool> ended{false};
-        auto mine = std::make_shared<VeskQueue>();
-        auto const waiting = frame(2);
-        callback->onSend([&](auto const&) {
-            mine->enqueue(1, true, waiting);
-            mine->stop();
-            if (destroyed) mine.reset();
-            ended = true;
+TEST_F(StopTest, LastOwnerOfAQueueMayGoAnywhereOnItsOwnLooper) {
+    struct Owner {
+        VeskFrame frame;
+        std::shared_ptr<VeskQueue> queue;
+    };
+    std::thread stopper;
+    std::function<void(VeskQueue&, Owner&)> const ways[] = {
+            [&](VeskQueue&, Owner&) {},
+            [&](VeskQueue& mine, Owner&) { mine.stop(); },
+            [&](VeskQueue&, Owner& owner) { owner.queue.reset(); },
+            [&](VeskQueue& mine, Owner&) {  // while another thread waits for its end
+                stopper = std::thread([&mine] { mine.stop(); });
+                EXPECT_TRUE(eventually([&] {
+                    mine.enqueue(2, false, frame(1));
+                    return log.contains("VeskQueue", "enqueue fail.");
+                }));
+            },
+            [&](VeskQueue&, Owner&) { clock.jump(2000); },
+            [&](VeskQueue& mine, Owner&) { mine.cleanup(); },
+            [&](VeskQueue& mine, Owner&) {
+                auto const ack = VeskFrame::obtainFrame(false);
+                ack->unSerialze(FarPeer::encode(FarPeer::ackFrame({{0, 0}})));
+                mine.receiveAckMessage(ack);
+            }};
+    for (auto const& way : ways) {
+        std::atomic<bool> alone{false};
+        auto owner = std::make_shared<Owner>();
+        owner->queue.reset(new VeskQueue);
+        std::weak_ptr<Owner> const watched = owner;
+        callback->onSend([&, mine = owner->queue.get(), raw = owner.get()](auto const&) {
+            callback->onSend(nullptr);
+            EXPECT_TRUE(eventually([&] { return alone.load(); }));
+            way(*mine, *raw);
         });
-        mine->enqueue(1, true, frame(1));
-        ASSERT_TRUE(eventually([&] { return ended.load(); }));
-        mine.reset();
-        EXPECT_TRUE(eventually([&] { return waiting.use_count() == 1; }));
+        Packet sent = new VeskQueue::QueuedPacket(1, &way - ways > 3, {owner, &owner->frame});
+        admitTogether({sent, packet(1, 2)}, owner->queue.get());
+        sent.clear();
+        owner.reset();
+        alone = true;
+        EXPECT_TRUE(eventually([&] { return watched.expired(); })) << &way - ways;
     }
-    EXPECT_EQ(left(), (std::vector<int>{1, 1}));
+    stopper.join();
+}
+
+TEST_F(StopTest, AChildProcessDoesNotWaitForAThreadThatItDoesNotHave) {
+    ASSERT_TRUE(eventually([&] { return own->idle(); }));
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(5);  // instead of a hang
+        queue->stop(), own.reset(), _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace
