@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -93,6 +95,10 @@ public:
     void notifyBusinessChanged(bool added, std::string topicName, std::string businessName);
 
 private:
+    struct Lifetime;
+
+    /** Stops the queue and lets go of everything, and leaves an instance that refuses. */
+    void end() VESK_EXCLUDES(mCallbackMutex);
     android::sp<VeskCallback> callback() const VESK_EXCLUDES(mCallbackMutex);
 
     android::sp<VeskCallback> mCallback VESK_GUARDED_BY(mCallbackMutex);
@@ -101,6 +107,8 @@ private:
     VeskSessionManager mSessionManager;
     VeskConfig mConfig;
     mutable std::mutex mCallbackMutex;
+    const pid_t mProcess;  // that made the instance, and alone may end it
+    bool mEnded VESK_GUARDED_BY(mCallbackMutex) = false;
 };
 
 }  // namespace vesk

@@ -10,6 +10,7 @@ namespace vesk {
 
 class VeskFrame;
 class VeskTopic;
+struct SessionEntry;
 
 /**
  * One client's endpoint on one business of one topic, as provider (type 2) or consumer (type 1).
@@ -53,6 +54,12 @@ public:
     std::string const& name() const { return mName; }
 
 private:
+    friend class SessionRegistry;
+    friend class VeskTopic;
+
+    /** Whether the manager gave this session an id after the other one had left it. */
+    bool hasSucceeded(VeskSession const& other) const;
+
     std::string TAG;
     std::shared_ptr<VeskTopic> mTopic;
     uint16_t mSessionId;
@@ -62,6 +69,7 @@ private:
     bool mFlag;
     int32_t mType;
     std::string mName;
+    std::shared_ptr<SessionEntry> mEntry;  // the manager's; null in what it did not make
 };
 
 }  // namespace vesk
