@@ -72,7 +72,10 @@ public:
      */
     int makeSessionId() VESK_EXCLUDES(mMutex);
 
-    /** The session with this id, provider or consumer; null when there is none. */
+    /**
+     * The session with this id; null when there is none. A provider that is being announced as gone
+     * is found before a consumer that has got its id meanwhile.
+     */
     std::shared_ptr<VeskSession> getSession(uint16_t sessionId) const VESK_EXCLUDES(mMutex);
 
     /**
@@ -85,7 +88,7 @@ public:
      * that removes it again ends it at once, without another announcement. A provider that is
      * removed while it is announced as new enters its topic afterwards, and stays there.
      *
-     * @return the number of sessions removed, 0 or 1: one of several calls that remove the same
+     * @return the number of sessions removed, 0 or 1. One of several calls that remove the same
      *         session counts it.
      */
     size_t removeSession(uint16_t sessionId) VESK_EXCLUDES(mMutex);

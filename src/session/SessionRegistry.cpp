@@ -91,6 +91,10 @@ bool SessionRegistry::staysInTopic(Session const& session) const {
 
 SessionRegistry::Session SessionRegistry::find(uint16_t sessionId) const {
     Guard const lock(mManager.mMutex);
+    return findAny(sessionId);
+}
+
+SessionRegistry::Session SessionRegistry::findAny(uint16_t sessionId) const {
     auto provider = find(VeskSessionManager::PROVIDER, sessionId);
     return provider ? provider : find(VeskSessionManager::CONSUMER, sessionId);
 }
@@ -113,48 +117,49 @@ size_t SessionRegistry::count(int type) const {
 SessionRegistry::Removal SessionRegistry::beginRemoval(uint16_t sessionId) {
     Guard const lock(mManager.mMutex);
     auto const inUse = mEntries.find(sessionId);
-    if (inUse != mEntries.end() && inUse->second->state == State::HELD) {
-        freeId(*inUse->second, State::GONE);
+    if (inUse == mEntries.end()) {
+        return {findAny(sessionId), Turn::SECOND};
     }
-    Removal removal{find(VeskSessionManager::CONSUMER, sessionId),
-                    find(VeskSessionManager::PROVIDER, sessionId), false};
-    if (removal.consumer) {
-        begin(*removal.consumer);
-        removal.consumer->mEntry->leavesTopic = true;
+    Entry const entry = inUse->second;
+    switch (entry->state) {
+        case State::LIVE:
+            freeId(*entry, State::LEAVING);
+            entry->leavesTopic = entry->key.type == VeskSessionManager::CONSUMER;
+            return {find(entry->key.type, sessionId), Turn::FIRST};
+        case State::HELD:
+            freeId(*entry, State::GONE);
+            break;
+        default:  // JOINING: its creation comes first
+            break;
     }
-    removal.announce = removal.provider && begin(*removal.provider);
-    return removal;
+    return {nullptr, Turn::LATE};
 }
 
 SessionRegistry::Turn SessionRegistry::beginRemoval(Session const& session) {
     Guard const lock(mManager.mMutex);
     SessionEntry& entry = *session->mEntry;
-    if (entry.state == State::GONE) {
-        return Turn::LATE;
-    }
     entry.leavesTopic = true;
-    return begin(*session) ? Turn::FIRST : Turn::SECOND;
-}
-
-bool SessionRegistry::begin(VeskSession const& session) {
-    SessionEntry& entry = *session.mEntry;
-    if (entry.state != State::LIVE) {
-        return false;
+    switch (entry.state) {
+        case State::LIVE:
+            freeId(entry, State::LEAVING);
+            return Turn::FIRST;
+        case State::LEAVING:
+            return Turn::SECOND;
+        default:
+            return Turn::LATE;
     }
-    freeId(entry, State::LEAVING);
-    return true;
 }
 
-size_t SessionRegistry::endRemoval(Session const& session) {
+bool SessionRegistry::endRemoval(Session const& session) {
     Guard const lock(mManager.mMutex);
     SessionEntry& entry = *session->mEntry;
     if (entry.state == State::GONE) {
-        return 0;
+        return false;
     }
     entry.state = State::GONE;
     // The next user of the id may have the place already.
     if (find(entry.key.type, entry.id) == session) tableOf(entry.key.type).erase(entry.id);
-    return 1;
+    return true;
 }
 
 void SessionRegistry::close() {

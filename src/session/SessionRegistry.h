@@ -54,30 +54,31 @@ public:
     std::vector<Session> sessionsOf(int type, uint32_t clientId) const;
     size_t count(int type) const;
 
-    /** What a removal by id has to do; null where there is nothing. */
-    struct Removal {
-        Session consumer;  // take it out of its topic
-        Session provider;
-        bool announce;  // the provider as gone; false: another removal is doing that
-    };
-
-    /** Begins the removal of what has an id, and frees it. */
-    Removal beginRemoval(uint16_t sessionId);
-
     enum class Turn {
-        FIRST,   // the session is the caller's to take out and to announce as gone
-        SECOND,  // another removal announces it; the caller takes it out without waiting for that
-        LATE,    // it has gone
+        FIRST,   // the session is the caller's to remove and to announce as gone
+        SECOND,  // another removal announces it; the caller need not wait for that to remove it
+        LATE,    // there is nothing left to do
     };
+
+    struct Removal {
+        Session session;  // null: there is none
+        Turn turn;
+    };
+
+    /**
+     * Begins the removal of the session that has an id, and frees the id. Where nobody has it, it
+     * is the turn of a session that is leaving and still found by it.
+     */
+    Removal beginRemoval(uint16_t sessionId);
 
     /** Begins the removal of one of a client's sessions, and frees its id. */
     Turn beginRemoval(Session const& session);
 
     /**
      * Takes a session out of its table at the end of a removal.
-     * @return 1, to one of its removals; 0 to any other.
+     * @return true to one of its removals, false to any other.
      */
-    size_t endRemoval(Session const& session);
+    bool endRemoval(Session const& session);
 
     /** Empties the tables, consumers first, and refuses whatever comes. */
     void close();
@@ -89,11 +90,10 @@ private:
     Entry allocate(SessionKey const& key, State state) VESK_REQUIRES(mManager.mMutex);
     /** Ends the use of an id: the entry goes on to LEAVING or GONE. */
     void freeId(SessionEntry& entry, State next) VESK_REQUIRES(mManager.mMutex);
-    /** @return whether this removal is the session's first. */
-    bool begin(VeskSession const& session) VESK_REQUIRES(mManager.mMutex);
     SessionEntry const* findProvider(SessionKey const& key) const VESK_REQUIRES(mManager.mMutex);
     SessionTable& tableOf(int type) const VESK_REQUIRES(mManager.mMutex);
     Session find(int type, uint16_t sessionId) const VESK_REQUIRES(mManager.mMutex);
+    Session findAny(uint16_t sessionId) const VESK_REQUIRES(mManager.mMutex);
 
     VeskSessionManager& mManager;
     // Of the ids in use.

@@ -9,6 +9,8 @@ namespace vesk {
 
 namespace {
 
+using Turn = SessionRegistry::Turn;
+
 constexpr char const* TAG = "VeskSessionManager";
 
 void announceRemoval(VeskSession const& session) {
@@ -108,17 +110,16 @@ std::shared_ptr<VeskSession> VeskSessionManager::getSession(uint16_t sessionId) 
 }
 
 size_t VeskSessionManager::removeSession(uint16_t sessionId) {
-    auto const [consumer, provider, announce] = mRegistry->beginRemoval(sessionId);
-    size_t removed = 0;
-    if (consumer) {
-        consumer->getTopic()->leave(*consumer);
-        removed = mRegistry->endRemoval(consumer);
+    auto const [session, turn] = mRegistry->beginRemoval(sessionId);
+    if (!session) {
+        return 0;
     }
-    if (provider) {
-        if (announce) announceRemoval(*provider);
-        removed = mRegistry->endRemoval(provider);
+    if (session->type() == CONSUMER) {
+        session->getTopic()->leave(*session);
+    } else if (turn == Turn::FIRST) {
+        announceRemoval(*session);
     }
-    return removed;
+    return mRegistry->endRemoval(session) ? 1 : 0;
 }
 
 int VeskSessionManager::removeSessionByClient(uint32_t clientId) {
@@ -128,7 +129,6 @@ int VeskSessionManager::removeSessionByClient(uint32_t clientId) {
 }
 
 size_t VeskSessionManager::removeAllOf(int type, uint32_t clientId) {
-    using Turn = SessionRegistry::Turn;
     for (auto const& session : mRegistry->sessionsOf(type, clientId)) {
         Turn const turn = mRegistry->beginRemoval(session);
         if (turn == Turn::LATE) continue;
