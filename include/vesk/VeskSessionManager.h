@@ -67,8 +67,9 @@ public:
                                                     std::string const& businessName) const;
 
     /**
-     * Allocates the lowest free session id. It stays allocated until removeSession() is called
-     * with it; removeSessionByClient() does not free it. @return 1 to 65534, or -1 when all are in use.
+     * Allocates the lowest free session id, without a session. It stays allocated until
+     * removeSession() is called with it.
+     * @return 1 to 65534, or -1 when all are in use.
      */
     int makeSessionId() VESK_EXCLUDES(mMutex);
 

@@ -88,9 +88,8 @@ int VeskSessionManager::createSession(int clientId, int type, std::string const&
 bool VeskSessionManager::join(std::shared_ptr<SessionEntry> const& entry,
                               std::string const& topicName, std::string const& businessName) {
     SessionKey const& key = entry->key;
-    auto const session =
-            std::make_shared<VeskSession>(entry->id, key.flag, key.type, key.clientId, key.topicId,
-                                          key.businessId, std::string());
+    auto const session = std::make_shared<VeskSession>(entry->id, key.flag, key.type, key.clientId,
+                                                       key.topicId, key.businessId, std::string());
     if (!mRegistry->admit(session, entry)) {
         return false;
     }

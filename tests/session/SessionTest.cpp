@@ -64,8 +64,8 @@ protected:
     }
 
     /**
-     * "1c2" for consumer 1 of client 2, "1p2" for a provider, "1-" for an id without a session; ">3"
-     * where a reply reaches client 3 and not the session's; "+" where a request finds a provider.
+     * "1c2" for consumer 1 of client 2, "1p2" for a provider, "1-" for an id without a session;
+     * ">3" where a reply reaches client 3 and not the session's; "+" where requests arrive.
      */
     std::string state() {
         std::string text;
