@@ -18,13 +18,13 @@ struct SessionEntry;
  * Ownership: made by VeskSessionManager::createSession() and shared between the manager, the topic
  *            and whoever asked VeskSessionManager::getSession(). It holds its topic, and the topic
  *            holds it until removed.
- * Threads:   immutable after construction; send() and receive() may run on any threads at once.
+ * Threads:   immutable once it is found by its id; send() and receive() may run on any threads at once.
  */
 class VESK_EXPORT VeskSession : public std::enable_shared_from_this<VeskSession> {
 public:
     /**
      * Looks the topic up in the facade's topic manager, once. A topic that does not exist is no
-     * error: the session then drops what is sent through it.
+     * error here: the session then drops what is sent through it. createSession() fails instead.
      */
     VeskSession(uint16_t sessionId, bool flag, int type, uint32_t clientId, uint16_t topicId,
                 uint16_t businessId, std::string name);

@@ -20,11 +20,11 @@ struct SessionEntry;
 /**
  * Creates, finds and removes sessions, hands out their ids and announces providers.
  *
- * Threads: every operation may be called from any thread and from inside a callback. Two clients
- *          never have one id, and two threads that create the same provider get one session. Where
- *          threads create and remove the same session at once, it is removed and announced as gone
- *          once, but the host may hear of it, and a call may return, before another call's last
- *          step: what must happen in order belongs on one thread.
+ * Threads: every operation may be called from any thread and from inside a callback. Two live
+ *          sessions never have one id, two threads that create the same provider get one session,
+ *          and a session that several calls remove is announced as gone once. But a call that finds
+ *          another thread just creating or removing the same session does not wait for it: what
+ *          must have happened when a call returns belongs on one thread.
  * Locks:   none is held while a topic, the facade or the host is called.
  */
 class VESK_EXPORT VeskSessionManager {

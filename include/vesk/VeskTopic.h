@@ -20,7 +20,7 @@ class VeskSession;
  *
  * Ownership: made by VeskTopicManager and shared with the sessions. A topic holds its sessions and
  *            they hold it, so both live until the sessions have been taken out of it, or until the
- *            process ends.
+ *            process ends. What is taken out is let go of with no lock held.
  * Threads:   every operation may be called from any thread and from inside a callback; a session is
  *            called with no lock held, kept alive by a reference of the caller's.
  */

@@ -116,11 +116,10 @@ size_t SessionRegistry::count(int type) const {
 
 SessionRegistry::Removal SessionRegistry::beginRemoval(uint16_t sessionId) {
     Guard const lock(mManager.mMutex);
-    auto const inUse = mEntries.find(sessionId);
-    if (inUse == mEntries.end()) {
+    if (mManager.mSessionIds.count(sessionId) == 0) {
         return {findAny(sessionId), Turn::SECOND};
     }
-    Entry const entry = inUse->second;
+    Entry const entry = mEntries.at(sessionId);
     switch (entry->state) {
         case State::LIVE:
             freeId(*entry, State::LEAVING);

@@ -85,36 +85,43 @@ void exitInSend(std::function<void()> const& cause) {
 void expectRefusal() {
     Vesk* const vesk = Vesk::getInstance();
     auto* const sessions = vesk->getSessionManager();
+    int const pending = vesk->getQueue()->size();
     enqueue(1);
     FarPeer().send(FarPeer::Frame{2, 1, 2, 0, 1, 1, {}});
-    vesk->onChannelAvailable(false);
     if (vesk->createTopic("test", false) != 0 || vesk->hasTopic("test") || vesk->getTopic(2) ||
         sessions->createSession(1, 2, "test", "test", false) != -4 || sessions->getSession(1) ||
-        sessions->makeSessionId() != -1 || sessions->removeSession(1) != 0 ||
-        sessions->removeSessionByClient(1) != 0 || vesk->removeTopic("test") != 0 ||
-        !vesk->getQueue()->empty())
+        sessions->getSession(3) || sessions->makeSessionId() != -1 ||
+        sessions->removeSession(1) != 0 || sessions->removeSessionByClient(1) != 0 ||
+        vesk->removeTopic("test") != 0 || vesk->getQueue()->size() != pending)
         _exit(3);
 }
 
+int gReleased = 0;
+
+/** Must be released as the nth, and calls the library then. */
 struct LateCaller {
     ~LateCaller() {
         expectRefusal();
-        if (host()->getStrongCount() != 1) _exit(4);  // no other callback is installed any more
+        if (++gReleased != nth) _exit(4);
     }
+    int nth;
 };
 
 struct LateCallback : RecordingCallback {
-    LateCaller late;
+    ~LateCallback() override {
+        if (host()->getStrongCount() != 1) _exit(5);  // nobody else holds a new one
+    }
+    LateCaller late{3};
 };
 
 void callAfterTheEnd() {
-    static LateCaller const global;  // made before the instance, and so destroyed after it
+    static LateCaller const global{4};  // made before the instance, and so destroyed after it
     Vesk* const vesk = Vesk::getInstance();
     vesk->init(new LateCallback);
+    auto const late = [](int nth) { return [nth](auto* gone) { delete gone, LateCaller{nth}; }; };
+    vesk->getQueue()->enqueue(2, true, {new VeskFrame, late(2)});
     fill();
-    auto const last = [](auto* object) { expectRefusal(), delete object; };
-    vesk->getQueue()->enqueue(2, true, {new VeskFrame, last});
-    vesk->getTopic(2)->addSession(9, true, {new VeskSession(9, false, 2, 9, 2, 1, ""), last});
+    vesk->getTopic(2)->addSession(9, true, {new VeskSession(9, false, 2, 9, 2, 1, ""), late(1)});
 }
 
 // A thread that the child does not have may have held any lock; here this one does.

@@ -184,16 +184,19 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
 }
 
 TEST_F(SessionTest, WhatCannotBeJoinedFailsWithItsLines) {
-    std::tuple<int, std::string, std::string> const unknown[] = {
-            {0, "test", "test"}, {3, "test", "test"}, {1, "", "test"},
-            {1, "none", "test"}, {2, "test", "vm"},   {2, "virtualcomm", "vm"}};
-    for (auto const& [type, name, business] : unknown) {
+    std::string const noType = "|createSession:-4; topic:test|", unknown = "|getSessionDesc: null|";
+    std::tuple<int, std::string, std::string, std::string> const calls[] = {
+            {0, "test", "test", noType},
+            {3, "test", "test", noType},
+            {1, "", "test", "|getSessionDesc:0; topic:" + unknown},
+            {1, "none", "test", "|getSessionDesc:4; topic:none" + unknown},
+            {2, "test", "vm", "|getSessionDesc:4; topic:test" + unknown},
+            {2, "virtualcomm", "vm", "|getSessionDesc:11; topic:virtualcomm" + unknown}};
+    for (auto const& [type, name, business, lines] : calls) {
+        std::string expected = "createSession:";
+        expected.append(name).append(";in_bussiness:").append(business).append(lines);
         EXPECT_EQ(sessions->createSession(1, type, name, business, false), -4);
-        std::string const sought = std::to_string(name.size()) + "; topic:" + name;
-        EXPECT_EQ(std::exchange(gLines, ""),
-                  "createSession:" + name + ";in_bussiness:" + business +
-                          (type % 3 == 0 ? "|createSession:-4; topic:test|"
-                                         : "|getSessionDesc:" + sought + "|getSessionDesc: null|"));
+        EXPECT_EQ(std::exchange(gLines, ""), expected);
     }
     EXPECT_EQ(nextId(), 1);
 }
