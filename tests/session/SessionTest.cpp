@@ -154,12 +154,14 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
             {PROVIDER, MADE, [&] { return vesk->removeTopic("test"); }, 2, -4, "-"},
             {PROVIDER, MADE, [&] { return join(1, PROVIDER); }, 1, 1, "1p1 +"},
             {CONSUMER, MADE, [&] { return remove(1); }, 0, 1, "1c1 -"},
+            {CONSUMER, MADE, [&] { return join(1, PROVIDER); }, 2, 1, "1c1 2p1 +"},
             {PROVIDER, NEW, [&] { return remove(1); }, 1, 1, "1->1 +"},
             {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 1); }, 11, 1, "1c2 +"},
             {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 2); }, 11, 1, "1p2 +"},
             {PROVIDER, NEW, [&] { return byClient(1); }, 0, 1, "-"},
             {CONSUMER, ENTERS, [&] { return remove(1); }, 1, 1, "-"},
             {CONSUMER, ENTERS, [&] { return byClient(1); }, 0, 1, "-"},
+            {PROVIDER, ENTERS, [&] { return byClient(1) + join(2, 2); }, 1, 1, "1p2 +"},
             {CONSUMER, ENTERS, [&] { return 10 * remove(1) + join(2, 1); }, 11, 1, "1c2 -"},
             {PROVIDER, GONE, [&] { return join(2, PROVIDER); }, 1, 1, "1p2 +"},
             {PROVIDER, GONE, [&] { return join(2, 1) + session(1)->type(); }, 3, 1, "1c2 +"},
@@ -178,7 +180,13 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
         EXPECT_EQ(step.line == GONE ? remove(1) : id, step.outer);
         EXPECT_EQ(inner, step.inner);
         EXPECT_EQ(state(), step.after);
+        EXPECT_TRUE(step.after != "1p2 +" || receiver(0, 2) == "2");
+        int removals = 0;
+        for (auto const& change : callback->businessChanges())
+            removals += !change.added;
+        EXPECT_LE(removals, 1);
         reset();
+        callback->clear();
         EXPECT_EQ(nextId(), 1);
     }
 }
