@@ -29,17 +29,7 @@ TEST_F(FacadeTest, CallbackIsReplacedByAnotherButNotByNull) {
     EXPECT_EQ(next->getStrongCount(), 1);
 }
 
-TEST_F(FacadeTest, CallbackGetsWhatItIsMeantToGet) {
-    auto const received = frame(1);
-    vesk->receive(0xFFFFFFFE, 0x87654321, true, received);
-    vesk->notifyTopicChanged(false, "a");
-    vesk->notifyBusinessChanged(true, "b", "c");
-    auto const [client, session, local, delivered] = callback->deliveries().at(0);
-    EXPECT_TRUE(client == 0xFFFFFFFE && session == 0x87654321 && local && delivered == received);
-    auto const business = callback->businessChanges().at(0);
-    EXPECT_TRUE(business.added && business.topicName == "b" && business.businessName == "c");
-    auto const topic = callback->topicChanges().at(0);
-    EXPECT_TRUE(!topic.added && topic.topicName == "a");
+TEST_F(FacadeTest, OnlyAChannelThatGoesEmptiesTheQueue) {
     for (bool const available : {true, false}) {
         queue->enqueue(2, true, frame(2));
         vesk->onChannelAvailable(available);

@@ -192,20 +192,18 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
 }
 
 TEST_F(SessionTest, WhatCannotBeJoinedFailsWithItsLines) {
-    std::string const noType = "|createSession:-4; topic:test|", unknown = "|getSessionDesc: null|";
-    std::tuple<int, std::string, std::string, std::string> const calls[] = {
-            {0, "test", "test", noType},
-            {3, "test", "test", noType},
-            {1, "", "test", "|getSessionDesc:0; topic:" + unknown},
-            {1, "none", "test", "|getSessionDesc:4; topic:none" + unknown},
-            {2, "test", "vm", "|getSessionDesc:4; topic:test" + unknown},
-            {2, "virtualcomm", "vm", "|getSessionDesc:11; topic:virtualcomm" + unknown}};
-    for (auto const& [type, name, business, lines] : calls) {
-        std::string expected = "createSession:";
-        expected.append(name).append(";in_bussiness:").append(business).append(lines);
-        EXPECT_EQ(sessions->createSession(1, type, name, business, false), -4);
-        EXPECT_EQ(std::exchange(gLines, ""), expected);
+    std::string const in = ";in_bussiness:", noType = "|createSession:-4; topic:test|";
+    std::tuple<int, std::string, std::string> const calls[] = {
+            {0, "test", noType},
+            {3, "test", noType},
+            {1, "", "|getSessionDesc:0; topic:|getSessionDesc: null|"},
+            {1, "none", "|getSessionDesc:4; topic:none|getSessionDesc: null|"},
+            {2, "virtualcomm", "|getSessionDesc:11; topic:virtualcomm|getSessionDesc: null|"}};
+    for (auto const& [type, name, lines] : calls) {
+        EXPECT_EQ(sessions->createSession(1, type, name, "vm", false), -4);
+        EXPECT_EQ(std::exchange(gLines, ""), ("createSession:" + name) + (in + "vm") + lines);
     }
+    EXPECT_EQ(sessions->createSession(1, PROVIDER, "test", "vm", false), -4);
     EXPECT_EQ(nextId(), 1);
 }
 
