@@ -118,7 +118,12 @@ void callAfterTheEnd() {
     static LateCaller const global{4};  // made before the instance, and so destroyed after it
     Vesk* const vesk = Vesk::getInstance();
     vesk->init(new LateCallback);
-    auto const late = [](int nth) { return [nth](auto* gone) { delete gone, LateCaller{nth}; }; };
+    auto const late = [](int nth) {
+        return [nth](auto* gone) {
+            LateCaller const caller{nth};
+            delete gone;
+        };
+    };
     vesk->getQueue()->enqueue(2, true, {new VeskFrame, late(2)});
     fill();
     vesk->getTopic(2)->addSession(9, true, {new VeskSession(9, false, 2, 9, 2, 1, ""), late(1)});
