@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -28,20 +30,31 @@ namespace vesk {
  * the channel goes to getQueue()->receiveFromChannel(), and the callback gets the bytes to write.
  *
  * Ownership: the facade owns the queue, both managers and the catalogue for the life of the
- *            process. Pointers that it returns stay its own.
+ *            process. Pointers that it returns stay its own, and valid until the process is gone.
  * Threads:   every operation may be called from any thread and from inside a callback. Install the
  *            callback before traffic starts: until then bytes, frames and notifications are lost.
- * The end:   the instance is destroyed at process exit. It first stops the queue and waits for a
- *            sendToChannel() that the looper is just in; one that never returns is the only thing
- *            that can hold the exit. Threads of the host must have stopped calling the library by
- *            then, and a VeskQueue of the host's own must have been stopped.
+ * The end:   the instance ends at process exit, as a static object does: after those that were made
+ *            later, before those that were made earlier. It first stops the queue, which waits for
+ *            a sendToChannel() that the looper is just in; one that never returns is the only thing
+ *            that can hold the exit. Then sessions, topics, packets and at last the callback are
+ *            let go of, and nothing is announced. What is left refuses, and is safe to call for as
+ *            long as the process lasts, by threads that were not stopped and in destructors of
+ *            static objects and of the callback: nothing is created, found, sent or delivered, and
+ *            init() installs nothing. exit() may be called inside any callback. A VeskQueue of the
+ *            host's own must have been stopped before.
+ * fork():    a child has neither the looper nor the threads that may have held a lock. It may call
+ *            exit(), which leaves the copied instance alone, or an exec function, and nothing else
+ *            of the library. A child that is made before the first getInstance() is free.
  */
 class VESK_EXPORT Vesk {
 public:
-    /** The process-wide instance, made by the first call; never null. */
+    /**
+     * The process-wide instance, made by the first call; never null. That call throws
+     * std::system_error where no thread can be started.
+     */
     static Vesk* getInstance();
 
-    /** For getInstance() alone. Throws std::system_error where no thread can be started. */
+    /** For getInstance() alone: sessions, topics and queues ask that instance, and no other. */
     Vesk();
     ~Vesk();
     Vesk(Vesk const&) = delete;
@@ -49,7 +62,8 @@ public:
 
     /**
      * Installs the host's callback in place of an earlier one. Null is ignored. A call that is
-     * under way on another thread may still reach the earlier callback, which lives until then.
+     * under way on another thread may still reach the earlier callback, which lives until then; it
+     * is let go of with no lock held, so that its destructor may call the library.
      */
     void init(android::sp<VeskCallback> callback) VESK_EXCLUDES(mCallbackMutex);
 
@@ -93,6 +107,10 @@ public:
     void notifyBusinessChanged(bool added, std::string topicName, std::string businessName);
 
 private:
+    struct Lifetime;
+
+    /** Stops the queue and lets go of everything, and leaves an instance that refuses. */
+    void end() VESK_EXCLUDES(mCallbackMutex);
     android::sp<VeskCallback> callback() const VESK_EXCLUDES(mCallbackMutex);
 
     android::sp<VeskCallback> mCallback VESK_GUARDED_BY(mCallbackMutex);
@@ -101,6 +119,8 @@ private:
     VeskSessionManager mSessionManager;
     VeskConfig mConfig;
     mutable std::mutex mCallbackMutex;
+    const pid_t mProcess;  // that made the instance, and alone may end it
+    bool mEnded VESK_GUARDED_BY(mCallbackMutex) = false;
 };
 
 }  // namespace vesk

@@ -10,6 +10,7 @@ namespace vesk {
 
 class VeskFrame;
 class VeskTopic;
+struct SessionEntry;
 
 /**
  * One client's endpoint on one business of one topic, as provider (type 2) or consumer (type 1).
@@ -17,13 +18,13 @@ class VeskTopic;
  * Ownership: made by VeskSessionManager::createSession() and shared between the manager, the topic
  *            and whoever asked VeskSessionManager::getSession(). It holds its topic, and the topic
  *            holds it until removed.
- * Threads:   immutable after construction; send() and receive() may run on any threads at once.
+ * Threads:   immutable once it is found by its id; send() and receive() may run on any threads at once.
  */
 class VESK_EXPORT VeskSession : public std::enable_shared_from_this<VeskSession> {
 public:
     /**
      * Looks the topic up in the facade's topic manager, once. A topic that does not exist is no
-     * error: the session then drops what is sent through it.
+     * error here: the session then drops what is sent through it. createSession() fails instead.
      */
     VeskSession(uint16_t sessionId, bool flag, int type, uint32_t clientId, uint16_t topicId,
                 uint16_t businessId, std::string name);
@@ -53,6 +54,12 @@ public:
     std::string const& name() const { return mName; }
 
 private:
+    friend class SessionRegistry;
+    friend class VeskTopic;
+
+    /** Whether the manager gave this session an id after the other one had left it. */
+    bool hasSucceeded(VeskSession const& other) const;
+
     std::string TAG;
     std::shared_ptr<VeskTopic> mTopic;
     uint16_t mSessionId;
@@ -62,6 +69,7 @@ private:
     bool mFlag;
     int32_t mType;
     std::string mName;
+    std::shared_ptr<SessionEntry> mEntry;  // the manager's; null in what it did not make
 };
 
 }  // namespace vesk

@@ -7,21 +7,24 @@
 #include <set>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include <vesk/VeskExport.h>
 #include <vesk/VeskThreadAnnotations.h>
 
 namespace vesk {
 
+class SessionRegistry;
 class VeskSession;
+struct SessionEntry;
 
 /**
  * Creates, finds and removes sessions, hands out their ids and announces providers.
  *
- * Threads: memory stays sound whatever threads call, and every operation may be called from inside
- *          a callback. Creations and removals belong on one thread at a time: two that race over
- *          the same session each do their steps, and announce them, in an order that nobody chose.
+ * Threads: every operation may be called from any thread and from inside a callback. Two live
+ *          sessions never have one id, two threads that create the same provider get one session,
+ *          and a session that several calls remove is announced as gone once. But a call that finds
+ *          another thread just creating or removing the same session does not wait for it: what
+ *          must have happened when a call returns belongs on one thread.
  * Locks:   none is held while a topic, the facade or the host is called.
  */
 class VESK_EXPORT VeskSessionManager {
@@ -37,7 +40,7 @@ public:
         uint16_t businessId = 0;
     };
 
-    VeskSessionManager() = default;
+    VeskSessionManager();
     ~VeskSessionManager();
     VeskSessionManager(VeskSessionManager const&) = delete;
     VeskSessionManager& operator=(VeskSessionManager const&) = delete;
@@ -51,8 +54,10 @@ public:
      * @param flag     tells apart providers that are otherwise the same.
      * @return the new session's id, 1 to 65534; for a provider that exists already (same client,
      *         topic, business and flag) the existing one's id; -4 when the type is neither 1 nor 2,
-     *         the topic has not been created, the business is not in the catalogue, or every id is
-     *         in use. A failure changes nothing.
+     *         the topic has not been created or was removed by another thread meanwhile, the
+     *         business is not in the catalogue, or every id is in use. A failure changes nothing.
+     *         An existing provider's id is returned also while another thread is just creating it,
+     *         and while a callback tells the host that it is gone.
      */
     int createSession(int clientId, int type, std::string const& topicName,
                       std::string const& businessName, bool flag) VESK_EXCLUDES(mMutex);
@@ -62,68 +67,55 @@ public:
                                                     std::string const& businessName) const;
 
     /**
-     * Allocates the lowest free session id. It stays allocated until removeSession() is called
-     * with it. @return 1 to 65534, or -1 when all are in use.
+     * Allocates the lowest free session id, without a session. It stays allocated until
+     * removeSession() is called with it.
+     * @return 1 to 65534, or -1 when all are in use.
      */
     int makeSessionId() VESK_EXCLUDES(mMutex);
 
-    /** The session with this id, provider or consumer; null when there is none. */
+    /**
+     * The session with this id; null when there is none. A provider that is being announced as gone
+     * is found before a consumer that has got its id meanwhile.
+     */
     std::shared_ptr<VeskSession> getSession(uint16_t sessionId) const VESK_EXCLUDES(mMutex);
 
     /**
-     * Removes one session and frees its id. A consumer leaves its topic too. A provider is
-     * announced as gone but stays in its topic, which goes on routing to it;
-     * removeSessionByClient() takes providers out of their topics as well.
+     * Removes one session and frees its id. A consumer leaves its topic, and with it whatever else
+     * has this id there. A provider is announced as gone but stays in its topic, which goes on
+     * routing to it; removeSessionByClient() takes providers out of their topics as well.
      *
-     * The id is free before the announcement; getSession() finds the provider until it is over.
+     * The id is free before the announcement: a session that the callback creates may get it, and
+     * is not touched. getSession() finds the provider until the announcement is over. A callback
+     * that removes it again ends it at once, without another announcement. A provider that is
+     * removed while it is announced as new enters its topic afterwards, and stays there.
      *
-     * @return the number of sessions removed, 0 or 1.
+     * @return the number of sessions removed, 0 or 1. One of several calls that remove the same
+     *         session counts it.
      */
     size_t removeSession(uint16_t sessionId) VESK_EXCLUDES(mMutex);
 
     /**
      * Removes every session of a client, also from their topics, and announces each provider as
-     * gone. @return always 0.
+     * gone. What a callback creates for the client meanwhile stays. @return always 0.
      */
     int removeSessionByClient(uint32_t clientId) VESK_EXCLUDES(mMutex);
 
 private:
+    friend class SessionRegistry;
+    friend class Vesk;
     using SessionTable = std::unordered_map<uint16_t, std::shared_ptr<VeskSession>>;
 
-    int allocateId() VESK_REQUIRES(mMutex);
-    void freeId(uint16_t sessionId) VESK_REQUIRES(mMutex);
-    SessionTable& tableOf(int type) VESK_REQUIRES(mMutex) {
-        return type == PROVIDER ? mProviderSessions : mConsumerSessions;
-    }
-    SessionTable const& tableOf(int type) const VESK_REQUIRES(mMutex) {
-        return type == PROVIDER ? mProviderSessions : mConsumerSessions;
-    }
-    std::shared_ptr<VeskSession> find(int type, uint16_t sessionId) const VESK_REQUIRES(mMutex);
-    std::shared_ptr<VeskSession> findDuplicate(uint32_t clientId, VeskSessionDesc const& desc,
-                                               bool flag) const VESK_REQUIRES(mMutex);
-
-    // Steps of creation and removal; a session that has been replaced under its id stays out of it.
-    void admit(std::shared_ptr<VeskSession> const& session, std::string const& topicName,
-               std::string const& businessName) VESK_EXCLUDES(mMutex);
-    bool release(std::shared_ptr<VeskSession> const& session) VESK_EXCLUDES(mMutex);
-    static void leaveTopic(VeskSession const& session);
-    size_t forget(std::shared_ptr<VeskSession> const& session) VESK_EXCLUDES(mMutex);
-
+    /** Ends it: the tables let go of their sessions, and nothing is created any more. */
+    void close() VESK_EXCLUDES(mMutex);
+    bool join(std::shared_ptr<SessionEntry> const& entry, std::string const& topicName,
+              std::string const& businessName) VESK_EXCLUDES(mMutex);
     size_t removeAllOf(int type, uint32_t clientId) VESK_EXCLUDES(mMutex);
-    std::vector<std::shared_ptr<VeskSession>> sessionsOf(int type, uint32_t clientId) const
-            VESK_EXCLUDES(mMutex);
 
     std::set<uint16_t> mSessionIds VESK_GUARDED_BY(mMutex);
     SessionTable mConsumerSessions VESK_GUARDED_BY(mMutex);
     SessionTable mProviderSessions VESK_GUARDED_BY(mMutex);
-
-    // Sessions whose removal has begun and not ended: a callback may ask for it again.
-    std::set<VeskSession const*> mLeaving VESK_GUARDED_BY(mMutex);
-    // Ids below mNextId are either in use or in mFreedIds, so that the lowest free one is found
-    // without searching.
-    std::set<uint16_t> mFreedIds VESK_GUARDED_BY(mMutex);
-    uint16_t mNextId VESK_GUARDED_BY(mMutex) = 1;
     mutable std::mutex mMutex;
+    const std::unique_ptr<SessionRegistry> mRegistry;  // takes mMutex
 };
 
 }  // namespace vesk

@@ -20,7 +20,7 @@ class VeskSession;
  *
  * Ownership: made by VeskTopicManager and shared with the sessions. A topic holds its sessions and
  *            they hold it, so both live until the sessions have been taken out of it, or until the
- *            process ends.
+ *            process ends. What is taken out is let go of with no lock held.
  * Threads:   every operation may be called from any thread and from inside a callback; a session is
  *            called with no lock held, kept alive by a reference of the caller's.
  */
@@ -37,7 +37,9 @@ public:
 
     /**
      * Enters a session under its id, in place of an earlier one with that id. A provider can be
-     * addressed like a consumer too. A null session is ignored.
+     * addressed like a consumer too. A null session is ignored. What a host enters here itself, the
+     * session manager does not know; it goes when removeSession() is called with its id, or the
+     * manager removes a session that has its id and this topic.
      *
      * REQUIRES: sessionId is the session's own id; replies are routed by it.
      */
@@ -67,15 +69,22 @@ public:
     void receive(bool local, std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mMutex);
 
 private:
-    friend class Vesk;
     friend class VeskSessionManager;
+    friend class VeskTopicManager;
     using SessionTable = std::unordered_map<uint16_t, std::shared_ptr<VeskSession>>;
 
     std::shared_ptr<VeskSession> findProvider(uint16_t businessId) const VESK_EXCLUDES(mMutex);
     std::shared_ptr<VeskSession> findConsumer(uint16_t businessId, uint16_t sessionId) const
             VESK_EXCLUDES(mMutex);
-    /** Takes out what has the id; with `only`, what has got it after that session stays. */
-    void takeOut(uint16_t sessionId, VeskSession const* only) VESK_EXCLUDES(mMutex);
+    // addSession() and removeSession() as the session manager calls them: where a callback or
+    // another thread has given the session's id to a new one, that keeps its place. `late` is the
+    // session that comes or goes; null for a host, to whom every place gives way.
+    void enter(std::shared_ptr<VeskSession> const& session, bool isProvider) VESK_EXCLUDES(mMutex);
+    void leave(VeskSession const& session) VESK_EXCLUDES(mMutex);
+    void put(uint16_t sessionId, bool isProvider, std::shared_ptr<VeskSession> const& session,
+             VeskSession const* late) VESK_EXCLUDES(mMutex);
+    void takeOut(uint16_t sessionId, VeskSession const* late) VESK_EXCLUDES(mMutex);
+    static bool isTaken(SessionTable const& table, uint16_t sessionId, VeskSession const* late);
     void dropSessions() VESK_EXCLUDES(mMutex);
 
     std::string TAG;

@@ -5,7 +5,6 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include <vesk/VeskExport.h>
 #include <vesk/VeskThreadAnnotations.h>
@@ -25,7 +24,8 @@ class VeskTopic;
  */
 class VESK_EXPORT VeskTopicManager {
 public:
-    VeskTopicManager() = default;
+    VeskTopicManager();
+    ~VeskTopicManager();
     VeskTopicManager(VeskTopicManager const&) = delete;
     VeskTopicManager& operator=(VeskTopicManager const&) = delete;
 
@@ -53,13 +53,15 @@ public:
 private:
     friend class Vesk;
 
+    struct State;
+
     bool forget(uint16_t topicId) VESK_EXCLUDES(mMutex);
-    std::vector<std::shared_ptr<VeskTopic>> everyTopic() const VESK_EXCLUDES(mMutex);
+    /** Ends it: every topic lets go of its sessions, and none is created any more. */
+    void close() VESK_EXCLUDES(mMutex);
 
     std::unordered_map<uint16_t, std::shared_ptr<VeskTopic>> mTopics VESK_GUARDED_BY(mMutex);
-    // Removed, and perhaps still alive through their sessions.
-    std::vector<std::weak_ptr<VeskTopic>> mRemoved VESK_GUARDED_BY(mMutex);
     mutable std::mutex mMutex;
+    const std::unique_ptr<State> mState;  // guarded by mMutex too
 };
 
 }  // namespace vesk

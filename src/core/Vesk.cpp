@@ -1,25 +1,54 @@
 #include <vesk/Vesk.h>
 
+#include <unistd.h>
+
+#include <cstddef>
+#include <new>
 #include <utility>
 
 namespace vesk {
 
+namespace {
+
+// The instance's memory outlives every destructor of the process: until the very end a callback's
+// destructor, a host's global or a thread that nobody has stopped may call the library.
+alignas(Vesk) std::byte gStorage[sizeof(Vesk)];
+
+}  // namespace
+
+/** The one instance from its first use to the process's exit; what it leaves behind refuses. */
+struct Vesk::Lifetime {
+    Lifetime() { new (gStorage) Vesk; }
+    ~Lifetime() { std::launder(reinterpret_cast<Vesk*>(gStorage))->end(); }
+};
+
 Vesk* Vesk::getInstance() {
-    static Vesk instance;
-    return &instance;
+    static Lifetime const lifetime;
+    return std::launder(reinterpret_cast<Vesk*>(gStorage));
 }
 
-Vesk::Vesk() {
+Vesk::Vesk() : mProcess(getpid()) {
     mQueue = std::make_shared<VeskQueue>();
 }
 
 Vesk::~Vesk() {
-    // The looper ends before anything that it calls. Topics and sessions own each other: without
-    // the cut they, and the queue with them, would outlive the process's last statement.
-    mQueue->stop();
-    for (auto const& topic : mTopicManager.everyTopic()) {
-        topic->dropSessions();
+    end();
+}
+
+void Vesk::end() {
+    // A child made by fork() has no looper to wait for, and threads that it does not have may have
+    // held any lock. What it has a copy of is the parent's to end.
+    if (getpid() != mProcess) {
+        return;
     }
+    mQueue->stop();  // the looper ends before anything that it calls
+    mSessionManager.close();
+    mTopicManager.close();
+    mQueue->cleanup();
+    android::sp<VeskCallback> last;  // released after the lock, and may still call
+    std::lock_guard<std::mutex> lock(mCallbackMutex);
+    mEnded = true;
+    last = std::exchange(mCallback, nullptr);
 }
 
 void Vesk::init(android::sp<VeskCallback> callback) {
@@ -29,6 +58,7 @@ void Vesk::init(android::sp<VeskCallback> callback) {
     android::sp<VeskCallback> earlier;  // released after the lock: its destructor is the host's
     {
         std::lock_guard<std::mutex> lock(mCallbackMutex);
+        if (mEnded) return;
         earlier = std::exchange(mCallback, callback);
     }
 }

@@ -5,6 +5,7 @@
 #include <vesk/Vesk.h>
 
 #include "core/DebugLog.h"
+#include "session/SessionEntry.h"
 
 namespace vesk {
 
@@ -35,6 +36,10 @@ void VeskSession::send(bool local, std::shared_ptr<VeskFrame> const& frame, int 
 
 void VeskSession::receive(bool local, std::shared_ptr<VeskFrame> const& frame) {
     Vesk::getInstance()->receive(mClientId, mSessionId, local, frame);
+}
+
+bool VeskSession::hasSucceeded(VeskSession const& other) const {
+    return mEntry && mSessionId == other.mSessionId && mEntry->order > other.mEntry->order;
 }
 
 }  // namespace vesk

@@ -1,17 +1,17 @@
 #include <vesk/VeskSessionManager.h>
 
-#include <utility>
-
 #include <vesk/Vesk.h>
 
 #include "core/DebugLog.h"
+#include "session/SessionRegistry.h"
 
 namespace vesk {
 
 namespace {
 
+using Turn = SessionRegistry::Turn;
+
 constexpr char const* TAG = "VeskSessionManager";
-constexpr uint16_t ID_LIMIT = 0xFFFF;  // never handed out
 
 void announceRemoval(VeskSession const& session) {
     VeskConfig const& config = *Vesk::getInstance()->getConfig();
@@ -22,35 +22,19 @@ void announceRemoval(VeskSession const& session) {
 
 }  // namespace
 
-// The tables let go of their sessions, consumers first; nothing is taken out of a topic or
-// announced at the end.
+VeskSessionManager::VeskSessionManager() : mRegistry(std::make_unique<SessionRegistry>(*this)) {}
+
+// Nothing is taken out of a topic or announced at the end.
 VeskSessionManager::~VeskSessionManager() {
-    mConsumerSessions.clear();
+    close();
+}
+
+void VeskSessionManager::close() {
+    mRegistry->close();
 }
 
 int VeskSessionManager::makeSessionId() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return allocateId();
-}
-
-int VeskSessionManager::allocateId() {
-    uint16_t id = mNextId;
-    if (!mFreedIds.empty()) {
-        id = *mFreedIds.begin();
-        mFreedIds.erase(mFreedIds.begin());
-    } else if (mNextId == ID_LIMIT) {
-        return -1;
-    } else {
-        ++mNextId;
-    }
-    mSessionIds.insert(id);
-    return id;
-}
-
-void VeskSessionManager::freeId(uint16_t sessionId) {
-    if (mSessionIds.erase(sessionId) != 0) {
-        mFreedIds.insert(sessionId);
-    }
+    return mRegistry->hold();
 }
 
 std::shared_ptr<VeskSessionManager::VeskSessionDesc> VeskSessionManager::getSessionDesc(
@@ -86,89 +70,55 @@ int VeskSessionManager::createSession(int clientId, int type, std::string const&
         debugLog(TAG, "getSessionDesc: null");
         return CREATE_FAILED;
     }
-    auto const client = static_cast<uint32_t>(clientId);
-    std::shared_ptr<VeskSession> duplicate;
-    int id = 0;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (type == PROVIDER) duplicate = findDuplicate(client, *desc, flag);
-        if (!duplicate) id = allocateId();
+    SessionKey const key{type, static_cast<uint32_t>(clientId), desc->topicId, desc->businessId,
+                         flag};
+    auto const [entry, id] = mRegistry->reserve(key);
+    if (!entry && id > 0) {
+        debugLog(TAG, "provider has exist:", id);
+        return id;
     }
-    if (duplicate) {
-        debugLog(TAG, "provider has exist:", duplicate->sessionId());
-        return duplicate->sessionId();
-    }
-    if (id < 1) {
+    if (!entry || !join(entry, topicName, businessName)) {
         debugLog(TAG, "createSession:", CREATE_FAILED, "; topic:", topicName);
         return CREATE_FAILED;
     }
-    auto session = std::make_shared<VeskSession>(static_cast<uint16_t>(id), flag, type, client,
-                                                 desc->topicId, desc->businessId, std::string());
-    admit(session, topicName, businessName);
     debugLog(TAG, "createSession:", id, "; topic:", topicName);
     return id;
 }
 
-void VeskSessionManager::admit(std::shared_ptr<VeskSession> const& session,
-                               std::string const& topicName, std::string const& businessName) {
-    bool const isProvider = session->type() == PROVIDER;
-    std::shared_ptr<VeskSession> earlier;  // of the same id, still being removed; released unlocked
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        SessionTable& table = isProvider ? mProviderSessions : mConsumerSessions;
-        earlier = std::exchange(table[session->sessionId()], session);
+bool VeskSessionManager::join(std::shared_ptr<SessionEntry> const& entry,
+                              std::string const& topicName, std::string const& businessName) {
+    SessionKey const& key = entry->key;
+    auto const session = std::make_shared<VeskSession>(entry->id, key.flag, key.type, key.clientId,
+                                                       key.topicId, key.businessId, std::string());
+    if (!mRegistry->admit(session, entry)) {
+        return false;
     }
-    if (isProvider) {
+    if (key.type == PROVIDER) {
         Vesk::getInstance()->notifyBusinessChanged(true, topicName, businessName);
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (find(PROVIDER, session->sessionId()) != session) return;  // removed by the callback
     }
-    // The topic may have been removed by another thread since the names were resolved.
-    if (auto const topic = session->getTopic()) {
-        topic->addSession(session->sessionId(), isProvider, session);
-    }
-}
-
-std::shared_ptr<VeskSession> VeskSessionManager::findDuplicate(uint32_t clientId,
-                                                               VeskSessionDesc const& desc,
-                                                               bool flag) const {
-    for (auto const& entry : mProviderSessions) {
-        VeskSession const& session = *entry.second;
-        if (session.clientId() == clientId && session.topicId() == desc.topicId &&
-            session.flag() == flag && session.businessId() == desc.businessId) {
-            return entry.second;
-        }
-    }
-    return nullptr;
+    // Another call, of this callback or of another thread, may have removed the session by now. A
+    // provider that was removed by its id goes on into its topic, as it would have stayed there.
+    auto const topic = session->getTopic();
+    topic->enter(session, key.type == PROVIDER);
+    if (!mRegistry->staysInTopic(session)) topic->leave(*session);
+    return true;
 }
 
 std::shared_ptr<VeskSession> VeskSessionManager::getSession(uint16_t sessionId) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    auto const provider = find(PROVIDER, sessionId);
-    return provider ? provider : find(CONSUMER, sessionId);
+    return mRegistry->find(sessionId);
 }
 
 size_t VeskSessionManager::removeSession(uint16_t sessionId) {
-    std::shared_ptr<VeskSession> consumer, provider;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        freeId(sessionId);
-        consumer = find(CONSUMER, sessionId);
-        provider = find(PROVIDER, sessionId);
-        if (provider && (!provider->getTopic() || !mLeaving.insert(provider.get()).second)) {
-            provider = nullptr;  // not to be announced, or being announced as gone just now
-        }
+    auto const [session, turn] = mRegistry->beginRemoval(sessionId);
+    if (!session) {
+        return 0;
     }
-    size_t removed = 0;
-    if (consumer) {
-        leaveTopic(*consumer);
-        removed = forget(consumer);
+    if (session->type() == CONSUMER) {
+        session->getTopic()->leave(*session);
+    } else if (turn == Turn::FIRST) {
+        announceRemoval(*session);
     }
-    if (provider) {
-        announceRemoval(*provider);
-        removed = forget(provider);
-    }
-    return removed;
+    return mRegistry->endRemoval(session) ? 1 : 0;
 }
 
 int VeskSessionManager::removeSessionByClient(uint32_t clientId) {
@@ -178,55 +128,14 @@ int VeskSessionManager::removeSessionByClient(uint32_t clientId) {
 }
 
 size_t VeskSessionManager::removeAllOf(int type, uint32_t clientId) {
-    for (auto const& session : sessionsOf(type, clientId)) {
-        if (!release(session)) continue;  // a callback has removed it, or this is that callback
-        if (type == PROVIDER) announceRemoval(*session);
-        forget(session);
+    for (auto const& session : mRegistry->sessionsOf(type, clientId)) {
+        Turn const turn = mRegistry->beginRemoval(session);
+        if (turn == Turn::LATE) continue;
+        session->getTopic()->leave(*session);
+        if (type == PROVIDER && turn == Turn::FIRST) announceRemoval(*session);
+        mRegistry->endRemoval(session);
     }
-    std::lock_guard<std::mutex> lock(mMutex);
-    return tableOf(type).size();
-}
-
-std::vector<std::shared_ptr<VeskSession>> VeskSessionManager::sessionsOf(int type,
-                                                                         uint32_t clientId) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    std::vector<std::shared_ptr<VeskSession>> found;
-    for (auto const& entry : tableOf(type)) {
-        if (entry.second->clientId() == clientId) found.push_back(entry.second);
-    }
-    return found;
-}
-
-bool VeskSessionManager::release(std::shared_ptr<VeskSession> const& session) {
-    bool first = false;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        if (find(session->type(), session->sessionId()) != session) return false;
-        first = mLeaving.insert(session.get()).second;
-        if (first) freeId(session->sessionId());
-    }
-    leaveTopic(*session);
-    return first;
-}
-
-// By identity: the id is free, and another thread may have given it to a new session by now.
-void VeskSessionManager::leaveTopic(VeskSession const& session) {
-    if (auto const topic = session.getTopic()) topic->takeOut(session.sessionId(), &session);
-}
-
-size_t VeskSessionManager::forget(std::shared_ptr<VeskSession> const& session) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mLeaving.erase(session.get());
-    auto const present = find(session->type(), session->sessionId());
-    // The id was freed before: a callback may have given it, and the place, to a new session.
-    if (present == session) tableOf(session->type()).erase(session->sessionId());
-    return present ? 1 : 0;
-}
-
-std::shared_ptr<VeskSession> VeskSessionManager::find(int type, uint16_t sessionId) const {
-    SessionTable const& table = tableOf(type);
-    auto const found = table.find(sessionId);
-    return found == table.end() ? nullptr : found->second;
+    return mRegistry->count(type);
 }
 
 }  // namespace vesk

@@ -11,18 +11,6 @@
 
 namespace vesk {
 
-namespace {
-
-/** Of any session with this id; with `only`, of no other than that one. */
-template <typename Table>
-auto extract(Table& table, uint16_t id, VeskSession const* only) {
-    auto const found = table.find(id);
-    bool const fits = found != table.end() && (!only || found->second.get() == only);
-    return fits ? table.extract(found) : typename Table::node_type();
-}
-
-}  // namespace
-
 VeskTopic::VeskTopic(uint16_t topicId, bool isLocal, std::shared_ptr<VeskQueue> const& queue)
     : TAG("[" + std::to_string(topicId) + "]"),
       mTopicId(topicId),
@@ -35,17 +23,24 @@ VeskTopic::~VeskTopic() = default;
 
 void VeskTopic::addSession(uint16_t sessionId, bool isProvider,
                            std::shared_ptr<VeskSession> session) {
-    if (!session) {
-        return;
-    }
+    if (session) put(sessionId, isProvider, session, nullptr);
+}
+
+void VeskTopic::enter(std::shared_ptr<VeskSession> const& session, bool isProvider) {
+    put(session->sessionId(), isProvider, session, session.get());
+}
+
+void VeskTopic::put(uint16_t sessionId, bool isProvider,
+                    std::shared_ptr<VeskSession> const& session, VeskSession const* late) {
     debugLog(TAG.c_str(), "addSession:", sessionId, ";business:", session->businessId());
-    std::shared_ptr<VeskSession> earlierProvider, earlierConsumer;  // released after the lock
+    std::shared_ptr<VeskSession> provider = session;  // then what was in its place,
+    std::shared_ptr<VeskSession> consumer = session;  // to be released after the lock
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (isProvider) {
-            earlierProvider = std::exchange(mProviders[sessionId], session);
+        if (isProvider && !isTaken(mProviders, sessionId, late)) {
+            mProviders[sessionId].swap(provider);
         }
-        earlierConsumer = std::exchange(mConsumers[sessionId], std::move(session));
+        if (!isTaken(mConsumers, sessionId, late)) mConsumers[sessionId].swap(consumer);
     }
 }
 
@@ -53,21 +48,26 @@ void VeskTopic::removeSession(uint16_t sessionId) {
     takeOut(sessionId, nullptr);
 }
 
-void VeskTopic::takeOut(uint16_t sessionId, VeskSession const* only) {
+void VeskTopic::leave(VeskSession const& session) {
+    takeOut(session.sessionId(), &session);
+}
+
+void VeskTopic::takeOut(uint16_t sessionId, VeskSession const* late) {
     SessionTable::node_type provider, consumer;  // released after the lock
     size_t providers = 0, consumers = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        // Every session stands in mConsumers. Where this one still does, another of its id can only
-        // be an older provider that was left behind, and goes with it.
-        auto const newest = mConsumers.find(sessionId);
-        if (newest != mConsumers.end() && newest->second.get() == only) only = nullptr;
-        provider = extract(mProviders, sessionId, only);
-        consumer = extract(mConsumers, sessionId, only);
+        if (!isTaken(mProviders, sessionId, late)) provider = mProviders.extract(sessionId);
+        if (!isTaken(mConsumers, sessionId, late)) consumer = mConsumers.extract(sessionId);
         providers = mProviders.size();
         consumers = mConsumers.size();
     }
     debugLog(TAG.c_str(), "mProviders:", providers, "mConsumers:", consumers);
+}
+
+bool VeskTopic::isTaken(SessionTable const& table, uint16_t sessionId, VeskSession const* late) {
+    auto const found = table.find(sessionId);
+    return late && found != table.end() && found->second->hasSucceeded(*late);
 }
 
 int VeskTopic::calPriority(int value) const {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 #include <vesk/Vesk.h>
 
@@ -12,6 +13,28 @@ namespace vesk {
 namespace {
 constexpr char const* TAG = "VeskTopicManager";
 }
+
+struct VeskTopicManager::State {
+    /** Keeps track of a removed topic for as long as its sessions keep it alive. */
+    void remember(std::shared_ptr<VeskTopic> const& topic) {
+        if (removed.size() == pruneAt) {
+            auto const gone = [](auto const& earlier) { return earlier.expired(); };
+            removed.erase(std::remove_if(removed.begin(), removed.end(), gone), removed.end());
+            // Only a list that has doubled is gone through again, so that a removal takes as long
+            // with many topics alive as with few.
+            pruneAt = 2 * removed.size() + 1;
+        }
+        removed.push_back(topic);
+    }
+
+    std::vector<std::weak_ptr<VeskTopic>> removed;
+    size_t pruneAt = 1;
+    bool closed = false;
+};
+
+VeskTopicManager::VeskTopicManager() : mState(std::make_unique<State>()) {}
+
+VeskTopicManager::~VeskTopicManager() = default;
 
 int VeskTopicManager::createTopic(std::string const& name, bool isLocal,
                                   std::shared_ptr<VeskQueue> const& queue) {
@@ -25,7 +48,7 @@ int VeskTopicManager::createTopic(std::string const& name, bool isLocal,
     auto topic = std::make_shared<VeskTopic>(key, isLocal, queue);
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (!mTopics.try_emplace(key, std::move(topic)).second) return 0;
+        if (mState->closed || !mTopics.try_emplace(key, std::move(topic)).second) return 0;
     }
     Vesk::getInstance()->notifyTopicChanged(true, name);
     return id;
@@ -51,9 +74,7 @@ bool VeskTopicManager::forget(uint16_t topicId) {
     if (removed.empty()) {
         return false;
     }
-    auto const gone = [](std::weak_ptr<VeskTopic> const& earlier) { return earlier.expired(); };
-    mRemoved.erase(std::remove_if(mRemoved.begin(), mRemoved.end(), gone), mRemoved.end());
-    mRemoved.push_back(removed.mapped());
+    mState->remember(removed.mapped());
     return true;
 }
 
@@ -68,16 +89,24 @@ std::shared_ptr<VeskTopic> VeskTopicManager::getTopic(uint16_t topicId) const {
     return found == mTopics.end() ? nullptr : found->second;
 }
 
-std::vector<std::shared_ptr<VeskTopic>> VeskTopicManager::everyTopic() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    std::vector<std::shared_ptr<VeskTopic>> all;
-    for (auto const& entry : mTopics) {
-        all.push_back(entry.second);
+void VeskTopicManager::close() {
+    std::vector<std::shared_ptr<VeskTopic>> topics;  // emptied, and released, without the lock
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mState->closed = true;
+        for (auto& [id, topic] : mTopics) {
+            topics.push_back(std::move(topic));
+        }
+        mTopics.clear();
+        for (auto const& removed : mState->removed) {
+            if (auto topic = removed.lock()) topics.push_back(std::move(topic));
+        }
     }
-    for (auto const& removed : mRemoved) {
-        if (auto topic = removed.lock()) all.push_back(std::move(topic));
+    // Topics and sessions own each other: without the cut they, and the queue with them, would
+    // stay.
+    for (auto const& topic : topics) {
+        topic->dropSessions();
     }
-    return all;
 }
 
 }  // namespace vesk

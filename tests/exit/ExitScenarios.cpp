@@ -1,14 +1,15 @@
 // Ends its process in the way that is named on the command line. The exit status is the result: 0
 // from a process that ended cleanly, under a leak checker too.
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -80,6 +81,67 @@ void exitInSend(std::function<void()> const& cause) {
         pause();
 }
 
+/** Uses every part of the library, and ends the process where anything of it works. */
+void expectRefusal() {
+    Vesk* const vesk = Vesk::getInstance();
+    auto* const sessions = vesk->getSessionManager();
+    int const pending = vesk->getQueue()->size();
+    enqueue(1);
+    FarPeer().send(FarPeer::Frame{2, 1, 2, 0, 1, 1, {}});
+    if (vesk->createTopic("test", false) != 0 || vesk->hasTopic("test") || vesk->getTopic(2) ||
+        sessions->createSession(1, 2, "test", "test", false) != -4 || sessions->getSession(1) ||
+        sessions->getSession(3) || sessions->makeSessionId() != -1 ||
+        sessions->removeSession(1) != 0 || sessions->removeSessionByClient(1) != 0 ||
+        vesk->removeTopic("test") != 0 || vesk->getQueue()->size() != pending)
+        _exit(3);
+}
+
+int gReleased = 0;
+
+/** Must be released as the nth, and calls the library then. */
+struct LateCaller {
+    ~LateCaller() {
+        expectRefusal();
+        if (++gReleased != nth) _exit(4);
+    }
+    int nth;
+};
+
+struct LateCallback : RecordingCallback {
+    ~LateCallback() override {
+        if (host()->getStrongCount() != 1) _exit(5);  // nobody else holds a new one
+    }
+    LateCaller late{3};
+};
+
+void callAfterTheEnd() {
+    static LateCaller const global{4};  // made before the instance, and so destroyed after it
+    Vesk* const vesk = Vesk::getInstance();
+    vesk->init(new LateCallback);
+    auto const late = [](int nth) {
+        return [nth](auto* gone) {
+            LateCaller const caller{nth};
+            delete gone;
+        };
+    };
+    vesk->getQueue()->enqueue(2, true, {new VeskFrame, late(2)});
+    fill();
+    vesk->getTopic(2)->addSession(9, true, {new VeskSession(9, false, 2, 9, 2, 1, ""), late(1)});
+}
+
+// A thread that the child does not have may have held any lock; here this one does.
+void exitInChild() {
+    host();
+    std::lock_guard<std::mutex> const lock(Vesk::getInstance()->getQueue()->mutex());
+    int status = -1;
+    if (pid_t const child = fork(); child != 0) {
+        if (waitpid(child, &status, 0) != child || status != 0) _exit(5);
+        return;
+    }
+    alarm(10);  // ends the child where it hangs
+    std::exit(0);
+}
+
 std::map<std::string, std::function<void()>> const SCENARIOS{
         {"unused", [] { VeskFrame::obtainFrame(true); }},
         {"no-callback", endIdle},
@@ -93,17 +155,22 @@ std::map<std::string, std::function<void()>> const SCENARIOS{
              fill();
              std::abort();
          }},
+        {"call-after", callAfterTheEnd},
+        {"call-all-the-while",
+         [] {
+             host();
+             std::thread([] {
+                 for (;;)
+                     fill();
+             }).detach();
+         }},
+        {"exit-in-child", exitInChild},
 };
 
 }  // namespace
 }  // namespace vesk
 
 int main(int argc, char** argv) {
-    auto const scenario = vesk::SCENARIOS.find(argc == 2 ? argv[1] : "");
-    if (scenario == vesk::SCENARIOS.end()) {
-        std::fprintf(stderr, "usage: vesk_exit SCENARIO, one of those in tests/CMakeLists.txt\n");
-        return 2;
-    }
-    scenario->second();
+    vesk::SCENARIOS.at(argc == 2 ? argv[1] : "none is named")();  // ends badly for any other name
     return 0;
 }

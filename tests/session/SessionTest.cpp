@@ -1,132 +1,239 @@
 #include "support/VeskTest.h"
 
+#include <quillex/Log.h>
+
+#include <functional>
 #include <set>
+#include <thread>
 
 namespace vesk {
 namespace {
 
+constexpr uint32_t FAR_CLIENT = 65537;  // client 1 to whom looks at 16 bits
+
+std::string gLines;                // the library's, and what the host was told, in order
+std::string gAwaited;              // the line at which
+std::function<void()> gMeanwhile;  // another thread does this, once
+
 class SessionTest : public VeskTest {
 protected:
     SessionTest() {
+        callback->onBusinessChange([this](auto const& change) {
+            std::string const name = change.topicName + "/" + change.businessName;
+            quillex::Log::d("host", (change.added ? "+" + name : "-" + name).c_str());
+            gLines += state() + '|';
+        });
+        reset();
+        quillex::Log::setSink([](char const* tag, char const* message) {
+            std::string const who(tag);
+            if (who == "VeskQueue") return;
+            gLines += (who == "VeskSessionManager" ? "" : who + " ") + message + '|';
+            if (message != gAwaited) return;
+            if (auto const action = std::exchange(gMeanwhile, nullptr)) std::thread(action).join();
+        });
+    }
+
+    ~SessionTest() override { quillex::Log::setSink(nullptr); }
+
+    void reset() {
+        for (uint32_t const client : {1U, 2U})
+            sessions->removeSessionByClient(client);
+        vesk->removeTopic("test");
         vesk->createTopic("test", false);
         topic = vesk->getTopic(2);
-        log.clear();
+        gLines = "";
     }
 
     std::shared_ptr<VeskSession> session(int id) const {
         return sessions->getSession(static_cast<uint16_t>(id));
     }
+    int remove(int id) { return int(sessions->removeSession(static_cast<uint16_t>(id))); }
+    int byClient(uint32_t id) { return sessions->removeSessionByClient(id); }
+    int nextId() {
+        int const id = sessions->makeSessionId();
+        remove(id);
+        return id;
+    }
 
-    size_t remove(int id) { return sessions->removeSession(static_cast<uint16_t>(id)); }
-
-    /** Whether a reply addressed to this session, or a request, is delivered. */
-    bool routed(int id, uint8_t type = 3) {
+    /** The client that gets a reply to this session, or a request; "-" for none. */
+    std::string receiver(int id, uint8_t type = 3) {
         size_t const before = callback->deliveries().size();
         topic->receive(false, frame(1, type, static_cast<uint16_t>(id)));
-        return callback->deliveries().size() > before;
+        auto const all = callback->deliveries();
+        return all.size() == before ? "-" : std::to_string(all.back().clientId);
     }
 
-    Strings changes() const {
-        Strings texts;
-        for (auto const& change : callback->businessChanges()) {
-            texts.push_back((change.added ? "+" : "-") + change.topicName + '/' +
-                            change.businessName);
+    /**
+     * "1c2" for consumer 1 of client 2, "1p2" for a provider, "1-" for an id without a session;
+     * ">3" where a reply reaches client 3 and not the session's; "+" where requests arrive.
+     */
+    std::string state() {
+        std::string text;
+        for (int id = 1; id <= 4; ++id) {
+            auto const known = session(id);
+            std::string const client = known ? std::to_string(known->clientId()) : "-";
+            std::string const reply = receiver(id);
+            if (!known && reply == "-") continue;
+            text += std::to_string(id) +
+                    (!known                      ? ""
+                     : known->type() == PROVIDER ? "p"
+                                                 : "c") +
+                    client + (reply == client ? " " : '>' + reply + ' ');
         }
-        return texts;
+        return text + (receiver(0, 2) == "-" ? "-" : "+");
     }
 
-    Strings managerLog() const { return log.messages("VeskSessionManager"); }
+    /** A session that calls the library when it is destroyed: no lock may be held then. */
+    std::shared_ptr<VeskSession> foreign(int id) {
+        auto const gone = [this](VeskSession* session) {
+            delete session;
+            ++released;
+            vesk->hasTopic(remove(60000) != 0);
+            if (topic) topic->removeSession(60000);
+        };
+        return {new VeskSession(uint16_t(id), false, PROVIDER, 9, 9, 1, ""), gone};
+    }
 
+    int released = 0;
     std::shared_ptr<VeskTopic> topic;
 };
 
-TEST_F(SessionTest, TopicIsLookedUpOnceAndDeliveryNeedsNone) {
-    VeskSession without(7, true, 2, 0x12345678, 1, 2, "name");
-    EXPECT_EQ(log.messages("VeskSession"), Strings{"create:7,topic:1,bussiness:2"});
+std::string const ASKED = "createSession:test;in_bussiness:test|getSessionDesc:4; topic:test|";
+
+std::string created(std::string const& id, std::string const& told = "") {
+    return id + '|' + ASKED + "VeskSession create:" + id + ",topic:2,bussiness:1|" + told +
+           "[2] addSession:" + id + ";business:1|createSession:" + id + "; topic:test|";
+}
+
+TEST_F(SessionTest, EachCallLogsTellsAndLeavesWhatIsDocumented) {
+    struct {
+        std::function<int()> call;
+        std::string result,
+                after;  // what it returned and wrote; the state, and the id that is next
+    } const steps[] = {
+            {[&] { return join(1, CONSUMER); }, created("1"), "1c1 -2"},
+            {[&] { return join(1, PROVIDER); }, created("2", "host +test/test|1c1 2p1>- -|"),
+             "1c1 2p1 +3"},
+            {[&] { return join(1, PROVIDER); }, "2|" + ASKED + "provider has exist:2|",
+             "1c1 2p1 +3"},
+            {[&] { return join(FAR_CLIENT, CONSUMER); }, created("3"), "1c1 2p1 3c65537 +4"},
+            {[&] { return remove(2); }, "1|host -test/test|1c1 2p1 3c65537 +|",
+             "1c1 2->1 3c65537 +2"},
+            {[&] { return remove(2) + remove(0) + remove(65535); }, "0|", "1c1 2->1 3c65537 +2"},
+            {[&] { return remove(1); }, "1|[2] mProviders:1mConsumers:2|", "2->1 3c65537 +1"},
+            {[&] { return sessions->makeSessionId() + byClient(0); },
+             "1|remove session done :1|remove providerSessions done:0|", "2->1 3c65537 +2"},
+            {[&] { return join(1, PROVIDER); }, created("2", "host +test/test|2p1 3c65537 +|"),
+             "2p1 3c65537 +4"},
+            {[&] { return byClient(1); },
+             "0|remove session done :1|[2] mProviders:0mConsumers:1|"
+             "host -test/test|2p1>- 3c65537 -|remove providerSessions done:0|",
+             "3c65537 -2"},
+            {[&] { return byClient(FAR_CLIENT) + remove(1); },
+             "0|[2] mProviders:0mConsumers:0|remove session done :0|"
+             "remove providerSessions done:0|",
+             "-1"},
+    };
+    for (auto const& step : steps) {
+        int const result = step.call();
+        EXPECT_EQ(std::to_string(result) + '|' + std::exchange(gLines, ""), step.result);
+        EXPECT_EQ(state() + std::to_string(nextId()), step.after) << step.result;
+    }
+}
+
+TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
+    std::string const MADE = "create:1,topic:2,bussiness:1", ENTERS = "addSession:1;business:1";
+    std::string const NEW = "+test/test", GONE = "-test/test";
+    struct {
+        int type;
+        std::string line;
+        std::function<int()> action;
+        int inner, outer;
+        std::string after;
+    } const steps[] = {
+            {PROVIDER, MADE, [&] { return vesk->removeTopic("test"); }, 2, -4, "-"},
+            {PROVIDER, MADE, [&] { return join(1, PROVIDER); }, 1, 1, "1p1 +"},
+            {CONSUMER, MADE, [&] { return remove(1); }, 0, 1, "1c1 -"},
+            {CONSUMER, MADE, [&] { return join(1, PROVIDER); }, 2, 1, "1c1 2p1 +"},
+            {PROVIDER, NEW, [&] { return remove(1); }, 1, 1, "1->1 +"},
+            {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 1); }, 11, 1, "1c2 +"},
+            {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 2); }, 11, 1, "1p2 +"},
+            {PROVIDER, NEW, [&] { return byClient(1); }, 0, 1, "-"},
+            {CONSUMER, ENTERS, [&] { return remove(1); }, 1, 1, "-"},
+            {CONSUMER, ENTERS, [&] { return byClient(1); }, 0, 1, "-"},
+            {PROVIDER, ENTERS, [&] { return byClient(1) + join(2, 2); }, 1, 1, "1p2 +"},
+            {CONSUMER, ENTERS, [&] { return 10 * remove(1) + join(2, 1); }, 11, 1, "1c2 -"},
+            {PROVIDER, GONE, [&] { return join(2, PROVIDER); }, 1, 1, "1p2 +"},
+            {PROVIDER, GONE, [&] { return join(2, 1) + session(1)->type(); }, 3, 1, "1c2 +"},
+            {PROVIDER, GONE, [&] { return join(1, PROVIDER); }, 1, 1, "1->1 +"},
+            {PROVIDER, GONE, [&] { return 10 * remove(1) + !session(1); }, 11, 0, "1->1 +"},
+            {PROVIDER, GONE, [&] { return join(2, 1) + byClient(1); }, 1, 0, "1c2 -"},
+    };
+    for (auto const& step : steps) {
+        SCOPED_TRACE(&step - steps);
+        int inner = -1;
+        gAwaited = step.line;
+        gMeanwhile = [&] { inner = step.action(); };
+        int const id = join(1, step.type);
+        std::string const last = "createSession:" + std::to_string(id) + "; topic:test|";
+        EXPECT_EQ(gLines.substr(gLines.size() - last.size()), last);
+        EXPECT_EQ(step.line == GONE ? remove(1) : id, step.outer);
+        EXPECT_EQ(inner, step.inner);
+        EXPECT_EQ(state(), step.after);
+        EXPECT_TRUE(step.after != "1p2 +" || receiver(0, 2) == "2");
+        int removals = 0;
+        for (auto const& change : callback->businessChanges())
+            removals += !change.added;
+        EXPECT_LE(removals, 1);
+        reset();
+        callback->clear();
+        EXPECT_EQ(nextId(), 1);
+    }
+}
+
+TEST_F(SessionTest, WhatCannotBeJoinedFailsWithItsLines) {
+    std::string const in = ";in_bussiness:", noType = "|createSession:-4; topic:test|";
+    std::tuple<int, std::string, std::string> const calls[] = {
+            {0, "test", noType},
+            {3, "test", noType},
+            {1, "", "|getSessionDesc:0; topic:|getSessionDesc: null|"},
+            {1, "none", "|getSessionDesc:4; topic:none|getSessionDesc: null|"},
+            {2, "virtualcomm", "|getSessionDesc:11; topic:virtualcomm|getSessionDesc: null|"}};
+    for (auto const& [type, name, lines] : calls) {
+        EXPECT_EQ(sessions->createSession(1, type, name, "vm", false), -4);
+        EXPECT_EQ(std::exchange(gLines, ""), ("createSession:" + name) + (in + "vm") + lines);
+    }
+    EXPECT_EQ(sessions->createSession(1, PROVIDER, "test", "vm", false), -4);
+    EXPECT_EQ(nextId(), 1);
+}
+
+TEST_F(SessionTest, ProvidersDifferInEachOfTheirKeysAndGoOneByOne) {
     vesk->createTopic("virtualcomm", false);
-    without.send(false, frame(1), 1);
-    EXPECT_EQ(without.getTopic(), nullptr);
-    auto const received = frame(1);
-    without.receive(true, received);
-    without.receive(false, nullptr);
-    ASSERT_EQ(callback->deliveries().size(), 1U);
-    EXPECT_EQ(callback->deliveries()[0].clientId, 0x12345678U);
-    EXPECT_EQ(callback->deliveries()[0].sessionId, 7U);
-    EXPECT_EQ(callback->deliveries()[0].frame, received);
-}
-
-TEST_F(SessionTest, ProviderIsAnnouncedOnceAndFoundAgainByAllItsKeys) {
-    int const id = join(1, PROVIDER);
-    EXPECT_EQ(managerLog(),
-              (Strings{"createSession:test;in_bussiness:test", "getSessionDesc:4; topic:test",
-                       "createSession:" + std::to_string(id) + "; topic:test"}));
-    EXPECT_EQ(join(1, PROVIDER), id);
-    EXPECT_EQ(managerLog().back(), "provider has exist:" + std::to_string(id));
-    vesk->createTopic("virtualcomm", false);
-    std::set<int> const ids{id, join(2, PROVIDER),
-                            sessions->createSession(1, PROVIDER, "test", "test", true),
-                            sessions->createSession(1, PROVIDER, "virtualcomm", "vm", false),
-                            sessions->createSession(1, PROVIDER, "virtualcomm", "ril0", false)};
-    EXPECT_EQ(ids.size(), 5U);
-    EXPECT_EQ(changes().size(), 5U);
-    EXPECT_EQ(changes().back(), "+virtualcomm/ril0");
-}
-
-TEST_F(SessionTest, WhatCannotBeJoinedFailsAndUsesNoIdUp) {
-    std::tuple<int, char const*, char const*> const unknown[] = {
-            {0, "test", "test"},         {3, "test", "test"},
-            {CONSUMER, "", "test"},      {CONSUMER, "none", "test"},
-            {CONSUMER, "test", "cell0"}, {PROVIDER, "virtualcomm", "cell0"}};
-    for (auto const& [type, name, business] : unknown)
-        EXPECT_EQ(sessions->createSession(1, type, name, business, false), -4) << name;
-    EXPECT_EQ(log.count("VeskSessionManager", "createSession:-4; topic:test"), 2U);
-    EXPECT_EQ(log.count("VeskSessionManager", "getSessionDesc: null"), 4U);
-    EXPECT_TRUE(changes().empty());
-    EXPECT_EQ(join(1, CONSUMER), 1);
-}
-
-TEST_F(SessionTest, RemovalByIdLeavesAProviderInItsTopicAndRemovalByClientNothing) {
-    int const consumer = join(1, CONSUMER), provider = join(1, PROVIDER);
-    EXPECT_EQ(remove(consumer) + remove(consumer), 1U);
-    EXPECT_EQ(remove(provider) + remove(provider), 1U);
-    EXPECT_FALSE(session(provider));
-    EXPECT_FALSE(routed(consumer));
-    EXPECT_TRUE(routed(provider) && routed(0, 2));
-    EXPECT_LT(join(3, CONSUMER), provider);
-    EXPECT_EQ(join(3, CONSUMER), provider);
-    sessions->removeSessionByClient(3);  // and what its id had left behind
-    EXPECT_FALSE(routed(provider) || routed(0, 2));
-
-    int const ids[] = {join(1, CONSUMER), join(1, PROVIDER), join(2, CONSUMER), join(2, PROVIDER)};
-    callback->clear();
-    log.clear();
-    EXPECT_EQ(sessions->removeSessionByClient(1), 0);
-    for (int const id : ids)
-        EXPECT_EQ(session(id) && routed(id), id > ids[1]) << id;
-    EXPECT_FALSE(routed(ids[0]) || routed(ids[1]));
-    EXPECT_EQ(changes(), Strings{"-test/test"});
-    EXPECT_EQ(managerLog(), (Strings{"remove session done :1", "remove providerSessions done:1"}));
-}
-
-TEST_F(SessionTest, ProvidersOfAClientAreAnnouncedOnceEachWithItsConsumersGone) {
-    int const consumer = join(1, CONSUMER);
-    int const providers[] = {join(1, PROVIDER),
-                             sessions->createSession(1, PROVIDER, "test", "test", true)};
+    std::set<int> ids;
+    for (int const client : {-1, int(FAR_CLIENT), 1, 1})
+        ids.insert(join(client, PROVIDER));
+    ids.insert(sessions->createSession(1, PROVIDER, "test", "test", true));
+    for (char const* const business : {"vm", "ril0"})
+        ids.insert(sessions->createSession(1, PROVIDER, "virtualcomm", business, false));
+    EXPECT_EQ(ids, (std::set<int>{1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(receiver(1), "4294967295");
     callback->clear();
     callback->onBusinessChange([&](auto const&) {
-        EXPECT_FALSE(session(consumer));
-        for (int const id : providers)
+        for (int id = 3; id <= 6; ++id)
             remove(id);
     });
-    sessions->removeSessionByClient(1);
-    EXPECT_EQ(changes().size(), 2U);
+    byClient(1);
+    EXPECT_EQ(callback->businessChanges().size(), 4U);
+    EXPECT_TRUE(session(1) && session(2) && !session(3));
+    byClient(FAR_CLIENT);
+    byClient(0xFFFFFFFF);
 }
 
 TEST_F(SessionTest, LowestFreeIdIsHandedOutWhateverTheNumber) {
     for (int id = 1; id <= 65534; ++id)
         ASSERT_EQ(sessions->makeSessionId(), id);
-    EXPECT_EQ(join(1, CONSUMER), -4);
-    EXPECT_EQ(managerLog().back(), "createSession:-4; topic:test");
+    EXPECT_EQ(join(1, PROVIDER), -4);
+    EXPECT_EQ(gLines, ASKED + "createSession:-4; topic:test|");
     for (int const freed : {60000, 2, 65534, 2})
         remove(freed);
     for (int const id : {2, 60000, 65534, -1})
@@ -136,55 +243,53 @@ TEST_F(SessionTest, LowestFreeIdIsHandedOutWhateverTheNumber) {
     EXPECT_EQ(join(1, CONSUMER), 1);
 }
 
-TEST_F(SessionTest, NewProviderIsKnownButNotRoutedWhenItIsAnnounced) {
-    for (bool const removes : {false, true}) {
-        callback->onBusinessChange([&](auto const& change) {
-            if (!change.added) return;
-            EXPECT_TRUE(session(1) && !routed(1));
-            if (removes) sessions->removeSessionByClient(1);
-        });
-        EXPECT_EQ(join(1, PROVIDER), 1);
-        EXPECT_EQ(session(1) != nullptr, !removes);
-        EXPECT_EQ(routed(1), !removes);
-        sessions->removeSessionByClient(1);
-    }
-}
-
-TEST_F(SessionTest, IdOfAProviderIsFreeWhenItsRemovalIsAnnounced) {
-    EXPECT_EQ(join(1, PROVIDER), 1);
-    callback->onBusinessChange([&](auto const& change) {
-        if (change.added) return;
-        EXPECT_TRUE(session(1));
-        EXPECT_EQ(join(2, PROVIDER), 1);
-    });
-    EXPECT_EQ(remove(1), 1U);
-    ASSERT_TRUE(session(1));
-    EXPECT_EQ(session(1)->clientId(), 2U);
-}
-
-TEST_F(SessionTest, ClientMayGoWhileItsProviderIsAnnouncedAsGone) {
-    join(1, PROVIDER);
-    callback->onBusinessChange([&](auto const&) {
-        EXPECT_EQ(join(2, CONSUMER), 1);  // the id is free; the place in the topic is its own
-        sessions->removeSessionByClient(1);
-    });
-    EXPECT_EQ(remove(1), 1U);
-    EXPECT_EQ(changes(), (Strings{"+test/test", "-test/test"}));
-    EXPECT_TRUE(routed(1) && !routed(0, 2));
+TEST_F(SessionTest, TopicIsLookedUpOnceAndDeliveryNeedsNone) {
+    VeskSession without(7, true, 2, 0x12345678, 1, 2, "name");
+    EXPECT_EQ(gLines, "VeskSession create:7,topic:1,bussiness:2|");
+    vesk->createTopic("virtualcomm", false);
+    without.send(false, frame(1), 1);
+    EXPECT_EQ(without.getTopic(), nullptr);
+    auto const received = frame(1);
+    without.receive(true, received);
+    without.receive(false, nullptr);
+    ASSERT_EQ(callback->deliveries().size(), 1U);
+    auto const [client, id, local, delivered] = callback->deliveries()[0];
+    EXPECT_TRUE(client == 0x12345678 && id == 7 && local && delivered == received);
 }
 
 TEST_F(SessionTest, DeliveryMayAnswerAndRemoveTheClientAndTheTopic) {
     int const consumer = join(1, CONSUMER), provider = join(2, PROVIDER);
+    callback->onBusinessChange({});
+    callback->clear();
     callback->onReceive([&](auto const& delivery) {
+        EXPECT_TRUE(delivery.local);
         if (delivery.clientId != 2) return;
         session(provider)->send(true, frame(5, 3, delivery.frame->reply), 1);
-        sessions->removeSessionByClient(2);
+        byClient(2);
         vesk->removeTopic("test");
     });
     session(consumer)->send(true, frame(5, 2, static_cast<uint16_t>(consumer)), 1);
     ASSERT_EQ(callback->deliveries().size(), 2U);
     EXPECT_EQ(callback->deliveries()[1].clientId, 1U);
     EXPECT_EQ(session(provider), nullptr);
+    EXPECT_EQ(session(consumer)->getTopic(), topic);
+}
+
+TEST_F(SessionTest, WhatAHostEnteredGoesWithTheIdAndIsReleasedUnderNoLock) {
+    for (bool const removesTopic : {false, true}) {
+        released = 0;
+        int const consumer = join(1, CONSUMER);
+        for (int const id : {consumer, consumer, 5})
+            topic->addSession(static_cast<uint16_t>(id), true, foreign(id));
+        if (removesTopic) vesk->removeTopic("test");
+        EXPECT_EQ(remove(consumer), 1);
+        EXPECT_EQ(receiver(consumer), "-");
+        EXPECT_EQ(released, 2);
+        topic = nullptr;
+        vesk->removeTopic("test");  // the topic goes with its last session, or at once
+        EXPECT_EQ(released, 3);
+        reset();
+    }
 }
 
 }  // namespace
