@@ -86,18 +86,18 @@ Caller::Caller(asio::io_context& io, CallOptions const& options)
 
 int Caller::run() {
     mSession = mHost.join(HostClient::CONSUMER, mBusiness);
-    mHost.start([this](Message const& message) { received(message); },
-                [this](std::string const& reason) {
-                    say(reason);
-                    mFailed = true;
-                    mIo.stop();
-                });
     asio::signal_set signals(mIo, SIGINT, SIGTERM);
     signals.async_wait([this](asio::error_code const& error, int) {
         if (error) return;
         mFailed = true;
         mIo.stop();
     });
+    mHost.start([this](Message const& message) { received(message); },
+                [this](std::string const& reason) {
+                    say(reason);
+                    mFailed = true;
+                    mIo.stop();
+                });
     sendMore();
     mIo.run();
     return conclude();
