@@ -10,56 +10,112 @@
 #include <list>
 
 #include <gtest/gtest.h>
+#include <asio/write.hpp>
 
 #include "ChildProcess.h"
+#include "ClientProtocol.h"
 #include "UnixListener.h"
-#include "support/Line.h"
 
 namespace vesk::e2e {
 
-using Strings = std::vector<std::string>;
+using tool::Bytes;
 
-/** A process of the test's, what it wrote and how it ended. */
-class Process {
+/**
+ * One end of a connection in the test's hands: of a client socket, as its client or as its host, or
+ * of a byte channel, as the peer. Cuts what it hears by itself.
+ */
+class Line {
 public:
-    Process(asio::io_context& io, Strings arguments, std::string const& errorFile)
-        : mErrorFile(errorFile), mChild(io, {std::move(arguments), true, true, errorFile}) {
-        mChild.input().close();  // what reads stdin finds it empty
+    enum Kind { MESSAGES, FRAMES };
+
+    /** Takes the descriptor and begins to read. */
+    Line(asio::io_context& io, Kind kind, int descriptor) : mKind(kind), mEnd(io, descriptor) {
         read();
     }
 
-    /** Everything on stdout so far. */
-    std::string const& output() const { return mOutput; }
-    /** Everything on stderr so far. */
-    std::string errors() const {
-        std::ifstream file(mErrorFile);
-        return {std::istreambuf_iterator<char>(file), {}};
+    /** Writes everything, however long that takes. */
+    void say(Bytes const& bytes) {
+        asio::error_code closed;
+        asio::write(mEnd, asio::buffer(bytes), closed);
     }
-    bool ended() { return mReadAll && !mChild.ending().empty(); }
+    void close() { mEnd.close(); }
+
+    /** The messages, or the frames but for acknowledgements, with 0 for the serial number. */
+    std::vector<Bytes> const& heard() const { return mHeard; }
+    /** Whether the other side has closed it. */
+    bool closed() const { return mClosed; }
+    /** What stands at this place of a message's body; where a host has let it join, its session. */
+    uint16_t number(size_t message, size_t at = 0) const {
+        return static_cast<uint16_t>(mHeard[message][5 + at] | mHeard[message][6 + at] << 8);
+    }
+
+private:
+    void read() {
+        mEnd.async_read_some(asio::buffer(mChunk), [this](asio::error_code error, size_t size) {
+            if (error == asio::error::operation_aborted) return;
+            mClosed = static_cast<bool>(error);
+            mBytes.insert(mBytes.end(), mChunk, mChunk + size);
+            cut();
+            if (!mClosed) read();
+        });
+    }
+
+    void cut() {
+        size_t const head = mKind == FRAMES ? 12 : 4, field = mKind == FRAMES ? 1 : 0;
+        ptrdiff_t at = 0;
+        for (size_t left; (left = mBytes.size() - size_t(at)) >= head;) {
+            auto const rest = mBytes.begin() + at;
+            size_t size = head + rest[long(field)] + rest[long(field) + 1] * size_t{256};
+            if (mKind == MESSAGES) size += rest[2] * size_t{65536};
+            if (left < size) break;
+            at += long(size);
+            if (mKind == FRAMES && rest[5] == 1) continue;
+            Bytes& bytes = mHeard.emplace_back(rest, mBytes.begin() + at);
+            if (mKind == FRAMES) bytes[8] = bytes[9] = 0;
+        }
+        mBytes.erase(mBytes.begin(), mBytes.begin() + at);
+    }
+
+    Kind const mKind;
+    asio::posix::stream_descriptor mEnd;
+    uint8_t mChunk[65536];
+    Bytes mBytes;
+    std::vector<Bytes> mHeard;
+    bool mClosed = false;
+};
+
+/** A run of the tool, what it wrote and how it ended. */
+class Process {
+public:
+    /** @param arguments in words of the shell. */
+    Process(asio::io_context& io, std::string const& arguments, std::string const& path)
+        : mPath(path),
+          mChild(io, {{"/bin/sh", "-c",
+                       "exec </dev/null >$0.out 2>$0.err; exec " VESK_TOOL " " + arguments, path},
+                      false,
+                      false,
+                      {}}) {}
+
+    /** Everything on stdout, and on stderr, so far. */
+    std::string output() const { return content(mPath + ".out"); }
+    std::string errors() const { return content(mPath + ".err"); }
     /** "exit status 0" and the like; empty while it runs. */
     std::string const& ending() { return mChild.ending(); }
     void signal(int number) { mChild.signal(number); }
 
 private:
-    void read() {
-        mChild.output().async_read_some(asio::buffer(mChunk), [this](auto error, size_t size) {
-            mOutput.append(mChunk, size);
-            mReadAll = static_cast<bool>(error);
-            if (!mReadAll) read();
-        });
+    static std::string content(std::string const& name) {
+        std::ifstream file(name);
+        return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    std::string const mErrorFile;
+    std::string const mPath;
     tool::ChildProcess mChild;
-    char mChunk[4096];
-    std::string mOutput;
-    bool mReadAll = false;
 };
 
 /**
- * The stage of an end-to-end test: a directory, processes in it, and one io_context that everything
- * of the test itself runs on. Waiting ends as soon as what is waited for is there. In the end every
- * process that still runs is asked to end and must do so with status 0.
+ * The stage of an end-to-end test: a directory, processes and lines in it, and one io_context that
+ * everything of the test itself runs on. Waiting ends as soon as what is waited for is there.
  */
 class Scene : public ::testing::Test {
 protected:
@@ -72,26 +128,18 @@ protected:
         EXPECT_TRUE(::mkdtemp(mDirectory.data()));
         ::setenv("TMPDIR", mDirectory.c_str(), 1);
     }
-    ~Scene() override { std::filesystem::remove_all(mDirectory); }
 
-    void TearDown() override {
-        // The youngest first, so that no client outlives its host.
-        for (auto process = mProcesses.rbegin(); process != mProcesses.rend(); ++process) {
-            bool const ended = process->ended();
-            process->signal(SIGTERM);
-            if (!ended) expectEnd(*process, 0);
-            if (HasFailure()) std::fprintf(stderr, "- wrote:\n%s", process->errors().c_str());
-        }
+    ~Scene() override {
+        for (Process const& process : mProcesses)
+            if (HasFailure()) std::fprintf(stderr, "- wrote:\n%s", process.errors().c_str());
+        std::filesystem::remove_all(mDirectory);
     }
 
     std::string path(std::string const& name) const { return mDirectory + "/" + name; }
     std::string socket(std::string const& name) const { return "unix:" + path(name); }
 
-    /** Starts the tool, or what the first argument names when that is a path. */
-    Process& start(Strings arguments) {
-        if (arguments[0][0] != '/') arguments.insert(arguments.begin(), VESK_TOOL);
-        std::string const errorFile = path("errors" + std::to_string(mProcesses.size()));
-        return mProcesses.emplace_back(mIo, std::move(arguments), errorFile);
+    Process& start(std::string const& arguments) {
+        return mProcesses.emplace_back(mIo, arguments, path(std::to_string(mProcesses.size())));
     }
 
     /** The test becomes a client of the host "host", or the peer of a channel. */
@@ -102,10 +150,9 @@ protected:
     }
 
     /** Waits for somebody to connect to a socket of the test's. */
-    Line& accept(tool::UnixListener& listener, Line::Kind kind = Line::MESSAGES) {
+    Line& accept(tool::UnixListener& listener, Line::Kind kind) {
         int descriptor = -1;
-        listener.acceptor().async_accept(
-                [&](auto, auto accepted) { descriptor = accepted.release(); });
+        listener.acceptor().async_accept([&](auto, auto end) { descriptor = end.release(); });
         await("a connection", [&] { return descriptor >= 0; });
         return mLines.emplace_back(mIo, kind, descriptor);
     }
@@ -122,7 +169,9 @@ protected:
     }
 
     void awaitHeard(Line& line, Bytes const& message) {
-        await(std::string(message.begin(), message.end()), [&] { return line.hasHeard(message); });
+        auto const& all = line.heard();
+        await(std::string(message.begin(), message.end()),
+              [&] { return std::find(all.begin(), all.end(), message) != all.end(); });
     }
     void awaitHeard(Line& line, size_t count) {
         await(std::to_string(count) + " messages", [&] { return line.heard().size() >= count; });
@@ -130,13 +179,16 @@ protected:
     void awaitClosed(Line& line) {
         await("the end of a line", [&] { return line.closed(); });
     }
-    void awaitErrors(Process const& process, std::string const& words) {
-        await(words, [&] { return process.errors().find(words) != std::string::npos; });
+    /** Waits for these words on stdout or stderr. */
+    void awaitText(Process const& process, std::string const& words) {
+        await(words, [&] {
+            return (process.output() + process.errors()).find(words) != std::string::npos;
+        });
     }
 
     /** Waits for the end of a process, which must have this status and these words on stderr. */
     void expectEnd(Process& process, int status, std::string const& errors = "") {
-        await("a process to end", [&] { return process.ended(); });
+        await("a process to end", [&] { return !process.ending().empty(); });
         EXPECT_EQ(process.ending(), "exit status " + std::to_string(status)) << process.output();
         EXPECT_NE(process.errors().find(errors), std::string::npos) << errors;
     }
