@@ -12,6 +12,7 @@
 #include <asio/ip/tcp.hpp>
 
 #include "Admission.h"
+#include "HostCallback.h"
 #include "support/Scene.h"
 
 namespace vesk::e2e {
@@ -149,26 +150,22 @@ TEST_F(HostTest, ALocalTopicNeedsNoChannelAndWhatCannotBeIsRefused) {
     auto const joining = [](char const* topic, char const* business, int role = CONSUMER) {
         return tool::JoinMessage{role, topic, business}.encode();
     };
-    struct {
-        Bytes bytes;
-        char const* answer;
-        Line* line;  // a new one where there is none
-    } const bad[] = {
-            {{5, 0, 1, 0}, "a payload has 65535 bytes at most", nullptr},
-            {{0, 0, 0, 0}, "a message without a type", nullptr},
-            {{1, 0, 0, 0, 99}, "a client does not send messages of type 99", nullptr},
-            {{3, 0, 0, 0, 1, 1, 200}, "a JOIN message is not of its form", nullptr},
-            {{3, 0, 0, 0, 4, 1, 200}, "only a consumer sends requests", nullptr},
-            {data(Type::REPLY, 1, 1, ""), "only a provider sends replies", nullptr},
-            {joining("test", "test", 3), "(1) or provider (2), not as 3", nullptr},
-            {joining("test", "test", 0), "(1) or provider (2), not as 0", nullptr},
-            {joining("nix", "test"), "the known ones are: virtualcomm, test", nullptr},
-            {joining("virtualcomm", "vm"), "does not serve the topic", nullptr},
-            {joining("test", "toast"), "no business 'toast'; the known ones are: test", nullptr},
-            {joining("test", "test"), "this client has joined already", &consumer},
-            {{3, 0, 0, 0, 5, 1, 2}, "REPLY message is not of its form", &provider},
-    };
-    for (auto const& [bytes, answer, known] : bad) {
+    Line* const none = nullptr;  // a new one
+    size_t refused = 0;
+    for (auto const& [bytes, answer, known] :
+         {std::tuple{Bytes{5, 0, 1, 0}, "a payload has 65535 bytes at most", none},
+          {Bytes{0, 0, 0, 0}, "a message without a type", none},
+          {Bytes{1, 0, 0, 0, 99}, "a client does not send messages of type 99", none},
+          {Bytes{3, 0, 0, 0, 1, 1, 200}, "a JOIN message is not of its form", none},
+          {Bytes{3, 0, 0, 0, 4, 1, 200}, "only a consumer sends requests", none},
+          {data(Type::REPLY, 1, 1, ""), "only a provider sends replies", none},
+          {joining("test", "test", 3), "(1) or provider (2), not as 3", none},
+          {joining("test", "test", 0), "(1) or provider (2), not as 0", none},
+          {joining("nix", "test"), "the known ones are: virtualcomm, test", none},
+          {joining("virtualcomm", "vm"), "does not serve the topic", none},
+          {joining("test", "toast"), "no business 'toast'; the known ones are: test", none},
+          {joining("test", "test"), "this client has joined already", &consumer},
+          {Bytes{3, 0, 0, 0, 5, 1, 2}, "REPLY message is not of its form", &provider}}) {
         Line& line = known ? *known : connect();
         line.say(bytes);
         line.say(joining("test", "test"));
@@ -176,9 +173,10 @@ TEST_F(HostTest, ALocalTopicNeedsNoChannelAndWhatCannotBeIsRefused) {
         EXPECT_EQ(line.heard().size(), known == &provider ? 402U : known ? 2U : 1U);
         std::string const last(line.heard().back().begin() + 4, line.heard().back().end());
         EXPECT_EQ(last[0], static_cast<char>(Type::REFUSED));
+        ++refused;
         EXPECT_NE(last.find(answer), std::string::npos) << last;
     }
-    EXPECT_EQ(counters().refused, std::size(bad));
+    EXPECT_EQ(counters().refused, refused);
     connect().say({3, 0, 0});  // a client that vanishes
     mLines.back().close();
     await("all to be gone", [&] { return counters().clients == 1; });
@@ -285,11 +283,18 @@ TEST_F(HostTest, ThereIsRoomForSoManyFramesAndBytes) {
         EXPECT_FALSE(admission.open()) << limit;
         vesk->onChannelAvailable(false);
     }
-    channel.write(Bytes(size_t{1024} * 1024 - 1));
-    EXPECT_TRUE(admission.open());
-    channel.write({1});
+    for (size_t size : {size_t{1024} * 1024 - 1, size_t{1}}) {
+        EXPECT_TRUE(admission.open());
+        channel.write(Bytes(size));
+    }
     EXPECT_FALSE(admission.open());
     await("room", [&] { return channel.backlog() == 0; });
+
+    tool::ClientServer clients(mIo, path("host"), {}, {});
+    android::sp<tool::HostCallback> const callback = new tool::HostCallback(channel, clients);
+    callback->detach();
+    callback->sendToChannel({1});
+    EXPECT_EQ(channel.backlog(), 0U) << "the host has gone";
 }
 
 }  // namespace

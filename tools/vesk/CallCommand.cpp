@@ -112,8 +112,8 @@ void Caller::sendMore() {
 void Caller::sendOne() {
     uint16_t const msgId = takeMsgId();
     Bytes payload = mPayloads.next();
-    mHost.send(DataMessage::encode(MessageType::REQUEST, mSession, msgId, payload));
     auto const now = Clock::now();
+    mHost.send(DataMessage::encode(MessageType::REQUEST, mSession, msgId, payload));
     if (!mOptions.verify) payload.clear();
     mOutstanding[msgId] = Request{now, std::move(payload)};
     mDeadlines.emplace_back(msgId, now + std::chrono::milliseconds(mOptions.timeoutMillis));

@@ -85,32 +85,26 @@ private:
 };
 
 /** A run of the tool, what it wrote and how it ended. */
-class Process {
-public:
+struct Process : tool::ChildProcess {
     /** @param arguments in words of the shell. */
-    Process(asio::io_context& io, std::string const& arguments, std::string const& path)
-        : mPath(path),
-          mChild(io, {{"/bin/sh", "-c",
-                       "exec </dev/null >$0.out 2>$0.err; exec " VESK_TOOL " " + arguments, path},
-                      false,
-                      false,
-                      {}}) {}
+    Process(asio::io_context& io, std::string const& arguments, std::string const& where)
+        : ChildProcess(
+                  io, {{"/bin/sh", "-c",
+                        "exec </dev/null >$0.out 2>$0.err; exec " VESK_TOOL " " + arguments, where},
+                       false,
+                       false,
+                       {}}),
+          path(where) {}
 
     /** Everything on stdout, and on stderr, so far. */
-    std::string output() const { return content(mPath + ".out"); }
-    std::string errors() const { return content(mPath + ".err"); }
-    /** "exit status 0" and the like; empty while it runs. */
-    std::string const& ending() { return mChild.ending(); }
-    void signal(int number) { mChild.signal(number); }
-
-private:
-    static std::string content(std::string const& name) {
-        std::ifstream file(name);
+    std::string output() const { return content(".out"); }
+    std::string errors() const { return content(".err"); }
+    std::string content(char const* suffix) const {
+        std::ifstream file(path + suffix);
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    std::string const mPath;
-    tool::ChildProcess mChild;
+    std::string const path;
 };
 
 /**
