@@ -86,18 +86,18 @@ Caller::Caller(asio::io_context& io, CallOptions const& options)
 
 int Caller::run() {
     mSession = mHost.join(HostClient::CONSUMER, mBusiness);
-    mHost.start([this](Message const& message) { received(message); },
-                [this](std::string const& reason) {
-                    say(reason);
-                    mFailed = true;
-                    mIo.stop();
-                });
     asio::signal_set signals(mIo, SIGINT, SIGTERM);
     signals.async_wait([this](asio::error_code const& error, int) {
         if (error) return;
         mFailed = true;
         mIo.stop();
     });
+    mHost.start([this](Message const& message) { received(message); },
+                [this](std::string const& reason) {
+                    say(reason);
+                    mFailed = true;
+                    mIo.stop();
+                });
     sendMore();
     mIo.run();
     return conclude();
@@ -112,8 +112,8 @@ void Caller::sendMore() {
 void Caller::sendOne() {
     uint16_t const msgId = takeMsgId();
     Bytes payload = mPayloads.next();
-    mHost.send(DataMessage::encode(MessageType::REQUEST, mSession, msgId, payload));
     auto const now = Clock::now();
+    mHost.send(DataMessage::encode(MessageType::REQUEST, mSession, msgId, payload));
     if (!mOptions.verify) payload.clear();
     mOutstanding[msgId] = Request{now, std::move(payload)};
     mDeadlines.emplace_back(msgId, now + std::chrono::milliseconds(mOptions.timeoutMillis));

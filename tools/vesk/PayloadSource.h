@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <fstream>
@@ -38,8 +39,8 @@ public:
         if (!mRandomSize) return mFixed;
         // As many short ones as long ones, on a scale of powers of two.
         double const scale = std::uniform_real_distribution<>(0, 1)(mRandom);
-        double const size = std::pow(static_cast<double>(*mRandomSize) + 1, scale) - 1;
-        Bytes bytes(static_cast<size_t>(size));
+        double const size = std::pow(static_cast<double>(*mRandomSize) + 2, scale) - 1;
+        Bytes bytes(std::min(static_cast<size_t>(size), *mRandomSize));
         for (uint8_t& byte : bytes)
             byte = static_cast<uint8_t>(mRandom());
         return bytes;

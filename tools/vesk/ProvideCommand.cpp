@@ -54,14 +54,14 @@ Provider::Provider(asio::io_context& io, ProvideOptions const& options)
 int Provider::run() {
     uint16_t const session = mHost.join(HostClient::PROVIDER, mBusiness);
     say("providing " + mBusiness.toString() + " as session " + std::to_string(session));
+    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
     mHost.start([this](Message const& message) { requested(message); },
                 [this](std::string const& reason) {
                     say(reason);
                     mStatus = EXIT_FAILED;
                     mIo.stop();
                 });
-    asio::signal_set signals(mIo, SIGINT, SIGTERM);
-    signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
     mIo.run();
     return mStatus;
 }

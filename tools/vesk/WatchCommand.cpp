@@ -35,6 +35,8 @@ private:
 };
 
 int Watcher::run() {
+    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
     mHost.start([this](Message const& message) { received(message); },
                 [this](std::string const& reason) {
                     say(reason);
@@ -43,8 +45,6 @@ int Watcher::run() {
                 });
     mHost.send(encodeMessage(MessageType::WATCH));
     query();
-    asio::signal_set signals(mIo, SIGINT, SIGTERM);
-    signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
     mIo.run();
     return mStatus;
 }

@@ -1,79 +1,200 @@
 #pragma once
 
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <list>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
-#include <asio/io_context.hpp>
+#include <asio/write.hpp>
 
 #include "ChildProcess.h"
-#include "HostClient.h"
+#include "ClientProtocol.h"
+#include "UnixListener.h"
 
 namespace vesk::e2e {
 
-using Arguments = std::vector<std::string>;
+using tool::Bytes;
 
-/** A vesk process, what it wrote and how it ended. */
-class Process {
+/**
+ * One end of a connection in the test's hands: of a client socket, as its client or as its host, or
+ * of a byte channel, as the peer. Cuts what it hears by itself.
+ */
+class Line {
 public:
-    Process(asio::io_context& io, Arguments arguments, std::string const& errorFile);
+    enum Kind { MESSAGES, FRAMES };
 
-    /** Everything on stdout so far. */
-    std::string const& output() const { return mOutput; }
-    /** Everything on stderr so far. */
-    std::string errors() const;
-    bool ended() { return mReadAll && !mChild.ending().empty(); }
-    /** "exit status 0" and the like; empty while it runs. */
-    std::string const& ending() { return mChild.ending(); }
-    void signal(int number) { mChild.signal(number); }
+    /** Takes the descriptor and begins to read. */
+    Line(asio::io_context& io, Kind kind, int descriptor) : mKind(kind), mEnd(io, descriptor) {
+        read();
+    }
+
+    /** Writes everything, however long that takes. */
+    void say(Bytes const& bytes) {
+        asio::error_code closed;
+        asio::write(mEnd, asio::buffer(bytes), closed);
+    }
+    void close() { mEnd.close(); }
+
+    /** The messages, or the frames but for acknowledgements, with 0 for the serial number. */
+    std::vector<Bytes> const& heard() const { return mHeard; }
+    /** Whether the other side has closed it. */
+    bool closed() const { return mClosed; }
+    /** What stands at this place of a message's body; where a host has let it join, its session. */
+    uint16_t number(size_t message, size_t at = 0) const {
+        return static_cast<uint16_t>(mHeard[message][5 + at] | mHeard[message][6 + at] << 8);
+    }
 
 private:
-    void read();
+    void read() {
+        mEnd.async_read_some(asio::buffer(mChunk), [this](asio::error_code error, size_t size) {
+            if (error == asio::error::operation_aborted) return;
+            mClosed = static_cast<bool>(error);
+            mBytes.insert(mBytes.end(), mChunk, mChunk + size);
+            cut();
+            if (!mClosed) read();
+        });
+    }
 
-    std::string const mErrorFile;
-    tool::ChildProcess mChild;
-    std::string mChunk, mOutput;
-    bool mReadAll = false;
+    void cut() {
+        size_t const head = mKind == FRAMES ? 12 : 4, field = mKind == FRAMES ? 1 : 0;
+        ptrdiff_t at = 0;
+        for (size_t left; (left = mBytes.size() - size_t(at)) >= head;) {
+            auto const rest = mBytes.begin() + at;
+            size_t size = head + rest[long(field)] + rest[long(field) + 1] * size_t{256};
+            if (mKind == MESSAGES) size += rest[2] * size_t{65536};
+            if (left < size) break;
+            at += long(size);
+            if (mKind == FRAMES && rest[5] == 1) continue;
+            Bytes& bytes = mHeard.emplace_back(rest, mBytes.begin() + at);
+            if (mKind == FRAMES) bytes[8] = bytes[9] = 0;
+        }
+        mBytes.erase(mBytes.begin(), mBytes.begin() + at);
+    }
+
+    Kind const mKind;
+    asio::posix::stream_descriptor mEnd;
+    uint8_t mChunk[65536];
+    Bytes mBytes;
+    std::vector<Bytes> mHeard;
+    bool mClosed = false;
+};
+
+/** A run of the tool, what it wrote and how it ended. */
+struct Process : tool::ChildProcess {
+    /** @param arguments in words of the shell. */
+    Process(asio::io_context& io, std::string const& arguments, std::string const& where)
+        : ChildProcess(
+                  io, {{"/bin/sh", "-c",
+                        "exec </dev/null >$0.out 2>$0.err; exec " VESK_TOOL " " + arguments, where},
+                       false,
+                       false,
+                       {}}),
+          path(where) {}
+
+    /** Everything on stdout, and on stderr, so far. */
+    std::string output() const { return content(".out"); }
+    std::string errors() const { return content(".err"); }
+    std::string content(char const* suffix) const {
+        std::ifstream file(path + suffix);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    std::string const path;
 };
 
 /**
- * The stage of an end-to-end test: a directory, processes in it, and one io_context that everything
- * of the test itself runs on. Waiting ends as soon as what is waited for is there. In the end every
- * process that still runs is asked to end and must do so with status 0.
+ * The stage of an end-to-end test: a directory, processes and lines in it, and one io_context that
+ * everything of the test itself runs on. Waiting ends as soon as what is waited for is there.
  */
 class Scene : public ::testing::Test {
 protected:
-    Scene();
-    ~Scene() override;
-    void TearDown() override;
+    using Type = tool::MessageType;
+
+    Scene() {
+        ::signal(SIGPIPE, SIG_IGN);
+        static std::string const root = std::filesystem::temp_directory_path();
+        mDirectory = root + "/vesk-e2e-XXXXXX";
+        EXPECT_TRUE(::mkdtemp(mDirectory.data()));
+        ::setenv("TMPDIR", mDirectory.c_str(), 1);
+    }
+
+    ~Scene() override {
+        for (Process const& process : mProcesses)
+            if (HasFailure()) std::fprintf(stderr, "- wrote:\n%s", process.errors().c_str());
+        std::filesystem::remove_all(mDirectory);
+    }
 
     std::string path(std::string const& name) const { return mDirectory + "/" + name; }
     std::string socket(std::string const& name) const { return "unix:" + path(name); }
 
-    Process& start(Arguments arguments);
+    Process& start(std::string const& arguments) {
+        return mProcesses.emplace_back(mIo, arguments, path(std::to_string(mProcesses.size())));
+    }
 
-    /** Starts a host that serves clients at socket(name), and waits until it does. */
-    Process& startHost(std::string const& name, std::string const& channel, Arguments more = {});
+    /** The test becomes a client of the host "host", or the peer of a channel. */
+    Line& connect(std::string const& name = "host", Line::Kind kind = Line::MESSAGES) {
+        asio::local::stream_protocol::socket socket(mIo);
+        socket.connect(path(name));
+        return mLines.emplace_back(mIo, kind, socket.release());
+    }
 
-    /** Starts an echo provider at the host `name`, and waits until it has joined. */
-    Process& startEcho(std::string const& name, std::string const& business = "test/test");
+    /** Waits for somebody to connect to a socket of the test's. */
+    Line& accept(tool::UnixListener& listener, Line::Kind kind) {
+        int descriptor = -1;
+        listener.acceptor().async_accept([&](auto, auto end) { descriptor = end.release(); });
+        await("a connection", [&] { return descriptor >= 0; });
+        return mLines.emplace_back(mIo, kind, descriptor);
+    }
 
-    /** Runs `vesk call` at the host `name` to its end. */
-    Process& call(std::string const& name, Arguments arguments,
-                  std::string const& business = "test/test");
+    void await(std::string const& what, std::function<bool()> const& reached) {
+        // Only a failure lasts as long, also under a sanitizer on a busy machine.
+        auto const limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!reached()) {
+            if (std::chrono::steady_clock::now() > limit)
+                throw std::runtime_error("waited in vain for " + what);
+            mIo.run_one_for(std::chrono::milliseconds(5));
+            mIo.restart();
+        }
+    }
 
-    /** Two hosts, "near" and "far", joined by a Unix socket. */
-    void startPair();
+    void awaitHeard(Line& line, Bytes const& message) {
+        auto const& all = line.heard();
+        await(std::string(message.begin(), message.end()),
+              [&] { return std::find(all.begin(), all.end(), message) != all.end(); });
+    }
+    void awaitHeard(Line& line, size_t count) {
+        await(std::to_string(count) + " messages", [&] { return line.heard().size() >= count; });
+    }
+    void awaitClosed(Line& line) {
+        await("the end of a line", [&] { return line.closed(); });
+    }
+    /** Waits for these words on stdout or stderr. */
+    void awaitText(Process const& process, std::string const& words) {
+        await(words, [&] {
+            return (process.output() + process.errors()).find(words) != std::string::npos;
+        });
+    }
 
-    void await(std::string const& what, std::function<bool()> const& reached);
-    /** Waits for the end of a process, which must be this one. */
-    void expectEnd(Process& process, std::string const& ending);
-    void awaitChannel(std::string const& host, bool up);
-    tool::Counters counters(std::string const& host);
+    /** Waits for the end of a process, which must have this status and these words on stderr. */
+    void expectEnd(Process& process, int status, std::string const& errors = "") {
+        await("a process to end", [&] { return !process.ending().empty(); });
+        EXPECT_EQ(process.ending(), "exit status " + std::to_string(status)) << process.output();
+        EXPECT_NE(process.errors().find(errors), std::string::npos) << errors;
+    }
+
+    /** A REQUEST or REPLY. */
+    static Bytes data(Type type, uint16_t session, int msgId, std::string const& payload) {
+        return tool::DataMessage::encode(type, session, static_cast<uint16_t>(msgId),
+                                         {payload.begin(), payload.end()});
+    }
 
     asio::io_context mIo;
+    std::list<Line> mLines;
 
 private:
     std::string mDirectory;
