@@ -54,17 +54,10 @@ bool looksBinary(Escaped const& text) {
 FrameText::FrameText(VeskConfig const& catalogue, Options options)
     : mCatalogue(catalogue), mOptions(options) {}
 
-std::string FrameText::type(uint8_t msgType) {
-    switch (msgType) {
-        case ACKNOWLEDGEMENT:
-            return "acknowledgement";
-        case REQUEST:
-            return "request";
-        case REPLY:
-            return "reply";
-        default:
-            return "type " + to_string(msgType);
-    }
+std::string FrameText::type(VeskFrame const& frame) {
+    if (isAcknowledgement(frame)) return "acknowledgement";
+    if (frame.msgType == REQUEST) return "request";
+    return frame.msgType == REPLY ? "reply" : "type " + to_string(frame.msgType);
 }
 
 std::string FrameText::business(uint8_t topicId, uint8_t businessId) const {
@@ -82,7 +75,7 @@ std::string FrameText::line(VeskFrame const& frame, Prefix const& prefix) const 
     std::string text;
     if (prefix.millis) text += seconds(*prefix.millis);
     if (prefix.direction) text += *prefix.direction == Direction::IN ? "in  " : "out ";
-    text += type(frame.msgType);
+    text += type(frame);
     if (isAcknowledgement(frame)) return text + entries(frame);
     return text + " " + business(frame.topicId, frame.businessId) + sessionWord(frame.msgType) +
            to_string(frame.reply) + ", msg " + to_string(frame.msgId) + ", serial " +
@@ -117,7 +110,7 @@ std::string FrameText::json(VeskFrame const& frame, Prefix const& prefix) const 
     };
     if (prefix.millis) object.add("ms", *prefix.millis);
     if (prefix.direction) addName("direction", *prefix.direction == Direction::IN ? "in" : "out");
-    addName("type", type(frame.msgType));
+    addName("type", type(frame));
     object.add("msgType", frame.msgType);
     addName("topic", mCatalogue.getTopicIdById(frame.topicId));
     addName("business", mCatalogue.getBussinessIdById(frame.topicId, frame.businessId));

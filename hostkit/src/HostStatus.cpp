@@ -46,8 +46,8 @@ std::optional<uint32_t> knownDelay(VeskQueue const& queue) {
     return known ? std::optional<uint32_t>(delay) : std::nullopt;
 }
 
-std::string ofBound(char const* name, size_t value, size_t bound) {
-    return std::string(name) + " " + to_string(value) + " of " + to_string(bound);
+std::string ofBound(size_t value, size_t bound) {
+    return to_string(value) + " of " + to_string(bound);
 }
 
 std::string textOf(TrafficCounters::Count const& count) {
@@ -106,9 +106,9 @@ std::string HostStatus::text() const {
     line("channel", (up ? "up, backlog " : "down, backlog ") + to_string(backlog) +
                             " bytes, lost " + to_string(lostBytes) + " bytes, skipped " +
                             to_string(skippedBytes) + " bytes");
-    line("queue", ofBound("pending", pending, MAX_PENDING) +
-                          ofBound(", awaiting acknowledgement", awaitingAck, MAX_AWAITING_ACK) +
-                          ofBound(", acknowledgements owed", owedAcks, MAX_OWED_ACKS));
+    line("pending", ofBound(pending, MAX_PENDING));
+    line("awaiting ack", ofBound(awaitingAck, MAX_AWAITING_ACK));
+    line("owed acks", ofBound(owedAcks, MAX_OWED_ACKS));
     line("sent frames", "acknowledged " + to_string(acknowledged) + ", timed out " +
                                 to_string(timedOut) + ", superseded " + to_string(superseded) +
                                 ", dropped " + to_string(dropped));

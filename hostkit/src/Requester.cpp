@@ -70,8 +70,7 @@ public:
     }
 
     Requester::Result take() VESK_EXCLUDES(mMutex) {
-        while (!waitUntil(UINT64_MAX)) {
-        }
+        waitUntil(UINT64_MAX);
         Guard const guard(mMutex);
         return std::move(*mResult);
     }
@@ -93,32 +92,28 @@ struct Requester::State {
         uint64_t deadline = 0;
         Done done;
     };
-    struct GivenUp {
-        Address address;
-        Ticket ticket;
-    };
+    using Table = std::unordered_map<uint16_t, Request>;
     using Requests = std::vector<Request>;
 
     State(MessageIds& messageIds, Send sender) : ids(messageIds), send(std::move(sender)) {}
 
     bool add(Request request) VESK_EXCLUDES(mutex);
+    /** Takes out the request that this frame answers; one that was given up has no callback. */
     std::optional<Request> takeAnswered(VeskFrame const& reply) VESK_EXCLUDES(mutex);
-    std::optional<Ticket> takeLate(VeskFrame const& reply) VESK_EXCLUDES(mutex);
-    /** Takes out the request with this ticket. */
+    /** Gives up the request with this ticket; nothing where it has ended. */
     Requests takeOne(Ticket const& ticket) VESK_EXCLUDES(mutex);
-    /** Takes out what is due by then, and with `last` lets nothing in any more. */
+    /** Gives up what is due by then, and with `last` lets nothing in any more. */
     Requests takeDue(uint64_t now, bool last) VESK_EXCLUDES(mutex);
-    /** Moves a request from those outstanding to those given up. */
+    Request take(Table& table, uint16_t msgId) VESK_REQUIRES(mutex);
     Request giveUp(uint16_t msgId) VESK_REQUIRES(mutex);
-    Request take(uint16_t msgId) VESK_REQUIRES(mutex);
     void end(Requests const& ended, Outcome outcome) VESK_EXCLUDES(mutex);
 
     MessageIds& ids;
     Send const send;
     mutable std::mutex mutex;
-    std::unordered_map<uint16_t, Request> requests VESK_GUARDED_BY(mutex);
+    Table outstanding VESK_GUARDED_BY(mutex);
+    Table givenUp VESK_GUARDED_BY(mutex);  // the last one of each id, until its late reply comes
     std::set<std::pair<uint64_t, uint16_t>> deadlines VESK_GUARDED_BY(mutex);
-    std::unordered_map<uint16_t, GivenUp> givenUp VESK_GUARDED_BY(mutex);  // each id's last one
     std::thread::id reader VESK_GUARDED_BY(mutex);
     uint64_t lateReplies VESK_GUARDED_BY(mutex) = 0;
     bool over VESK_GUARDED_BY(mutex) = false;
@@ -130,32 +125,26 @@ bool Requester::State::add(Request request) {
     uint16_t const msgId = request.ticket.msgId;
     givenUp.erase(msgId);
     deadlines.emplace(request.deadline, msgId);
-    requests.emplace(msgId, std::move(request));
+    outstanding.emplace(msgId, std::move(request));
     return true;
 }
 
 std::optional<Requester::State::Request> Requester::State::takeAnswered(VeskFrame const& reply) {
     Guard const guard(mutex);
-    auto const found = requests.find(reply.msgId);
-    if (found == requests.end() || !answers(reply, found->second.address)) return std::nullopt;
-    return take(reply.msgId);
-}
-
-std::optional<Requester::Ticket> Requester::State::takeLate(VeskFrame const& reply) {
-    Guard const guard(mutex);
-    auto const found = givenUp.find(reply.msgId);
-    if (found == givenUp.end() || !answers(reply, found->second.address)) return std::nullopt;
-    Ticket const ticket = found->second.ticket;
-    givenUp.erase(found);
-    ++lateReplies;
-    return ticket;
+    for (Table* const table : {&outstanding, &givenUp}) {
+        auto const found = table->find(reply.msgId);
+        if (found == table->end() || !answers(reply, found->second.address)) continue;
+        if (table == &givenUp) ++lateReplies;
+        return take(*table, reply.msgId);
+    }
+    return std::nullopt;
 }
 
 Requester::State::Requests Requester::State::takeOne(Ticket const& ticket) {
     Requests taken;
     Guard const guard(mutex);
-    auto const found = requests.find(ticket.msgId);
-    if (found != requests.end() && found->second.ticket.use == ticket.use) {
+    auto const found = outstanding.find(ticket.msgId);
+    if (found != outstanding.end() && found->second.ticket.use == ticket.use) {
         taken.push_back(giveUp(ticket.msgId));
     }
     return taken;
@@ -171,17 +160,17 @@ Requester::State::Requests Requester::State::takeDue(uint64_t now, bool last) {
     return taken;
 }
 
-Requester::State::Request Requester::State::giveUp(uint16_t msgId) {
-    Request request = take(msgId);
-    givenUp.insert_or_assign(msgId, GivenUp{request.address, request.ticket});
+Requester::State::Request Requester::State::take(Table& table, uint16_t msgId) {
+    auto const found = table.find(msgId);
+    Request request = std::move(found->second);
+    table.erase(found);
+    deadlines.erase({request.deadline, msgId});
     return request;
 }
 
-Requester::State::Request Requester::State::take(uint16_t msgId) {
-    auto const found = requests.find(msgId);
-    Request request = std::move(found->second);
-    requests.erase(found);
-    deadlines.erase({request.deadline, msgId});
+Requester::State::Request Requester::State::giveUp(uint16_t msgId) {
+    Request request = take(outstanding, msgId);
+    givenUp.insert_or_assign(msgId, Request{request.address, request.ticket, 0, nullptr});
     return request;
 }
 
@@ -256,14 +245,11 @@ bool Requester::received(FramePtr const& frame) {
         state->reader = std::this_thread::get_id();
     }
     if (!frame || frame->msgType != REPLY) return false;
-    if (std::optional<State::Request> const request = state->takeAnswered(*frame)) {
-        state->ids.answered(request->ticket);
-        if (request->done) request->done(Outcome::REPLIED, frame);
-        return true;
-    }
-    std::optional<Ticket> const late = state->takeLate(*frame);
-    if (late) state->ids.answered(*late);
-    return late.has_value();
+    std::optional<State::Request> const request = state->takeAnswered(*frame);
+    if (!request) return false;
+    state->ids.answered(request->ticket);
+    if (request->done) request->done(Outcome::REPLIED, frame);
+    return true;
 }
 
 std::optional<uint64_t> Requester::nextTimeout() const {
@@ -281,7 +267,7 @@ void Requester::expire() {
 
 size_t Requester::outstanding() const {
     Guard const guard(mState->mutex);
-    return mState->requests.size();
+    return mState->outstanding.size();
 }
 
 uint64_t Requester::lateReplies() const {

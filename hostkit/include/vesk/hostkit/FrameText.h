@@ -62,8 +62,8 @@ public:
     /** "topic/business" by their names; by number, like "topic 9/business 1", where they have none. */
     std::string business(uint8_t topicId, uint8_t businessId) const;
 
-    /** "acknowledgement", "request", "reply", or "type 4". */
-    static std::string type(uint8_t msgType);
+    /** "acknowledgement", "request", "reply"; by number, like "type 4", where it is none of them. */
+    static std::string type(VeskFrame const& frame);
 
     /**
      * Foreign text for a log or a terminal: control characters (C0, DEL, C1), those that change the
