@@ -8,8 +8,10 @@ using Guard = std::lock_guard<std::mutex>;
 using quillex::SystemClock;
 
 MessageIds& MessageIds::ofProcess() {
-    static MessageIds ids(static_cast<uint16_t>(1 + SystemClock::uptimeMillis() % UINT16_MAX));
-    return ids;
+    // Never destroyed: requesters in static objects may end after it would be.
+    static auto* const ids =
+            new MessageIds(static_cast<uint16_t>(1 + SystemClock::uptimeMillis() % UINT16_MAX));
+    return *ids;
 }
 
 std::optional<MessageIds::Ticket> MessageIds::take() {

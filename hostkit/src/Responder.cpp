@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include <vesk/Vesk.h>
 #include <vesk/VeskProtocol.h>
 
 namespace vesk::hostkit {
@@ -27,6 +28,15 @@ std::shared_ptr<VeskFrame> Responder::reply(std::vector<uint8_t> payload) {
     frame->msgId = mHeader.msgId;
     frame->data = std::move(payload);
     return frame;
+}
+
+bool Responder::send(uint32_t sessionId, std::vector<uint8_t> payload) {
+    auto const frame = reply(std::move(payload));
+    if (!frame) return false;
+    auto const session =
+            Vesk::getInstance()->getSessionManager()->getSession(static_cast<uint16_t>(sessionId));
+    if (session) session->send(false, frame, IMMEDIATE_PRIORITY);
+    return true;
 }
 
 }  // namespace vesk::hostkit

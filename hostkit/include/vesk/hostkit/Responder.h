@@ -32,6 +32,14 @@ public:
      */
     std::shared_ptr<VeskFrame> reply(std::vector<uint8_t> payload);
 
+    /**
+     * Makes the reply and sends it to the peer through the provider's session.
+     *
+     * @param sessionId the session that the request was delivered to; one that is gone sends nothing.
+     * @return whether a reply was made.
+     */
+    bool send(uint32_t sessionId, std::vector<uint8_t> payload);
+
     /** Whether a reply has been made. */
     bool answered() const { return *mAnswered; }
 
