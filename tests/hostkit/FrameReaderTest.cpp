@@ -71,10 +71,11 @@ TEST(FrameReaderTest, AnyStreamInAnyChunksGivesEachFrameAtOnceAndTheHiddenOnesIn
                 bytes = bytes + hostile(random);
             uint64_t const skipped = reading.reader.skippedBytes();
             reading.frames.clear();
-            for (size_t at = 0, size = 0, most = random.between(1, 300); at < bytes.size();
-                 at += size)
-                reading.reader.feed(&bytes[at],
-                                    size = std::min(bytes.size() - at, random.between(1, most)));
+            size_t const most = random.between(1, 300);
+            for (size_t at = 0, size = 0; at < bytes.size(); at += size) {
+                size = std::min(bytes.size() - at, random.between(1, most));
+                reading.reader.feed(&bytes[at], size);
+            }
             Stretch const expected(bytes);
             ASSERT_EQ(reading.reader.incomplete(), expected.prompt != SIZE_MAX) << "seed " << seed;
             ASSERT_EQ(reading.frames.size(), std::min(expected.prompt, expected.frames.size()));

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
 #include <thread>
 
@@ -28,8 +29,10 @@ protected:
     }
     void expectCall(Outcome outcome, std::function<void()> const& meanwhile) {
         Outcome result{};
+        std::atomic<bool> asked{false};
+        onSend = [&] { asked = true; };
         std::thread caller([&] { result = requester->call(SESSION, {}, 100).outcome; });
-        EXPECT_TRUE(testkit::eventually([&] { return requester->outstanding() == 1; }));
+        EXPECT_TRUE(testkit::eventually([&] { return asked.load(); }));
         meanwhile();
         caller.join();
         EXPECT_EQ(result, outcome);
@@ -86,7 +89,6 @@ TEST_F(RequestTest, BlocksOnlyOnAThreadThatDoesNotReadTheChannel) {
     EXPECT_EQ(sent[0]->data, Requester::Bytes{'?'});
     onSend = [&] { clock.jump(100); };
     EXPECT_EQ(requester->call(SESSION, {}, 100).outcome, Outcome::TIMED_OUT);
-    onSend = [] {};
     EXPECT_EQ(requester->call(SESSION, Requester::Bytes(65536), 100).outcome, Outcome::NOT_SENT);
     expectCall(Outcome::REPLIED, [&] { reply(2); });
     EXPECT_EQ(requester->call(SESSION, {}, 100).outcome, Outcome::WRONG_THREAD);
