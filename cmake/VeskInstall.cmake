@@ -1,5 +1,6 @@
-# The installed package: headers, libraries, the vesk command, the test kit, and what CMake and
-# pkg-config need to find them. Nothing in it depends on where it was built or is installed.
+# The installed package: headers, libraries, the vesk command, the host kit, the test kit, and what
+# CMake and pkg-config need to find them. Nothing in it depends on where it was built or is
+# installed.
 
 include(CMakePackageConfigHelpers)
 
@@ -36,6 +37,14 @@ if(VESK_WITH_LIBUTILS)
     install(FILES cmake/FindLibutils.cmake DESTINATION ${package_dir})
 endif()
 
+# The host kit, which a host may do without.
+set_target_properties(vesk_hostkit PROPERTIES EXPORT_NAME hostkit)
+install(TARGETS vesk_hostkit EXPORT vesk-hostkit COMPONENT hostkit
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT vesk-hostkit FILE veskHostkitTargets.cmake NAMESPACE vesk::
+    DESTINATION ${package_dir} COMPONENT hostkit)
+install(DIRECTORY hostkit/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT hostkit)
+
 # The test kit, for those who ask for it.
 install(TARGETS vesk_testkit EXPORT vesk-testkit COMPONENT testkit
     DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -61,6 +70,9 @@ else()
 endif()
 configure_file(cmake/vesk.pc.in vesk.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vesk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(cmake/vesk-hostkit.pc.in vesk-hostkit.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vesk-hostkit.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT hostkit)
 
 if(TARGET vesk_tool)
     file(RELATIVE_PATH libraries_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})

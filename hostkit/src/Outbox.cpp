@@ -1,0 +1,90 @@
+#include <vesk/hostkit/Outbox.h>
+
+#include <utility>
+
+namespace vesk::hostkit {
+
+using Guard = std::lock_guard<std::mutex>;
+
+Outbox::Outbox(std::function<void()> wake) : mWake(std::move(wake)) {}
+
+void Outbox::put(Bytes bytes) {
+    bool wakes = false;
+    {
+        Guard const guard(mMutex);
+        wakes = accept(bytes);
+    }
+    if (wakes && mWake) mWake();
+}
+
+/** Returns whether the writer has to be told: one that has a batch comes back by itself. */
+bool Outbox::accept(Bytes& bytes) {
+    if (!mOpen) {
+        mLost += bytes.size();
+        return false;
+    }
+    bool const wakes = mWaiting.empty() && mBatch.empty() && !bytes.empty();
+    if (mWaiting.empty() && bytes.size() > mWaiting.capacity()) {
+        mWaiting.swap(bytes);
+    } else {
+        mWaiting.insert(mWaiting.end(), bytes.begin(), bytes.end());
+    }
+    return wakes;
+}
+
+Outbox::Batch Outbox::take() {
+    Guard const guard(mMutex);
+    if (mBatchIsLost) return {nullptr, 0};
+    if (mBatch.empty()) mBatch.swap(mWaiting);
+    return {mBatch.data() + mWritten, unwritten()};
+}
+
+void Outbox::written(size_t size) {
+    Guard const guard(mMutex);
+    mWritten += size;
+    if (mBatchIsLost || unwritten() == 0) endBatch();
+}
+
+void Outbox::failed() {
+    Guard const guard(mMutex);
+    if (!mBatchIsLost) mLost += unwritten();
+    endBatch();
+}
+
+size_t Outbox::close() {
+    Guard const guard(mMutex);
+    size_t const lost = mWaiting.size() + (mBatchIsLost ? 0 : unwritten());
+    mWaiting.clear();
+    mBatchIsLost = !mBatch.empty();
+    mOpen = false;
+    mLost += lost;
+    return lost;
+}
+
+void Outbox::open() {
+    Guard const guard(mMutex);
+    mOpen = true;
+}
+
+bool Outbox::isOpen() const {
+    Guard const guard(mMutex);
+    return mOpen;
+}
+
+size_t Outbox::backlog() const {
+    Guard const guard(mMutex);
+    return mWaiting.size() + (mBatchIsLost ? 0 : unwritten());
+}
+
+uint64_t Outbox::lostBytes() const {
+    Guard const guard(mMutex);
+    return mLost;
+}
+
+void Outbox::endBatch() {
+    mBatch.clear();
+    mWritten = 0;
+    mBatchIsLost = false;
+}
+
+}  // namespace vesk::hostkit

@@ -1,0 +1,25 @@
+#include <vesk/hostkit/TrafficCounters.h>
+
+#include <vesk/VeskProtocol.h>
+
+namespace vesk::hostkit {
+
+uint64_t TrafficCounters::undelivered() const {
+    uint64_t const delivered = mDelivered;  // first: each of these has been counted in before
+    return in(REQUESTS).frames + in(REPLIES).frames + in(OTHERS).frames - delivered;
+}
+
+TrafficCounters::Kind TrafficCounters::kindOf(uint8_t msgType) {
+    switch (msgType) {
+        case ACKNOWLEDGEMENT:
+            return ACKNOWLEDGEMENTS;
+        case REQUEST:
+            return REQUESTS;
+        case REPLY:
+            return REPLIES;
+        default:
+            return OTHERS;
+    }
+}
+
+}  // namespace vesk::hostkit
