@@ -1,12 +1,7 @@
 #include "QueueModel.h"
 
-#include <algorithm>
-#include <sstream>
+#include <set>
 #include <tuple>
-
-#include <vesk/VeskFrame.h>
-#include <vesk/VeskQueue.h>
-#include <vesk/testkit/FarPeer.h>
 
 namespace vesk::simulation {
 
@@ -14,180 +9,317 @@ using testkit::FarPeer;
 
 namespace {
 
-constexpr uint64_t HOLD_MS = 2000, EXPIRY_MS = 2000, ACK_AGE_MS = 500;
+constexpr uint64_t EXPIRY_MS = 2000, ACK_AGE_MS = 500;
 constexpr size_t ACK_COUNT = 5;
+constexpr int LATE_SENDS = 1000;  // a whole pass
 
-Bytes wireBytes(VeskFrame const& frame) {
-    return FarPeer::encode({frame.topicId, frame.businessId, frame.msgType, frame.reply,
-                            frame.serialNumber, frame.msgId, frame.data});
+auto message(VeskFrame const& frame) {
+    return std::tie(frame.topicId, frame.businessId, frame.msgId, frame.msgType, frame.reply);
 }
 
-bool sameMessage(VeskFrame const& a, VeskFrame const& b) {
-    return std::tie(a.topicId, a.businessId, a.msgId, a.msgType, a.reply) ==
-           std::tie(b.topicId, b.businessId, b.msgId, b.msgType, b.reply);
+std::string sendLine(VeskFrame const& frame) {
+    return text("sendToChannel:", frame.msgId, "; serial:", frame.serialNumber,
+                ";size:", frame.data.size() + 12);
+}
+
+uint16_t u16(Bytes const& bytes, size_t at) {
+    return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
 }
 
 }  // namespace
 
-void QueueModel::admit(uint64_t now, int priority, bool needsAck,
-                       std::shared_ptr<VeskFrame> frame) {
-    if (mPending.size() + mInWrite >= BOUND) {
+void QueueModel::admit(int priority, bool needsAck, FramePtr const& frame, Packet* packet) {
+    if (!packet) {
+        mTrace.expect(text("VeskQueue enqueue:", frame->msgId, "; priority:", priority));
+    }
+    if (mPending.size() >= BOUND) {
+        mTrace.expect(text("VeskQueue oversize.", mPending.size()));
+        letGo(frame);
         ++mTotals["refused at the bound"];
         return;
     }
-    // A copy: the library may change the original's data, and must do so as replace() does here.
-    insert({priority, now, needsAck, std::make_shared<VeskFrame>(*frame)});
+    mTrace.expect(text("VeskQueue enqueuing packet:", frame->msgId));
+    if (packet && find(packet)) return mTrace.expect("VeskQueue enqueue fail.");
+    insert({priority, needsAck, now(), mPass, *frame, frame, packet});
 }
 
-void QueueModel::insert(Packet packet) {
-    auto const behind = std::find_if(mPending.begin(), mPending.end(), [&](Packet const& other) {
+void QueueModel::insert(Pending packet) {
+    auto const behind = std::find_if(mPending.begin(), mPending.end(), [&](Pending const& other) {
         return other.priority > packet.priority;
     });
     mPending.insert(behind, std::move(packet));
 }
 
+void QueueModel::owe(uint16_t serialNumber) {
+    mOwed.push_back({now(), serialNumber});
+    ++mReceived;
+    ++mTotals["frames accepted"];
+}
+
 bool QueueModel::replace(VeskFrame const& with) {
-    for (Packet& packet : mPending) {
-        if (!sameMessage(*packet.frame, with)) continue;
-        packet.frame->data = with.data;
+    for (Pending& packet : mPending) {
+        if (message(packet.frame) != message(with)) continue;
+        packet.frame.data = with.data;
         return true;
     }
     return false;
 }
 
-void QueueModel::owe(uint64_t now, uint16_t serialNumber) {
-    ++mReceived;
-    ++mTotals["frames accepted"];
-    mOwed.push_back({now, serialNumber});
+QueueModel::Taken QueueModel::take(VeskFrame const* frame) {
+    auto const found = std::find_if(mPending.begin(), mPending.end(),
+                                    [&](Pending const& packet) { return &packet.frame == frame; });
+    Taken taken{found->held, {}};
+    if (&*found == mInWrite) mInWrite = nullptr;
+    auto const next = mPending.erase(found);
+    if (next != mPending.end()) taken.next = next->held;
+    return taken;
 }
 
-void QueueModel::acknowledge(uint64_t now,
-                             std::vector<std::pair<uint16_t, uint16_t>> const& holdAndSerial) {
-    for (auto const& [hold, serialNumber] : holdAndSerial) {
-        auto const sent = std::find_if(
-                mHistory.begin(), mHistory.end(),
-                [serial = serialNumber](Sent const& s) { return s.serialNumber == serial; });
+void QueueModel::acknowledge(VeskFrame const& ack) {
+    if (ack.reply != ack.data.size() / 4) return;
+    for (size_t at = 0; at + 4 <= ack.data.size(); at += 4) {
+        uint16_t const hold = u16(ack.data, at), serial = u16(ack.data, at + 2);
+        auto const sent = std::find_if(mHistory.begin(), mHistory.end(),
+                                       [&](Sent const& s) { return s.serialNumber == serial; });
         if (sent == mHistory.end()) continue;
-        measured(static_cast<uint32_t>(now - sent->time - hold));
+        measured({static_cast<uint32_t>(now() - sent->latest - hold),
+                  static_cast<uint32_t>(now() - sent->earliest - hold)});
+        letGo(sent->held);
         mHistory.erase(sent);
         ++mTotals["acknowledged"];
     }
 }
 
 void QueueModel::cleanup() {
+    mTrace.expect("VeskQueue cleanup.");
+    if (!mPending.empty()) mayKeep(mPending.back().held);
+    if (!mPending.empty()) mPending.pop_back();
+    for (Pending const& packet : mPending)
+        letGo(packet.held);
+    for (Sent const& sent : mHistory)
+        letGo(sent.held);
     mTotals["cleared"] += mHistory.size();
     mPending.clear();
     mHistory.clear();
     mOwed.clear();
-    mSent = mReceived = mDelay = mSlow = 0;
+    mInWrite = nullptr;
+    mSent = mReceived = 0;
+    mDelay = mSlow = {0, 0};
 }
 
-void QueueModel::measured(uint32_t delay) {
+void QueueModel::measured(Range delay) {
     mDelay = delay;
-    mSlow = delay > 1500 ? mSlow + 1 : 0;
+    bool const slow = delay.least > 1500 || delay.most > 1500;
+    bool const prompt = delay.least <= 1500 || delay.least > delay.most;
+    mSlow = {prompt ? 0 : mSlow.least + 1, slow ? mSlow.most + 1 : 0};
 }
 
-void QueueModel::pass(uint64_t now) {
-    batchAcks(now);
-    expire(now);
-    for (auto next = mPending.begin(); next != mPending.end();) {
-        auto const packet = next++;
-        if (packet->priority != 1 && now - packet->admitted < HOLD_MS) continue;
-        if (packet->needsAck && !record(now, *packet)) return;
-        mWrites.push_back(wireBytes(*packet->frame));
-        if (ackedInside(mWrites.back())) {
-            acknowledge(now, {{0, packet->frame->serialNumber}});
+bool QueueModel::logged(std::string const& line) {
+    static constexpr std::pair<char const*, void (QueueModel::*)(std::string const&)> DEEDS[] = {
+            {"ackToPeer", &QueueModel::batchAck},
+            {"enqueuing packet:170", &QueueModel::queueAcks},
+            {"send timeout:", &QueueModel::expire},
+            {"sendToChannel:", &QueueModel::beginSend},
+            {"history is oversize", &QueueModel::meetFullHistory}};
+    for (auto const& [beginning, judge] : DEEDS) {
+        if (line.rfind(beginning, 0) != 0) continue;
+        if (judge == &QueueModel::queueAcks && mBatch.empty()) continue;
+        if (mResting) newPass();
+        (this->*judge)(line);
+        return true;
+    }
+    return false;
+}
+
+void QueueModel::newPass() {
+    mResting = false;
+    mPassStart = now();
+    ++mPass;
+}
+
+bool QueueModel::acksDue() const {
+    return !mOwed.empty() &&
+           (mOwed.size() >= ACK_COUNT || now() - mOwed.front().time >= ACK_AGE_MS);
+}
+
+void QueueModel::batchAck(std::string const& line) {
+    if (mBatch.empty()) {
+        newPass();
+        require(acksDue() && mOwed.size() <= BOUND, "not due: " + line);
+    }
+    require(!mOwed.empty() &&
+                    line == text("ackToPeer serial:", mOwed.front().serialNumber, "; 170"),
+            "nothing owed, or something else first: " + line);
+    mBatch.push_back(
+            {static_cast<uint16_t>(now() - mOwed.front().time), mOwed.front().serialNumber});
+    mOwed.pop_front();
+}
+
+void QueueModel::queueAcks(std::string const&) {
+    require(mOwed.empty(), "an acknowledgement frame leaves out what is owed");
+    VeskFrame frame;
+    frame.unSerialze(FarPeer::encode(FarPeer::ackFrame(std::exchange(mBatch, {}))));
+    insert({1, false, now(), mPass - 1, frame, {}, nullptr});
+    mSendsBeforeAcks = 0;
+}
+
+void QueueModel::expire(std::string const& line) {
+    newPass();
+    require(!mHistory.empty() && now() - mHistory.front().earliest >= EXPIRY_MS &&
+                    line == text("send timeout:", mHistory.front().msgId),
+            "not expired: " + line);
+    measured({60000, 60000});
+    letGo(mHistory.front().held);
+    mHistory.pop_front();
+    ++mTotals["timed out"];
+}
+
+void QueueModel::beginSend(std::string const& line) {
+    require(!mInWrite, "two writes at once");
+    // Owed acknowledgements may have to wait for the send under way, and for one that follows.
+    bool const owing = mOwed.size() <= BOUND && acksDue();
+    require(!owing || ++mSendsBeforeAcks <= LATE_SENDS, "acknowledgements are late");
+    Pending const* passed = nullptr;
+    for (Pending& packet : mPending) {
+        if (packet.due() > now()) continue;
+        if (line == sendLine(packet.frame)) {
+            mInWrite = &packet;
+            break;
         }
-        ++mSent;
-        ++mTotals["frames written"];
-        mPending.erase(packet);
+        // What has come or fallen due since the pass began may have to wait for the next one.
+        require(packet.pass == mPass || packet.due() > mPassStart,
+                "overtakes what is due: " + line);
+        passed = &packet;
     }
+    require(mInWrite && (!passed || passed->priority != mInWrite->priority), "not due: " + line);
+    for (auto const& stale : std::exchange(mStale, {}))
+        letGo(stale);
+    record(*mInWrite);
+    mBytes = FarPeer::encode({mInWrite->frame.topicId, mInWrite->frame.businessId,
+                              mInWrite->frame.msgType, mInWrite->frame.reply,
+                              mInWrite->frame.serialNumber, mInWrite->frame.msgId,
+                              mInWrite->frame.data});
 }
 
-void QueueModel::batchAcks(uint64_t now) {
-    if (mOwed.empty() || (mOwed.size() < ACK_COUNT && now - mOwed.front().time < ACK_AGE_MS)) {
-        return;
-    }
-    if (mOwed.size() <= BOUND) {
-        std::vector<FarPeer::Ack> entries;
-        for (Owed const& owed : mOwed) {
-            entries.push_back({static_cast<uint16_t>(now - owed.time), owed.serialNumber});
-        }
-        auto ack = std::make_shared<VeskFrame>();
-        ack->unSerialze(FarPeer::encode(FarPeer::ackFrame(entries)));
-        insert({1, now, false, std::move(ack)});
-    }
-    mOwed.clear();
+std::list<QueueModel::Sent>::iterator QueueModel::sentAs(uint16_t msgId) {
+    return std::find_if(mHistory.begin(), mHistory.end(),
+                        [&](Sent const& sent) { return sent.msgId == msgId; });
 }
 
-void QueueModel::expire(uint64_t now) {
-    for (auto sent = mHistory.begin(); sent != mHistory.end();) {
-        if (now - sent->time < EXPIRY_MS) {
-            ++sent;
-            continue;
-        }
-        measured(60000);
-        sent = mHistory.erase(sent);
-        ++mTotals["timed out"];
-    }
-}
-
-bool QueueModel::record(uint64_t now, Packet const& packet) {
-    VeskFrame const& frame = *packet.frame;
-    auto const older = std::find_if(mHistory.begin(), mHistory.end(),
-                                    [&](Sent const& s) { return s.msgId == frame.msgId; });
+void QueueModel::record(Pending const& packet) {
+    if (!packet.needsAck) return;
+    auto const older = sentAs(packet.frame.msgId);
     if (older != mHistory.end()) {
+        letGo(older->held);
         mHistory.erase(older);
         ++mTotals["superseded"];
     }
-    if (mHistory.size() >= BOUND) {
-        return false;
-    }
-    mHistory.push_back({now, frame.serialNumber, frame.msgId});
+    require(mHistory.size() < BOUND, "more are awaited than there is room for");
+    mHistory.push_back(
+            {mPassStart, now(), packet.frame.serialNumber, packet.frame.msgId, packet.held});
     ++mTotals["sent to be acknowledged"];
-    return true;
 }
 
-bool QueueModel::ackedInside(Bytes const& write) {
-    return write[5] != 1 && write.size() > 12 && write[12] % 20 == 0;
+void QueueModel::writing(Bytes const& bytes) const {
+    require(mInWrite && bytes == mBytes, "written was something else than logged");
+}
+
+void QueueModel::written() {
+    ++mSent;
+    ++mTotals["frames written"];
+    if (mInWrite) letGo(take(&mInWrite->frame).frame);
+}
+
+bool QueueModel::blocked(Pending const& packet) {
+    return packet.needsAck && mHistory.size() >= BOUND &&
+           sentAs(packet.frame.msgId) == mHistory.end();
+}
+
+void QueueModel::meetFullHistory(std::string const& line) {
+    bool const met = std::any_of(mPending.begin(), mPending.end(), [&](Pending const& packet) {
+        return packet.due() <= now() && blocked(packet);
+    });
+    require(met, line + ", but it is not");
+}
+
+QueueModel::Pending const* QueueModel::firstDue() const {
+    auto const first = std::find_if(mPending.begin(), mPending.end(),
+                                    [&](Pending const& packet) { return packet.due() <= now(); });
+    return first == mPending.end() ? nullptr : &*first;
+}
+
+void QueueModel::rest() {
+    mResting = true;
+    mSendsBeforeAcks = 0;
+    if (mOwed.size() > BOUND) mOwed.clear();
+    require(mBatch.empty() && !acksDue(), "owed acknowledgements do not leave");
+    require(mHistory.empty() || now() - mHistory.front().latest < EXPIRY_MS, "nothing expires");
+    Pending const* const due = firstDue();
+    require(!mInWrite && (!due || blocked(*due)), "something due does not leave");
+    compareNumbers();
+    requireReleased();
+}
+
+void QueueModel::requireReleased() {
+    auto const alive = [](auto const& frame) { return !frame.expired(); };
+    if (std::none_of(mGone.begin(), mGone.end(), alive)) return mGone.clear();
+    std::set<std::weak_ptr<VeskFrame>, std::owner_less<>> needed(mStale.begin(), mStale.end());
+    for (Pending const& packet : mPending)
+        needed.insert(packet.held);
+    for (Sent const& sent : mHistory)
+        needed.insert(sent.held);
+    for (auto const& gone : std::exchange(mGone, {}))
+        require(gone.expired() || needed.count(gone) != 0, "a frame is held that nothing needs");
+}
+
+void QueueModel::inherit(QueueModel const& other) {
+    mStale.insert(mStale.end(), other.mGone.begin(), other.mGone.end());
+    mStale.insert(mStale.end(), other.mStale.begin(), other.mStale.end());
+}
+
+void QueueModel::compareNumbers() const {
+    struct Row {
+        char const* name;
+        uint64_t found;
+        Range expected;
+    };
+    auto const exactly = [](size_t number) {
+        return Range{static_cast<uint32_t>(number), static_cast<uint32_t>(number)};
+    };
+    VeskFeedback const& feedback = mQueue.feedback();
+    for (auto const& [name, found, expected] :
+         {Row{"pending", static_cast<uint64_t>(mQueue.size()), exactly(mPending.size())},
+          Row{"awaiting", mQueue.awaitingAck(), exactly(mHistory.size())},
+          Row{"owed", mQueue.owedAcks(), exactly(mOwed.size())},
+          Row{"sent", feedback.sentPackets(), exactly(mSent)},
+          Row{"received", feedback.receivedPackets(), exactly(mReceived)},
+          Row{"delay", feedback.delay(), mDelay}, Row{"slow", feedback.slowCount(), mSlow}}) {
+        require(static_cast<uint32_t>(found) - expected.least <= expected.most - expected.least,
+                text(name, " is ", found, ", not ", expected.least, " to ", expected.most));
+    }
+}
+
+VeskFrame const* QueueModel::first() const {
+    return mPending.empty() ? nullptr : &mPending.front().frame;
+}
+
+VeskFrame const* QueueModel::inWrite() const {
+    return mInWrite ? &mInWrite->frame : nullptr;
+}
+
+VeskFrame const* QueueModel::find(Packet* packet) const {
+    auto const found = std::find_if(mPending.begin(), mPending.end(),
+                                    [&](Pending const& entry) { return entry.packet == packet; });
+    return found == mPending.end() ? nullptr : &found->frame;
 }
 
 uint64_t QueueModel::nextDeadline() const {
     uint64_t deadline = UINT64_MAX;
-    for (Packet const& packet : mPending) {
-        if (packet.priority != 1) deadline = std::min(deadline, packet.admitted + HOLD_MS);
-    }
-    if (!mHistory.empty()) deadline = std::min(deadline, mHistory.front().time + EXPIRY_MS);
+    for (Pending const& packet : mPending)
+        if (packet.due() > now()) deadline = std::min(deadline, packet.due());
+    if (!mHistory.empty()) deadline = std::min(deadline, mHistory.front().earliest + EXPIRY_MS);
     if (!mOwed.empty()) deadline = std::min(deadline, mOwed.front().time + ACK_AGE_MS);
     return deadline;
-}
-
-std::string QueueModel::compare(VeskQueue const& queue) const {
-    struct Row {
-        char const* name;
-        uint64_t expected, found;
-    };
-    VeskFeedback const& feedback = queue.feedback();
-    std::ostringstream differences;
-    for (Row const& row :
-         {Row{"pending", mPending.size(), static_cast<uint64_t>(queue.size())},
-          Row{"awaiting", mHistory.size(), queue.awaitingAck()},
-          Row{"owed", mOwed.size(), queue.owedAcks()}, Row{"sent", mSent, feedback.sentPackets()},
-          Row{"received", mReceived, feedback.receivedPackets()},
-          Row{"delay", mDelay, feedback.delay()}, Row{"slow", mSlow, feedback.slowCount()}}) {
-        if (row.expected == row.found) continue;
-        differences << row.name << " is " << row.found << " instead of " << row.expected << "; ";
-    }
-    return differences.str();
-}
-
-std::string QueueModel::balance() {
-    uint64_t left = mHistory.size();
-    for (char const* how : {"acknowledged", "timed out", "superseded", "cleared"}) {
-        left += mTotals[how];
-    }
-    return left == mTotals["sent to be acknowledged"] ? ""
-                                                      : "packets left the history twice or never";
 }
 
 }  // namespace vesk::simulation

@@ -1,9 +1,10 @@
 #include "Simulation.h"
 
-#include <algorithm>
-#include <stdexcept>
-
 #include <vesk/testkit/Await.h>
+
+#include <quillex/Log.h>
+
+#include "SimulatedWait.h"
 
 namespace vesk::simulation {
 
@@ -12,6 +13,12 @@ using testkit::FaultyLink;
 using testkit::Random;
 
 namespace {
+
+constexpr uint64_t HIGH = uint64_t{1} << 32, MINUTE = 60000;
+/** Half of them beyond 32 bits, two where 32 bits wrap after some minutes. */
+constexpr uint64_t STARTS[] = {1000000, HIGH - 3 * MINUTE, HIGH + 1, 5 * HIGH - MINUTE};
+
+Simulation* gSimulation = nullptr;
 
 FaultyLink::Faults faultsFor(Random& random, bool lossless) {
     if (lossless) {
@@ -23,56 +30,86 @@ FaultyLink::Faults faultsFor(Random& random, bool lossless) {
     return {upTo(150), upTo(80), upTo(60), upTo(150), random.between(0, 900)};
 }
 
-uint16_t u16(Bytes const& bytes, size_t at) {
-    return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
-}
-
 }  // namespace
 
 class Simulation::Host : public VeskCallback {
 public:
     explicit Host(Simulation* simulation) : mSimulation(simulation) {}
 
-    void receive(uint32_t client, uint32_t session, bool,
-                 std::shared_ptr<VeskFrame> const& frame) override {
-        mSimulation->onDelivery(client, static_cast<uint16_t>(session), frame);
+    void receive(uint32_t client, uint32_t session, bool local, FramePtr const& frame) override {
+        mSimulation->onDelivery(client, session, local, frame);
     }
     void sendToChannel(Bytes bytes) override { mSimulation->onWrite(std::move(bytes)); }
-    void notifyTopicChanged(bool, std::string) override {}
-    void notifyBusinessChanged(bool, std::string, std::string) override {}
+    void notifyTopicChanged(bool added, std::string topic) override {
+        if (!topic.empty()) tell("topic", added, topic);
+    }
+    void notifyBusinessChanged(bool added, std::string topic, std::string business) override {
+        tell("business", added, topic + " " + business);
+    }
+
+protected:
+    ~Host() override {
+        if (gSimulation) callLibrary();  // not at process exit
+    }
 
 private:
+    void tell(char const* what, bool added, std::string const& names) {
+        mSimulation->mTrace.happened(text(what, added ? " + " : " - ", names));
+    }
+
     Simulation* mSimulation;
 };
 
+android::sp<VeskCallback> Simulation::newHost() {
+    return new Host(this);
+}
+
+void callLibrary() {
+    static auto const forNobody = std::make_shared<VeskFrame>();
+    forNobody->msgType = 2;
+    Vesk& vesk = *Vesk::getInstance();
+    vesk.getQueue()->owedAcks();
+    vesk.getSessionManager()->getSession(1);
+    vesk.notifyTopicChanged(true, "");
+    for (uint16_t id : {uint16_t{1}, uint16_t{2}})
+        if (auto const topic = vesk.getTopic(id)) topic->receive(true, forNobody);
+}
+
+FramePtr trackedFrame(bool withSerial) {
+    return {new VeskFrame(*VeskFrame::obtainFrame(withSerial)), [](VeskFrame* frame) {
+                callLibrary();
+                delete frame;
+            }};
+}
+
 Simulation::Simulation(Random random)
     : mRandom(std::move(random)),
+      mClock(mQueue, STARTS[mRandom.below(4)]),
       mLossless(mRandom.chance(300)),
       mOut(mRandom, faultsFor(mRandom, mLossless)),
       mIn(mRandom, faultsFor(mRandom, mLossless)),
       mFar(mRandom, 100),
-      mReader(*mVesk->getConfig(), [this](Bytes const& bytes) { arrive(bytes); }) {
-    mVesk->init(new Host(this));
+      mReader(mConfig, [this](Bytes const& bytes) { arrive(bytes); }) {
     mVesk->onChannelAvailable(false);
+    changeHost();
+    gSimulation = this;
+    quillex::Log::setSink(&Simulation::sink);
 }
 
 Simulation::~Simulation() {
-    for (uint16_t id : mIds) {
-        mSessions.removeSession(id);
-    }
-    mVesk->removeTopic("virtualcomm");
-    mVesk->removeTopic("test");
-    mVesk->onChannelAvailable(false);
+    quillex::Log::setSink(nullptr);
+    gSimulation = nullptr;
 }
 
-void Simulation::require(bool holds, std::string const& otherwise) const {
-    if (holds) return;
-    throw std::runtime_error("after " + std::to_string(mClock.now() - mStart) +
-                             " ms: " + otherwise);
+void Simulation::sink(char const* tag, char const* message) {
+    Simulation& self = *gSimulation;
+    std::string const name = tag;
+    if (name == "VeskQueue" && self.mModel->logged(message)) return;
+    self.mTrace.happened(name + " " + (self.mByClient && name[0] == '[' ? "sizes" : message));
 }
 
 void Simulation::run(uint64_t minutes) {
-    uint64_t const end = mStart + minutes * 60000;
+    uint64_t const end = mClock.now() + minutes * MINUTE;
     while (mClock.now() < end && !mRandom.exhausted()) {
         moveTime();
         if (mUpAgain != 0 && mClock.now() >= mUpAgain) setLink(true);
@@ -85,7 +122,7 @@ void Simulation::run(uint64_t minutes) {
 
 void Simulation::moveTime() {
     // Just before and just at a deadline is where a bound that is off by one shows.
-    uint64_t const deadline = mModel.nextDeadline();
+    uint64_t const deadline = mModel->nextDeadline();
     uint64_t const left = deadline > mClock.now() ? deadline - mClock.now() : 0;
     uint64_t const step = left > 1 && left < 2000 && mRandom.chance(400) ? left - mRandom.below(2)
                                                                          : mRandom.below(250);
@@ -93,19 +130,15 @@ void Simulation::moveTime() {
     settle();
 }
 
+// From inside a write, and while the looper is held in one, there is nothing to wait for.
 void Simulation::settle() {
-    mModel.pass(mClock.now());
-    mQueue->wake();
-    require(testkit::eventually([this] { return mQueue->idle(); }), "the looper finds no rest");
-    std::vector<Bytes> written;
-    {
-        std::lock_guard<std::mutex> lock(mMutex);
-        written.swap(mWritten);
-    }
-    require(written == mModel.takeWrites(), "not written was what was due, in that order");
-    std::string const wrong = mModel.compare(*mQueue) + mModel.balance();
-    require(wrong.empty(), wrong);
-    for (Bytes& bytes : written) {
+    if (mHolding || std::this_thread::get_id() != mThread) return;
+    ++mRound;
+    require(testkit::eventually([this] { return asleep(*mQueue, mRound); }),
+            "the looper finds no rest");
+    mModel->rest();
+    mTrace.requireNothingLeft();
+    for (Bytes& bytes : std::exchange(mWritten, {})) {
         if (mUpAgain != 0) continue;
         if (mLossless) mOutSent.push_back(bytes);
         mOut.write(mClock.now(), std::move(bytes));
@@ -122,13 +155,11 @@ void Simulation::exchange() {
             mOutSent.pop_front();
         }
     }
-    for (Bytes& ack : mFar.dueAcks(now)) {
+    for (Bytes& ack : mFar.dueAcks(now))
         farWrite(std::move(ack));
-    }
     auto const chunks = mIn.read(now);
-    for (Bytes const& chunk : chunks) {
+    for (Bytes const& chunk : chunks)
         mReader.feed(chunk.data(), chunk.size());
-    }
     if (chunks.empty() && mReader.doubtful()) mReader.abandon();
 }
 
@@ -146,8 +177,8 @@ void Simulation::setLink(bool up) {
     mReader.reset();
     mOutSent.clear();
     mInSent.clear();
+    if (!up) mModel->cleanup();
     mVesk->onChannelAvailable(up);
-    if (!up) mModel.cleanup();
 }
 
 void Simulation::arrive(Bytes const& bytes) {
@@ -157,72 +188,65 @@ void Simulation::arrive(Bytes const& bytes) {
         mInSent.pop_front();
     }
     receive(bytes);
-    settle();
 }
 
 void Simulation::receive(Bytes const& bytes) {
-    auto const frame = VeskFrame::obtainFrame(false);
+    auto frame = trackedFrame(false);
     frame->unSerialze(bytes);
-    mFrames.push_back(frame);
-    auto const topic = mVesk->getTopic(frame->topicId);
-    bool const data = frame->msgType != 1 &&
-                      mVesk->getConfig()->isBussinessSupport(frame->topicId, frame->businessId);
-    deliver(*frame, data ? topic.get() : nullptr, [&] { mQueue->receiveFromChannel(frame); });
-    if (data) {
-        mModel.owe(mClock.now(), frame->serialNumber);
-    } else if (frame->msgType == 1 && frame->topicId == 0xAA && frame->businessId == 0xAA &&
-               frame->reply == frame->data.size() / 4) {
-        std::vector<std::pair<uint16_t, uint16_t>> entries;
-        for (size_t at = 0; at + 4 <= frame->data.size(); at += 4) {
-            entries.emplace_back(u16(frame->data, at), u16(frame->data, at + 2));
-        }
-        mModel.acknowledge(mClock.now(), entries);
-    }
+    mTrace.expect(text("VeskQueue receiveFromChannel:", frame->serialNumber,
+                       ",msgType:", +frame->msgType, ",msg:", frame->msgId));
+    bool const ack = frame->msgType == 1;
+    if (ack && frame->topicId == 0xAA && frame->businessId == 0xAA) mModel->acknowledge(*frame);
+    bool const data = !ack && mConfig.isBussinessSupport(frame->topicId, frame->businessId);
+    auto const* const topic = data ? mRouting.topic(frame->topicId) : nullptr;
+    // Owed only when it has been delivered; what the session does first comes before.
+    if (data && RoutingModel::receivers(topic, *frame).empty()) mModel->owe(frame->serialNumber);
+    route(topic, false, frame, [&] { mQueue->receiveFromChannel(frame); });
+    mModel->letGo(frame);
+    frame.reset();
+    settle();
 }
 
-bool Simulation::fits(VeskSession const& session, VeskFrame const& frame) const {
-    bool const addressed = frame.msgType == 2
-                                   ? session.type() == 2
-                                   : frame.msgType == 3 && frame.reply == session.sessionId();
-    return addressed && session.topicId() == frame.topicId &&
-           session.businessId() == frame.businessId;
-}
-
-void Simulation::deliver(VeskFrame const& frame, VeskTopic const* topic,
-                         std::function<void()> const& act) {
-    bool const due = std::any_of(mIds.begin(), mIds.end(), [&](uint16_t id) {
-        auto const session = mSessions.getSession(id);
-        return topic && session->getTopic().get() == topic && fits(*session, frame);
-    });
-    mDeliveries = 0;
+void Simulation::route(RoutingModel::Topic const* topic, bool local, FramePtr const& frame,
+                       std::function<void()> const& act) {
+    Route route{RoutingModel::receivers(topic, *frame), local, frame.get(), 0};
+    Route* const outer = std::exchange(mRoute, &route);
     act();
-    require(mDeliveries <= (topic ? 1 : 0), "a frame was delivered more often than it should");
-    require(mDeliveries == 1 || !due, "a frame has reached nobody");
+    mRoute = outer;
+    require(route.deliveries == (route.receivers.empty() ? 0 : 1),
+            text("a frame has reached ", route.deliveries, " sessions"));
 }
 
-void Simulation::onDelivery(uint32_t client, uint16_t id, std::shared_ptr<VeskFrame> const& frame) {
-    ++mDeliveries;
-    auto const session = mSessions.getSession(id);
-    bool const known = session && session->clientId() == client && fits(*session, *frame);
-    require(known || mRemoved.count({client, id}) != 0, "a frame has reached session " +
-                                                                std::to_string(id) +
-                                                                ", to which it was not addressed");
-    if (known && frame->msgType == 2 && mRandom.chance(500)) answer(*session, *frame);
+void Simulation::onDelivery(uint32_t client, uint32_t id, bool local, FramePtr const& frame) {
+    Route& route = *mRoute;
+    auto const is = [&](auto const& one) { return one.client == client && one.id == id; };
+    auto const session = std::find_if(route.receivers.begin(), route.receivers.end(), is);
+    require(session != route.receivers.end() && local == route.local && frame.get() == route.frame,
+            text("delivered to session ", id, " of client ", client, " was not what should be"));
+    ++route.deliveries;
+    auto const present = mRouting.sessions().find(session->id);
+    if (frame->msgType == 2 && present != mRouting.sessions().end() &&
+        present->second.number == session->number && mRandom.chance(500)) {
+        auto answer = newFrame(frame->topicId, frame->businessId, 3);
+        answer->reply = frame->reply;
+        publish(*session, std::move(answer));
+    }
+    if (!local) mModel->owe(frame->serialNumber);
 }
 
 void Simulation::onWrite(Bytes bytes) {
-    if (QueueModel::ackedInside(bytes)) FarPeer(mQueue).acknowledge(u16(bytes, 8));
-    std::unique_lock<std::mutex> lock(mMutex);
+    mModel->writing(bytes);
+    if (!mQuiet) actInWrite(bytes);
+    if (mRandom.chance(mSlow)) mClock.jump(static_cast<int64_t>(mRandom.between(1, 30)));
     mWritten.push_back(std::move(bytes));
-    if (mGateShut) {
-        mBlocked = true;
-        mGate.notify_all();
-        mGate.wait(lock, [this] { return !mGateShut; });
-        mBlocked = false;
-    }
+    mBlocked = mGateShut.load();
+    require(testkit::eventually([this] { return !mGateShut; }), "the looper is not let go");
+    mModel->written();
 }
 
 void Simulation::finish() {
+    mQuiet = true;
+    mSlow = 0;
     mOut.mend();
     mIn.mend();
     mFar.forgetNothing();
@@ -233,12 +257,29 @@ void Simulation::finish() {
         settle();
         exchange();
     }
-    require(mModel.empty(), "the link has been clean and quiet for 5 s and packets are left");
+    require(mModel->empty(), "the link has been clean and quiet for 5 s and packets are left");
     require(mOutSent.empty() && mInSent.empty(), "a lossless link has swallowed a frame");
-    submit(1, false, newFrame(1, 1, 2));  // the last one cleared away is let go of with the next
+    for (uint32_t client = 0; client < 5; ++client)
+        removeByClient(client);
+    for (size_t i = 0; i < mAllTopics.size(); ++i) {
+        auto const left = mRouting.topics()[i];
+        auto const topic = mAllTopics[i].lock();
+        for (auto const& table : {left.all, left.providers}) {
+            for (auto const& entry : table) {
+                mTrace.expect(mRouting.leave(entry.second));
+                topic->removeSession(entry.first);
+            }
+        }
+    }
+    for (uint16_t id : {uint16_t{1}, uint16_t{2}}) {
+        mRouting.removeTopic(id);
+        mVesk->removeTopic(mConfig.getTopicIdById(id));
+    }
+    requireReleased();
+    require(std::all_of(mAllTopics.begin(), mAllTopics.end(),
+                        [](auto const& topic) { return topic.expired(); }),
+            "a removed topic is held without a session");
     settle();
-    require(std::all_of(mFrames.begin(), mFrames.end(), [](auto const& f) { return f.expired(); }),
-            "frames are still alive with nothing pending");
 }
 
 }  // namespace vesk::simulation

@@ -1,15 +1,14 @@
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include <StreamReader.h>
@@ -20,17 +19,20 @@
 #include <vesk/testkit/StreamPeer.h>
 
 #include "QueueModel.h"
+#include "RoutingModel.h"
 
 namespace vesk::simulation {
 
-using Bytes = std::vector<uint8_t>;
+/** Deletes itself by way of the library: whoever lets go of it under a lock does not return. */
+FramePtr trackedFrame(bool withSerial);
+/** Takes each lock of the library's facade, as a host's destructor may. */
+void callLibrary();
 
 /**
  * The live library under a clock that stands still, between local clients and a far peer on a link
- * that does what a seed says. After each event the looper is waited for, so that nothing depends on
- * the machine; every write and every number is compared with the model's.
- *
- * Throws std::runtime_error with the time and what went wrong at the first difference.
+ * that does what a seed says. After each event the looper is waited for, and only one thread acts
+ * at a time, so that nothing depends on the machine; every line, write, delivery and number is
+ * compared with the models'. The first difference ends the process.
  */
 class Simulation {
 public:
@@ -43,10 +45,18 @@ public:
      */
     void run(uint64_t minutes);
 
-    std::map<std::string, uint64_t> const& totals() const { return mModel.totals(); }
+    std::map<std::string, uint64_t> const& totals() const { return mQueueModel.totals(); }
 
 private:
     class Host;
+    class OwnPacket;
+    using PacketPtr = android::sp<VeskQueue::QueuedPacket>;
+    struct Route {
+        std::vector<RoutingModel::Session> receivers;
+        bool local;
+        VeskFrame const* frame;
+        int deliveries;
+    };
 
     // Time and the link
     void moveTime();
@@ -60,51 +70,76 @@ private:
     // What clients and the far side do
     void act();
     void sendThroughSession();
-    void answer(VeskSession& session, VeskFrame const& request);
-    void publish(VeskSession& session, bool local, std::shared_ptr<VeskFrame> const& frame);
     void enqueueDirectly();
+    void pushOwn();
+    void removeOwn();
+    void dequeueFirst();
     void replacePending();
-    void submit(int priority, bool needsAck, std::shared_ptr<VeskFrame> const& frame);
-    Bytes farFrame();
-    Bytes nonsenseAck();
-    void changeSessions();
+    void farFrames();
+    void nonsenseAck();
+    void joinAndLeave();
+    void joinTopicItself();
+    void requireReleased();
     void changeTopics();
+    void changeHost();
     void burst();
-    std::shared_ptr<VeskFrame> newFrame(uint8_t topicId, uint8_t business, uint8_t type);
+    void lendToOtherQueue();
+    void loseLink();
+    void actInWrite(Bytes const& bytes);
+
+    void publish(RoutingModel::Session const& from, FramePtr frame);
+    void submit(int priority, bool needsAck, FramePtr frame);
+    void push(PacketPtr&& packet);
+    PacketPtr dequeue();
+    void drop(PacketPtr&& packet);
+    void remove(PacketPtr const& packet);
+    void replace(FramePtr frame);
+    void removeByClient(uint32_t client);
+    static bool isOf(PacketPtr const& packet, std::weak_ptr<VeskFrame> const& frame);
+    PacketPtr ownPacket();
+    Bytes farFrame();
+    FramePtr anyFrame();
+    FramePtr newFrame(uint8_t topicId, uint8_t business, uint8_t type);
     Bytes newPayload();
+    android::sp<VeskCallback> newHost();
 
     // What the library does
+    static void sink(char const* tag, char const* message);
     void receive(Bytes const& bytes);
-    void deliver(VeskFrame const& frame, VeskTopic const* topic, std::function<void()> const& act);
-    bool fits(VeskSession const& session, VeskFrame const& frame) const;
-    void onDelivery(uint32_t client, uint16_t session, std::shared_ptr<VeskFrame> const& frame);
+    void route(RoutingModel::Topic const* topic, bool local, FramePtr const& frame,
+               std::function<void()> const& act);
+    void onDelivery(uint32_t client, uint32_t session, bool local, FramePtr const& frame);
     void onWrite(Bytes bytes);
-    void require(bool holds, std::string const& otherwise) const;
 
     Vesk* const mVesk = Vesk::getInstance();
+    VeskConfig const& mConfig = *mVesk->getConfig();
     VeskSessionManager& mSessions = *mVesk->getSessionManager();
-    std::shared_ptr<VeskQueue> const mQueue = mVesk->getQueue();
+    std::shared_ptr<VeskQueue> mQueue = mVesk->getQueue();  // the one that acts now
     testkit::Random mRandom;
     testkit::ShiftedClock mClock;
-    uint64_t const mStart = mClock.now();
     bool const mLossless;
     testkit::FaultyLink mOut, mIn;
     testkit::StreamPeer mFar;
     tool::StreamReader mReader;
     uint64_t mUpAgain = 0;  // when the link comes back; 0 while it is there
-    uint64_t mPayloads = 0;
+    uint64_t mPayloads = 0, mRound = 0;
     uint16_t mLastSerial = 0;
     std::deque<Bytes> mOutSent, mInSent;  // on a lossless link: what must arrive, in order
-    std::vector<std::weak_ptr<VeskFrame>> mFrames;
-    std::set<uint16_t> mIds;                           // of the sessions that there are
-    std::set<std::pair<uint32_t, uint16_t>> mRemoved;  // providers that their topic may still hold
-    int mDeliveries = 0;                               // of the frame that is being routed
 
-    QueueModel mModel;
-    bool mHolding = false;  // the looper is held inside a write
-    std::mutex mMutex;      // guards the three below, which the looper changes
-    std::condition_variable mGate;
-    bool mGateShut = false, mBlocked = false;
+    Trace mTrace;
+    QueueModel mQueueModel{*mQueue, mTrace};
+    QueueModel* mModel = &mQueueModel;  // of the queue that acts now
+    RoutingModel mRouting{mConfig, mTrace};
+    Route* mRoute = nullptr;
+    bool mByClient = false;
+    bool mQuiet = false;  // nothing is done any more from inside writes
+    std::list<std::weak_ptr<VeskSession>> mAllSessions;
+    std::vector<std::weak_ptr<VeskTopic>> mAllTopics;
+
+    std::thread::id const mThread = std::this_thread::get_id();
+    unsigned mSlow = 0;  // thousandths of the writes that take time
+    bool mHolding = false;
+    std::atomic<bool> mGateShut{false}, mBlocked{false};
     std::vector<Bytes> mWritten;
 };
 
