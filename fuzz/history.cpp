@@ -5,8 +5,7 @@
 #include <Simulation.h>
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* bytes, size_t size) {
-    using vesk::testkit::Random;
-    vesk::simulation::Simulation simulation(Random(std::vector<uint8_t>(bytes, bytes + size)));
-    simulation.run(60);
+    vesk::testkit::Random script(std::vector<uint8_t>(bytes, bytes + size));
+    vesk::simulation::simulate(std::move(script), 60);
     return 0;
 }

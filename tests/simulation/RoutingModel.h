@@ -1,29 +1,23 @@
 #pragma once
 
-#include <cstdint>
 #include <deque>
 #include <map>
-#include <string>
+#include <set>
 #include <vector>
 
-#include <vesk/VeskConfig.h>
 #include <vesk/VeskFrame.h>
-
-#include "Trace.h"
 
 namespace vesk::simulation {
 
-/**
- * Who has joined what, and who gets a frame. Each operation is told before the library is, expects
- * the lines and notifications of it and returns what the library has to return.
- */
+/** Who has joined what, who gets a frame, and what each operation has to return. */
 class RoutingModel {
 public:
     struct Session;
+    using Table = std::map<uint16_t, Session>;
     struct Topic {
         uint16_t id;
         bool local;
-        std::map<uint16_t, Session> providers, all;
+        Table providers, all;
     };
     struct Session {
         uint16_t id;
@@ -35,36 +29,86 @@ public:
         uint64_t number;  // of all that there have been
     };
 
-    RoutingModel(VeskConfig const& config, Trace& trace) : mConfig(config), mTrace(trace) {}
+    int createTopic(uint16_t id, bool local) {
+        if (topic(id)) return 0;
+        mOpen[id] = &topics.emplace_back(Topic{id, local, {}, {}});
+        return id;
+    }
 
-    int createTopic(uint16_t id, bool local);
-    int removeTopic(uint16_t id);
-    int createSession(uint32_t client, int type, uint16_t topic, uint16_t business, bool flag);
-    size_t removeSession(uint16_t id);
-    void removeByClient(uint32_t client);
-    /** A session that the host has made itself and enters in its topic. */
-    void enter(Session const& session);
-    /** The topic's own removal. */
-    std::string leave(Session const& session);
+    int removeTopic(uint16_t id) { return mOpen.erase(id) != 0 ? id : 0; }
 
-    /** All that there have been, in the order of their creation. */
-    std::deque<Topic> const& topics() const { return mTopics; }
+    int createSession(uint32_t client, int type, uint16_t topicId, uint16_t business, bool flag) {
+        if (!topic(topicId) || (type != 1 && type != 2)) return -4;
+        for (auto const& [id, s] : sessions)
+            if (type == 2 && s.type == 2 && s.client == client && s.flag == flag &&
+                s.topic->id == topicId && s.business == business)
+                return id;
+        uint16_t id = 1;
+        while (sessions.count(id) != 0)
+            ++id;
+        sessions[id] = enter({id, client, type, flag, business, topic(topicId), 0});
+        return id;
+    }
+
+    Session enter(Session session) {
+        session.number = ++mMade;
+        if (session.type == 2) session.topic->providers[session.id] = session;
+        return session.topic->all[session.id] = session;
+    }
+
+    static void leave(uint16_t id, Topic& topic) {
+        topic.providers.erase(id);
+        topic.all.erase(id);
+    }
+
+    size_t removeSession(uint16_t id) {
+        auto const found = sessions.find(id);
+        if (found == sessions.end()) return 0;
+        // A provider stays in its topic, which goes on routing to it.
+        if (found->second.type == 1) leave(id, *found->second.topic);
+        return sessions.erase(id);
+    }
+
+    void removeByClient(uint32_t client) {
+        for (auto next = sessions.begin(); next != sessions.end();) {
+            auto const session = next++;
+            if (session->second.client != client) continue;
+            leave(session->first, *session->second.topic);
+            sessions.erase(session);
+        }
+    }
+
     /** The topic that is open under this id; null where none is. */
-    Topic* topic(uint16_t id) const;
-    std::map<uint16_t, Session> const& sessions() const { return mSessions; }
-    /** How many sessions the manager or a topic holds. */
-    size_t alive() const;
+    Topic* topic(uint16_t id) const { return mOpen.count(id) != 0 ? mOpen.at(id) : nullptr; }
+
     /** One of these gets the frame. */
-    static std::vector<Session> receivers(Topic const* topic, VeskFrame const& frame);
+    static std::vector<Session> receivers(Topic const* topic, VeskFrame const& frame) {
+        std::vector<Session> found;
+        if (!topic || (frame.msgType != 2 && frame.msgType != 3)) return found;
+        for (auto const& [id, session] : frame.msgType == 2 ? topic->providers : topic->all) {
+            bool const addressed = frame.msgType == 2 || id == frame.reply;
+            if (addressed && session.business == frame.businessId) found.push_back(session);
+        }
+        return found;
+    }
+
+    /** How many sessions the manager or a topic holds. */
+    size_t alive() const {
+        std::set<uint64_t> numbers;
+        std::vector<Table> tables{sessions};
+        for (Topic const& topic : topics)
+            tables.insert(tables.end(), {topic.providers, topic.all});
+        for (Table const& table : tables)
+            for (auto const& entry : table)
+                numbers.insert(entry.second.number);
+        return numbers.size();
+    }
+
+    Table sessions;            // of the manager
+    std::deque<Topic> topics;  // removed ones included: sessions go on sending through them
 
 private:
-    std::string business(Session const& session, bool added) const;
-
-    VeskConfig const& mConfig;
-    Trace& mTrace;
-    std::deque<Topic> mTopics;  // removed ones included: sessions go on sending through them
     std::map<uint16_t, Topic*> mOpen;
-    std::map<uint16_t, Session> mSessions;
     uint64_t mMade = 0;
 };
 

@@ -1,14 +1,11 @@
-#include "SimulatedWait.h"
-
 #include <pthread.h>
 
 #include <atomic>
 #include <ctime>
-#include <map>
 #include <mutex>
-#include <utility>
 
-#include <quillex/SystemClock.h>
+#include "Require.h"
+#include "Simulation.h"
 
 namespace {
 
@@ -29,14 +26,15 @@ using Guard = std::lock_guard<std::mutex>;
 // an end, and it is reached when the simulated clock says so.
 extern "C" __attribute__((visibility("default"))) int pthread_cond_clockwait(
         pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, timespec const* end) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    auto const left = (int64_t{end->tv_sec} - now.tv_sec) * 1000000000 + end->tv_nsec - now.tv_nsec;
+    timespec begin{};
+    clock_gettime(clock, &begin);
+    auto const left =
+            (int64_t{end->tv_sec} - begin.tv_sec) * 1000000000 + end->tv_nsec - begin.tv_nsec;
     {
         Guard const guard(gMutex);
-        // The wait began a little before it got here.
-        gWaits[mutex] = {condition, quillex::SystemClock::uptimeMillis() +
-                                            static_cast<uint64_t>(left + 999999) / 1000000};
+        // Rounded up: it began a little before it got here.
+        gWaits[mutex] = {condition,
+                         vesk::simulation::now() + static_cast<uint64_t>(left + 999999) / 1000000};
         gTakenOver = true;
     }
     int const result = pthread_cond_wait(condition, mutex);
@@ -47,16 +45,14 @@ extern "C" __attribute__((visibility("default"))) int pthread_cond_clockwait(
 
 namespace vesk::simulation {
 
-bool asleep(VeskQueue& queue, uint64_t round) {
-    static uint64_t lastRound = 0;
-    if (!gTakenOver && std::exchange(lastRound, round) != round) queue.wake();
-    pthread_mutex_t* const mutex = queue.mutex().native_handle();
+bool asleep(VeskQueue& queue, bool first) {
+    if (!gTakenOver && first) queue.wake();
     Wait over{};
     {
         Guard const guard(gMutex);
-        auto const wait = gWaits.find(mutex);
+        auto const wait = gWaits.find(queue.mutex().native_handle());
         if (wait == gWaits.end()) return !gTakenOver && queue.idle();
-        if (wait->second.until <= quillex::SystemClock::uptimeMillis()) {
+        if (wait->second.until <= now()) {
             over = wait->second;
             gWaits.erase(wait);
         }

@@ -9,6 +9,8 @@
 #include <map>
 #include <string>
 
+#include <vesk/VeskFrame.h>
+
 #include "Simulation.h"
 
 int main(int argc, char** argv) {
@@ -29,9 +31,8 @@ int main(int argc, char** argv) {
         // The next frame has serial number 0 then, whatever ran before in this process.
         while (vesk::VeskFrame::obtainFrame(true)->serialNumber != 0xFFFF) {
         }
-        vesk::simulation::Simulation simulation{vesk::testkit::Random(seed)};
-        simulation.run(minutes);
-        for (auto const& [name, count] : simulation.totals())
+        for (auto const& [name, count] :
+             vesk::simulation::simulate(vesk::testkit::Random(seed), minutes))
             sums[name] += count;
     }
     std::chrono::duration<double> const seconds = std::chrono::steady_clock::now() - start;
