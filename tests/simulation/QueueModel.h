@@ -178,7 +178,10 @@ public:
     }
 
     /** Of pending packets; null where there is none. */
-    VeskFrame const* first() const { return mPending.empty() ? nullptr : &mPending.front().frame; }
+    VeskFrame const* at(size_t place) const {
+        return place < mPending.size() ? &std::next(mPending.begin(), ptrdiff_t(place))->frame
+                                       : nullptr;
+    }
     VeskFrame const* find(Packet* packet) const {
         for (Pending const& entry : mPending)
             if (entry.packet == packet) return &entry.frame;
