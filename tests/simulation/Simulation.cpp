@@ -239,9 +239,10 @@ private:
         frame->businessId = static_cast<uint8_t>(business);
         frame->msgType = type;
         frame->reply = reply;
-        // Mostly new ones; an old one supersedes what still waits in the history.
-        frame->msgId =
-                mRandom.chance(100) ? u16Below(mPayloads + 1) : static_cast<uint16_t>(mPayloads);
+        // Mostly new ones; an old one supersedes what still waits, but in a burst that fills the
+        // history.
+        size_t const back = !mHolding && mRandom.chance(100) ? mRandom.below(60) : 0;
+        frame->msgId = static_cast<uint16_t>(mPayloads - back);
         frame->data = newPayload();
         return frame;
     }
