@@ -49,7 +49,7 @@ private:
  *            written under it: a log sink must not call the queue.
  * Ownership: shares each frame until it is sent and, where asked for, acknowledged or expired. The
  *            packet that was the last one pending when dequeuePacket() or cleanup() took it out is
- *            the exception: the queue keeps it, and its frame, until the next admission.
+ *            the exception: the queue keeps it, and its frame, until the next admission or its end.
  * Channel:   every queue sends through the facade's one callback. A queue that a host makes for
  *            itself calls sendToChannel() on its own looper thread, beside the facade's queue.
  * Limits:    1000 packets pending and 1000 awaiting acknowledgement. The packet that finds the

@@ -139,14 +139,15 @@ void VeskQueue::State::wakeStalled() {
 
 void VeskQueue::State::cleanup() {
     debugLog(QUEUE_TAG, "cleanup.");
-    Packets pending, awaiting, dropped;  // released after the lock
+    Packets pending, awaiting, dropped;  // these and the tail are released after the lock
+    Packet tail;
     std::lock_guard<std::mutex> lock(mMutex);
     pending.reserve(static_cast<size_t>(mPending.load()));
-    Packet const tail = mTail;
+    tail = mTail;
     while (mHead != nullptr) {
         pending.push_back(unlink(mHead.get()));
     }
-    mTail = tail;
+    mTail = mRunning ? tail : nullptr;  // a stopped queue has no admission that would replace it
     awaiting = mWaitAckList.takeAll();
     dropped.swap(mDropped);
     mAckList.clear();
