@@ -1,6 +1,8 @@
 #include "queue/QueueTest.h"
 
 #include <climits>
+#include <set>
+#include <thread>
 
 namespace vesk {
 namespace {
@@ -110,6 +112,64 @@ TEST_F(AdmissionTest, NullIsIgnoredEverywhere) {
     queue->receiveAckMessage(nullptr);
     EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(state(), "0 0 0 0 0 0 0");
+}
+
+TEST_F(AdmissionTest, PacketsMayMoveBetweenQueuesThatSend) {
+    VeskQueue one, two;
+    auto const move = [&](VeskQueue& from, VeskQueue& to, int first) {
+        for (int id = first; id < first + 20000; ++id) {
+            Packet fresh = packet(1, static_cast<uint16_t>(id));
+            ASSERT_TRUE(eventually([&] { return one.size() < 900 && two.size() < 900; }));
+            from.push(fresh);
+            Packet moved = from.dequeuePacket();
+            to.push(moved);
+            if (id % 3 == 0) from.removePacket(fresh), from.push(fresh);
+        }
+    };
+    std::thread there([&] { move(one, two, 0); }), back([&] { move(two, one, 30000); });
+    there.join();
+    back.join();
+    EXPECT_TRUE(eventually([&] { return one.idle() && two.idle() && one.empty() && two.empty(); }));
+    auto const ids = left();
+    EXPECT_EQ(std::set<int>(ids.begin(), ids.end()).size(), 40000U);
+}
+
+TEST_F(AdmissionTest, PacketTakenOutInItsOwnSendMayBeAdmittedAgain) {
+    Packet sent = packet(1, 1);
+    std::function<void()> const ways[] = {[&] { EXPECT_EQ(queue->dequeuePacket(), sent); },
+                                          [&] { queue->removePacket(sent); },
+                                          [&] { queue->cleanup(); }};
+    for (auto const& takeOut : ways) {
+        callback->clear();
+        callback->onSend([&](auto const&) {
+            callback->onSend(nullptr), takeOut(), queue->push(sent), admit(1, 2);
+        });
+        admitTogether({sent, packet(1, 3)});
+        EXPECT_EQ(left(), &takeOut - ways == 2 ? (std::vector<int>{1, 1, 2})
+                                               : (std::vector<int>{1, 3, 1, 2}));
+        EXPECT_TRUE(queue->empty());
+    }
+    callback->clear();
+    callback->onSend([&](auto const&) { callback->onSend(nullptr), queue->removePacket(sent); });
+    admitTogether({sent, packet(1, 3)});  // which nothing else wakes the looper for
+    EXPECT_EQ(left(), (std::vector<int>{1, 3}));
+}
+
+TEST_F(AdmissionTest, PacketBelongsToTheQueueThatHoldsIt) {
+    VeskQueue other;
+    Packet chain[] = {admit(2, 1), admit(2, 2), admit(2, 3)};
+    for (Packet& held : chain) {
+        EXPECT_EQ(other.removePacket(held), nullptr);
+        other.push(held);
+        EXPECT_EQ(log.messages("VeskQueue").back(), "enqueue fail.");
+        other.enqueue(2, false, frame(4));
+        EXPECT_EQ(other.dequeuePacket()->getFrame()->msgId, 4);
+    }
+    EXPECT_EQ(queue->removePacket(chain[1]), chain[2]);
+    other.push(chain[1]);
+    EXPECT_EQ(other.dequeuePacket(), chain[1]);
+    clock.advance(2000);
+    EXPECT_EQ(left(), (std::vector<int>{1, 3}));
 }
 
 }  // namespace

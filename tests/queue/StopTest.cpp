@@ -1,5 +1,8 @@
 #include "queue/QueueTest.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <thread>
 
 namespace vesk {
@@ -77,23 +80,56 @@ TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
     EXPECT_EQ(left(), std::vector<int>{1});
 }
 
-TEST_F(StopTest, QueueMayStopOrEndInsideItsOwnSendAndLetsGoOfEverything) {
-    for (bool const destroyed : {false, true}) {
-        std::atomic<bool> ended{false};
-        auto mine = std::make_shared<VeskQueue>();
-        auto const sent = frame(1), waiting = frame(2);
-        callback->onSend([&](auto const&) {
-            mine->enqueue(1, true, waiting);
-            mine->stop();
-            if (destroyed) mine.reset();
-            ended = true;
+TEST_F(StopTest, LastOwnerOfAQueueMayGoAnywhereOnItsOwnLooper) {
+    struct Owner {
+        VeskFrame frame;
+        std::shared_ptr<VeskQueue> queue;
+    };
+    std::thread stopper;
+    std::function<void(VeskQueue&, Owner&)> const ways[] = {
+            [&](VeskQueue&, Owner&) {},
+            [&](VeskQueue& mine, Owner&) { mine.stop(); },
+            [&](VeskQueue&, Owner& owner) { owner.queue.reset(); },
+            [&](VeskQueue& mine, Owner&) {  // while another thread waits for its end
+                stopper = std::thread([&mine] { mine.stop(); });
+                EXPECT_TRUE(eventually([&] {
+                    mine.enqueue(2, false, frame(1));
+                    return log.contains("VeskQueue", "enqueue fail.");
+                }));
+            },
+            [&](VeskQueue&, Owner&) { clock.jump(2000); },
+            [&](VeskQueue& mine, Owner&) { mine.cleanup(); },
+            [&](VeskQueue&, Owner& owner) { FarPeer(owner.queue).acknowledge(0); }};
+    for (auto const& way : ways) {
+        std::atomic<bool> alone{false};
+        auto owner = std::make_shared<Owner>();
+        owner->queue.reset(new VeskQueue);
+        std::weak_ptr<Owner> const watched = owner;
+        callback->onSend([&, mine = owner->queue.get(), raw = owner.get()](auto const&) {
+            callback->onSend(nullptr);
+            EXPECT_TRUE(eventually([&] { return alone.load(); }));
+            way(*mine, *raw);
         });
-        mine->enqueue(1, true, sent);
-        ASSERT_TRUE(eventually([&] { return ended.load(); }));
-        mine.reset();
-        EXPECT_TRUE(eventually([&] { return sent.use_count() + waiting.use_count() == 2; }));
+        Packet sent = new VeskQueue::QueuedPacket(1, &way - ways > 3, {owner, &owner->frame});
+        admitTogether({sent, packet(1, 2)}, owner->queue.get());
+        sent.clear();
+        owner.reset();
+        alone = true;
+        EXPECT_TRUE(eventually([&] { return watched.expired(); })) << &way - ways;
     }
-    EXPECT_EQ(left(), (std::vector<int>{1, 1}));
+    stopper.join();
+}
+
+TEST_F(StopTest, AChildProcessDoesNotWaitForAThreadThatItDoesNotHave) {
+    ASSERT_TRUE(eventually([&] { return own->idle(); }));
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(5);  // instead of a hang
+        queue->stop(), own.reset(), _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace
