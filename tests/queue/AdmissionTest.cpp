@@ -149,6 +149,10 @@ TEST_F(AdmissionTest, PacketTakenOutInItsOwnSendMayBeAdmittedAgain) {
                                                : (std::vector<int>{1, 3, 1, 2}));
         EXPECT_TRUE(queue->empty());
     }
+    callback->clear();
+    callback->onSend([&](auto const&) { callback->onSend(nullptr), queue->removePacket(sent); });
+    admitTogether({sent, packet(1, 3)});  // which nothing else wakes the looper for
+    EXPECT_EQ(left(), (std::vector<int>{1, 3}));
 }
 
 TEST_F(AdmissionTest, PacketBelongsToTheQueueThatHoldsIt) {

@@ -99,11 +99,7 @@ TEST_F(StopTest, LastOwnerOfAQueueMayGoAnywhereOnItsOwnLooper) {
             },
             [&](VeskQueue&, Owner&) { clock.jump(2000); },
             [&](VeskQueue& mine, Owner&) { mine.cleanup(); },
-            [&](VeskQueue& mine, Owner&) {
-                auto const ack = VeskFrame::obtainFrame(false);
-                ack->unSerialze(FarPeer::encode(FarPeer::ackFrame({{0, 0}})));
-                mine.receiveAckMessage(ack);
-            }};
+            [&](VeskQueue&, Owner& owner) { FarPeer(owner.queue).acknowledge(0); }};
     for (auto const& way : ways) {
         std::atomic<bool> alone{false};
         auto owner = std::make_shared<Owner>();
