@@ -22,64 +22,56 @@ std::ifstream beside(std::string const& name) {
 TEST(FrameTextTest, NamesWhatItKnowsAndEscapesWhatATerminalWouldActOn) {
     VeskConfig const catalogue;
     FrameText const text(catalogue, {8, 2, false}), inHex(catalogue, {2, 2, true});
-    VeskFrame frame;
     int frames = 0;
     std::ifstream file = beside("frames.txt");
-    for (std::string hex, line, json;
-         getline(file, hex) && getline(file, line) && getline(file, json); ++frames) {
+    for (std::string hex, line, json; getline(file, hex); ++frames) {
+        getline(getline(file, line), json);
         std::istringstream numbers(hex);
         std::vector<uint8_t> bytes;
         for (unsigned byte = 0; numbers >> std::hex >> byte;)
             bytes.push_back(uint8_t(byte));
-        frame = VeskFrame();
+        VeskFrame frame;
         frame.unSerialze(bytes);
-        EXPECT_EQ(text.line(frame), line);
+        EXPECT_EQ(text.line(frame, {12005, FrameText::Direction::OUT}), "12.005 out " + line);
+        EXPECT_EQ(text.line(frame, {std::nullopt, FrameText::Direction::IN}), "in  " + line);
+        EXPECT_EQ(text.json(frame, {5, FrameText::Direction::IN}),
+                  R"({"ms":5,"direction":"in",)" + json.substr(1));
         EXPECT_EQ(text.json(frame), json);
+        frame.msgType = 0;
+        EXPECT_EQ(inHex.line(frame).find("0x") < 99, bytes.size() > 12);
+        EXPECT_EQ(inHex.json(frame).find(R"(","cut":true)") < 999, bytes.size() > 12);
     }
     EXPECT_EQ(frames, 7);
-    FrameText::Prefix const prefix{12005, FrameText::Direction::OUT};
-    EXPECT_EQ(inHex.line(frame, prefix).substr(0, 30), "12.005 out acknowledgement of ");
-    EXPECT_EQ(inHex.json(frame, {5, FrameText::Direction::IN}).find(R"({"ms":5,"direction":"in",)"),
-              0U);
-    frame.msgType = 0;
-    EXPECT_NE(inHex.line(frame).find("13 bytes: 0x0100..."), std::string::npos);
-    EXPECT_NE(inHex.json(frame).find(R"("hex":"0100","cut":true)"), std::string::npos);
     std::string const kept = "ä\xC2\xA0€\xED\x9F\xBF\xEE\x80\x80😀";
     EXPECT_EQ(FrameText::escape(kept), kept);
-    for (std::string const escaped :
-         {"\x1F", "\x7F", "\xC2\x80", "\xC2\x9F", "\xD8\x9C", "\xE2\x80\x8E", "\xE2\x80\xAA",
-          "\xE2\x80\xAE", "\xE2\x80\xA8", "\xE2\x81\xA6", "\xE2\x81\xA9", "\xC1\xBF",
-          "\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xC3", "\xBF",
-          "\xF5\x80\x80\x80"}) {
-        EXPECT_EQ(FrameText::escape(escaped).size(), 4 * escaped.size()) << escaped;
-    }
+    std::string const escaped =
+            "\x1F\x7F\xC2\x80\xC2\x9F\xD8\x9C\xE2\x80\x8E\xE2\x80\xAA\xE2\x80\xAE\xE2\x80\xA8\xBF"
+            "\xE2\x81\xA6\xE2\x81\xA9\xC1\xBF\xE0\x9F\xBF\xF0\x8F\xBF\xBF\xED\xA0\x80\xF4\x90\xC3";
+    EXPECT_EQ(FrameText::escape(escaped).size(), 4 * escaped.size());
 }
 
 TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
     Vesk& vesk = *Vesk::getInstance();
+    VeskSessionManager& sessions = *vesk.getSessionManager();
     testkit::ShiftedClock clock;
     TrafficCounters traffic;
     Outbox outbox(nullptr);
-    FrameReader reader(*vesk.getConfig(), [&](std::shared_ptr<VeskFrame> const& frame) {
-        traffic.in(*frame);
-        vesk.getQueue()->receiveFromChannel(frame);
+    FrameReader reader(*vesk.getConfig(), [&](auto const& frame) {
+        traffic.in(*frame), vesk.getQueue()->receiveFromChannel(frame);
     });
     android::sp<testkit::RecordingCallback> const callback = new testkit::RecordingCallback;
     callback->onReceive([&](auto const& delivery) { traffic.delivered(delivery.local); });
-    callback->onSend([&](FarPeer::Bytes const& bytes) {
-        traffic.out(bytes);
-        outbox.put(bytes);
-    });
+    callback->onSend([&](auto const& bytes) { traffic.out(bytes), outbox.put(bytes); });
     vesk.init(callback);
-    vesk.createTopic("test", false);
-    vesk.createTopic("virtualcomm", false);
-    VeskSessionManager& sessions = *vesk.getSessionManager();
+    for (char const* const topic : {"test", "virtualcomm"})
+        vesk.createTopic(topic, false);
     int const consumer = sessions.createSession(1, 1, "test", "test", false);
     sessions.createSession(1, 1, "test", "test", false);
     sessions.createSession(1, 2, "virtualcomm", "vm", false);
-    auto const feed = [&](FarPeer::Frame const& frame) {
-        FarPeer::Bytes const bytes = FarPeer::encode(frame);
-        reader.feed(bytes.data(), bytes.size());
+    auto const feed = [&](std::vector<FarPeer::Frame> const& frames) {
+        for (FarPeer::Frame const& frame : frames)
+            for (uint8_t const byte : FarPeer::encode(frame))
+                reader.feed(&byte, 1);
     };
     auto const send = [&](int priority, std::vector<uint8_t> const& msgIds) {
         for (uint8_t const msgId : msgIds) {
@@ -89,21 +81,20 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
             vesk.getQueue()->enqueue(priority, true, frame);
         }
         clock.settle();
+        return HostStatus::of(vesk, traffic).delayMillis;
     };
-    EXPECT_EQ(HostStatus::of(vesk, traffic).delayMillis, std::nullopt);
-    send(1, {2, 2, 3, 4});  // the second of the same msgId takes the place of the first
-    feed(FarPeer::ackFrame({{0, 3}}));
-    EXPECT_EQ(HostStatus::of(vesk, traffic).delayMillis, 0U);
+    EXPECT_EQ(send(1, {2, 2, 3, 4}), std::nullopt);  // the second 2 takes the place of the first
+    feed({FarPeer::ackFrame({{0, 3}})});
+    EXPECT_EQ(send(1, {}), 0U);
     clock.advance(2000);
-    EXPECT_EQ(HostStatus::of(vesk, traffic).delayMillis, std::nullopt);
-    send(1, {5, 7, 8, 9});
+    EXPECT_EQ(send(1, {5, 7, 8, 9}), std::nullopt);
     clock.jump(1600);
-    feed(FarPeer::ackFrame({{0, 5}}));
+    feed({FarPeer::ackFrame({{0, 5}}),
+          {2, 1, 3, uint16_t(consumer), 1, 1, {1, 2}},
+          {2, 1, 2, 0, 1, 1, {}},
+          {9, 1, 4, 0, 1, 1, {}}});
+    reader.feed(FarPeer::Bytes{'x'}.data(), 1);
     send(2, FarPeer::Bytes(1005, 6));
-    feed({2, 1, 3, uint16_t(consumer), 1, 1, {1, 2}});
-    feed({2, 1, 2, 0, 1, 1, {}});
-    feed({9, 1, 4, 0, 1, 1, {}});
-    reader.feed(reinterpret_cast<uint8_t const*>("x"), 1);
     traffic.delivered(true);
     std::string found = HostStatus::of(vesk, traffic, &outbox, &reader).json() + "\n";
     outbox.close();
