@@ -15,7 +15,7 @@ using testkit::FarPeer;
 
 /** A file beside this one; what is expected stands there, so that long lines may. */
 std::ifstream beside(std::string const& name) {
-    return std::ifstream(std::string(__FILE__, sizeof(__FILE__) - sizeof("ReportTest.cpp")) + name);
+    return std::ifstream(VESK_HOSTKIT_TESTS "/" + name);
 }
 
 // frames.txt: for each frame its bytes, the line and the JSON object for it.
@@ -69,9 +69,10 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
     sessions.createSession(1, 1, "test", "test", false);
     sessions.createSession(1, 2, "virtualcomm", "vm", false);
     auto const feed = [&](std::vector<FarPeer::Frame> const& frames) {
-        for (FarPeer::Frame const& frame : frames)
-            for (uint8_t const byte : FarPeer::encode(frame))
-                reader.feed(&byte, 1);
+        for (FarPeer::Frame const& frame : frames) {
+            FarPeer::Bytes const bytes = FarPeer::encode(frame);
+            reader.feed(bytes.data(), bytes.size());
+        }
     };
     auto const send = [&](int priority, std::vector<uint8_t> const& msgIds) {
         for (uint8_t const msgId : msgIds) {
