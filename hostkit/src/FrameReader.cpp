@@ -83,12 +83,10 @@ size_t FrameReader::examine(uint8_t const* bytes, size_t size, Rest rest) {
 }
 
 void FrameReader::abandon() {
-    std::vector<uint8_t> bytes;
-    bytes.reserve(MAX_FRAME_SIZE);
-    bytes.swap(mHeld);
-    if (!bytes.empty()) {
+    if (!mHeld.empty()) {
         skip(1);
-        examine(bytes.data() + 1, bytes.size() - 1, Rest::NEVER_COMES);
+        examine(mHeld.data() + 1, mHeld.size() - 1, Rest::NEVER_COMES);
+        mHeld.clear();
     }
     // A sender that has paused begins anew more often than it goes on in the middle of a frame, and
     // then nothing that it sends may be lost, whatever its type.

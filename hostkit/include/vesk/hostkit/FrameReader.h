@@ -25,13 +25,13 @@ namespace vesk::hostkit {
  * Any other byte there means that step is lost. All bytes are then skipped and counted until 12 of
  * them make a header that the library would act on: a business of the catalogue with any type but
  * 1, or an acknowledgement whose reply field is its number of entries. In random bytes one such
- * header comes by chance in about a million. It is believed, for nothing in the format tells it from
- * a true one, and hides at most the 65,535 bytes behind it.
+ * header comes by chance in about a million. It is believed, for nothing in the format tells it
+ * from a true one, and hides at most the 65,535 bytes behind it.
  *
- * A frame that is never completed would swallow what comes after it. So the owner watches the clock:
- * when nothing has arrived for some time (a second is plenty) while incomplete(), it calls
- * abandon(), which finds the whole frames that were swallowed. Only a silence that the peer has made
- * counts, not one in which the owner did not read.
+ * A frame that is never completed would swallow what comes after it. So the owner watches the
+ * clock: when nothing has arrived for some time (a second is plenty) while incomplete(), it calls
+ * abandon(), which finds the whole frames that were swallowed. Only a silence that the peer has
+ * made counts, not one in which the owner did not read.
  *
  * Memory:  one frame, 12 + 65,535 bytes.
  * Time:    linear in the bytes fed, whatever they are.
@@ -60,7 +60,8 @@ public:
 
     /**
      * The channel has been silent: gives up the incomplete frame. Whole frames among its bytes are
-     * handed on, the other bytes are skipped. What comes next is taken for the beginning of a frame.
+     * handed on, the other bytes are skipped. What comes next is taken for the beginning of a
+     * frame.
      */
     void abandon();
 

@@ -20,9 +20,9 @@ class JsonObject;
  *     in  request test/test from session 7, msg 5, serial 9, 5 bytes: "hello"
  *     out acknowledgement of 2: serial 9 held 12 ms, serial 10 held 3 ms
  *
- * Neither holds a line break or anything that a terminal would act on, whatever the frame holds, and
- * both are bounded in length, as Options says. A payload is shown as text where most of it is text,
- * in hex where not.
+ * Neither holds a line break or anything that a terminal would act on, whatever the frame holds,
+ * and both are bounded in length, as Options says. A payload is shown as text where most of it is
+ * text, in hex where not.
  *
  * Threads: every operation may be called from any thread.
  */
@@ -51,24 +51,28 @@ public:
     std::string line(VeskFrame const& frame) const { return line(frame, Prefix{}); }
 
     /**
-     * Members: "ms" and "direction" where known; "type", "msgType", "topic" and "business" where the
-     * catalogue has them, "topicId", "businessId", "reply", "serial", "msgId", "size"; then
+     * Members: "ms" and "direction" where known; "type", "msgType", "topic" and "business" where
+     * the catalogue has them, "topicId", "businessId", "reply", "serial", "msgId", "size"; then
      * "entries" of an acknowledgement, or the payload as "text" or as "hex"; and "cut": true where
      * not all of these is shown.
      */
     std::string json(VeskFrame const& frame, Prefix const& prefix) const;
     std::string json(VeskFrame const& frame) const { return json(frame, Prefix{}); }
 
-    /** "topic/business" by their names; by number, like "topic 9/business 1", where they have none. */
+    /**
+     * "topic/business" by their names; by number, like "topic 9/business 1", where they have none.
+     */
     std::string business(uint8_t topicId, uint8_t businessId) const;
 
-    /** "acknowledgement", "request", "reply"; by number, like "type 4", where it is none of them. */
+    /**
+     * "acknowledgement", "request", "reply"; by number, like "type 4", where it is none of them.
+     */
     static std::string type(VeskFrame const& frame);
 
     /**
      * Foreign text for a log or a terminal: control characters (C0, DEL, C1), those that change the
-     * direction of writing, line separators, backslashes, quotes and what is no UTF-8 become escapes
-     * such as \n or \x1B.
+     * direction of writing, line separators, backslashes, quotes and what is no UTF-8 become
+     * escapes such as \n or \x1B.
      */
     static std::string escape(std::string const& text);
 

@@ -19,8 +19,8 @@ namespace vesk::hostkit {
  * Everything countable about a host at one moment: what waits, against its bounds, and what has
  * become of everything since the start. A plain record, to be compared with an earlier one.
  *
- * Threads: of() may be called from any thread. The numbers are read one after another while the host
- *          goes on, so they agree with each other only where it rests.
+ * Threads: of() may be called from any thread. The numbers are read one after another while the
+ *          host goes on, so they agree with each other only where it rests.
  */
 struct VESK_EXPORT HostStatus {
     /** Sessions that have joined one business of the catalogue. */

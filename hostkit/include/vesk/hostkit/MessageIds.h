@@ -21,8 +21,8 @@ namespace vesk::hostkit {
  * The library knows a frame that awaits acknowledgement by its msgId alone, whatever its topic, and
  * a reply is known by the msgId of its request. So an id is in use from take() until nothing can
  * come for it any more:
- * - after answered(), until the acknowledgement of the request cannot be awaited any more: the reply
- *   shows that the request has been sent, and that is over ACK_TIMEOUT_MS later;
+ * - after answered(), until the acknowledgement of the request cannot be awaited any more: the
+ *   reply shows that the request has been sent, and that is over ACK_TIMEOUT_MS later;
  * - after givenUp(), until the late reply has come, which is told by answered(), or for
  *   LATE_REPLY_MS: a reply that takes longer than this must be expected to meet another request.
  *

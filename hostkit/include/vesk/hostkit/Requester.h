@@ -25,11 +25,11 @@ namespace vesk::hostkit {
  *
  * Threads:   every operation may be called from any thread and from inside a callback.
  * Callbacks: a request's callback is called exactly once, by received(), expire(), cancel() or the
- *            destructor, on the thread that called these, or by a `send` that brings the reply before
- *            it returns. No lock is held then.
+ *            destructor, on the thread that called these, or by a `send` that brings the reply
+ *            before it returns. No lock is held then.
  * Ownership: the destructor ends what is outstanding with CANCELLED, also a call() that blocks, and
- *            waits for nothing; a callback may run it. Callbacks of other threads may still be under
- *            way when it returns.
+ *            waits for nothing; a callback may run it. Callbacks of other threads may still be
+ *            under way when it returns.
  * Times:     milliseconds of uptime, from quillex::SystemClock.
  */
 class VESK_EXPORT Requester {
@@ -64,8 +64,8 @@ public:
     using Send = std::function<void(std::shared_ptr<VeskFrame> const& request)>;
 
     /**
-     * Sends a request to the peer, through the consumer session that its reply field names; one that
-     * is gone sends nothing.
+     * Sends a request to the peer, through the consumer session that its reply field names; one
+     * that is gone sends nothing.
      */
     static void sendToPeer(std::shared_ptr<VeskFrame> const& request);
 
@@ -81,18 +81,18 @@ public:
      *
      * @param timeout ms from now until the request is given up.
      * @param done    may be called before this returns. Never called when nothing is returned.
-     * @return the request, for cancel(); nothing, and nothing is sent, when no message id is free or
-     *         the payload is longer than 65,535 bytes.
+     * @return the request, for cancel(); nothing, and nothing is sent, when no message id is free
+     *         or the payload is longer than 65,535 bytes.
      */
     std::optional<Ticket> ask(Address const& address, Bytes payload, uint64_t timeout, Done done);
 
     /**
-     * Sends a request and waits for what comes of it. Keeps its time by itself: nobody needs to call
-     * expire() for it.
+     * Sends a request and waits for what comes of it. Keeps its time by itself: nobody needs to
+     * call expire() for it.
      *
      * The thread that called received() last, unless that was from inside a send of its own, is
-     * refused at once with WRONG_THREAD: it would wait for itself. Nor may the library's looper call
-     * this, which is to send the request.
+     * refused at once with WRONG_THREAD: it would wait for itself. Nor may the library's looper
+     * call this, which is to send the request.
      */
     Result call(Address const& address, Bytes payload, uint64_t timeout);
 
@@ -102,15 +102,19 @@ public:
     /**
      * Takes a frame that the library has delivered.
      *
-     * @return whether it is the reply, in time or late, to a request of this object; any other frame
-     *         is left to the caller.
+     * @return whether it is the reply, in time or late, to a request of this object; any other
+     *         frame is left to the caller.
      */
     bool received(std::shared_ptr<VeskFrame> const& frame);
 
-    /** Ms until a request has to be given up, 0 where one is overdue; nothing: none is outstanding. */
+    /**
+     * Ms until a request has to be given up, 0 where one is overdue; nothing: none is outstanding.
+     */
     std::optional<uint64_t> nextTimeout() const;
 
-    /** Gives up, with TIMED_OUT, the requests whose time is over, the one due first before others. */
+    /**
+     * Gives up, with TIMED_OUT, the requests whose time is over, the one due first before others.
+     */
     void expire();
 
     /** Requests whose callback is still to be called. */

@@ -15,8 +15,8 @@ namespace vesk::hostkit {
  *
  * The library never blocks a sender: the frame that finds 1000 others pending is dropped. So a host
  * looks before it sends and, where the gate is closed, leaves the frame with its client until there
- * is room. Room comes when frames leave, when acknowledgements come in, and, without any event, when
- * those that never come have been awaited for 2000 ms.
+ * is room. Room comes when frames leave, when acknowledgements come in, and, without any event,
+ * when those that never come have been awaited for 2000 ms.
  *
  * Threads: every operation may be called from any thread. The answer is exact as long as one thread
  *          does all the sending; the limits leave room for a hundred that look at the same moment.
@@ -30,8 +30,8 @@ public:
         /**
          * Frames that are pending or sent and not acknowledged. With 1000 of the latter the looper
          * stops sending, and the acknowledgements that it owes the peer wait behind the frames it
-         * holds; two hosts in that state wait for each other until their frames expire. Some room is
-         * left for the acknowledgement frames, which are pending too.
+         * holds; two hosts in that state wait for each other until their frames expire. Some room
+         * is left for the acknowledgement frames, which are pending too.
          */
         size_t maxInFlight = 900;
 

@@ -16,8 +16,8 @@ namespace vesk::hostkit {
  * before VeskQueue::receiveFromChannel() gets it, out() in VeskCallback::sendToChannel(), and
  * delivered() in VeskCallback::receive().
  *
- * Threads: every operation may be called from any thread. The counters are independent: a reader may
- *          see one updated before another. Nothing resets them.
+ * Threads: every operation may be called from any thread. The counters are independent: a reader
+ *          may see one updated before another. Nothing resets them.
  */
 class VESK_EXPORT TrafficCounters {
 public:
