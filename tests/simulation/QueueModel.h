@@ -32,7 +32,7 @@ public:
     using Packet = VeskQueue::QueuedPacket;
     static constexpr size_t BOUND = 1000, ACK_COUNT = 5;
     static constexpr uint64_t TIMEOUT_MS = 2000, ACK_AGE_MS = 500;
-    static constexpr int LATE_SENDS = 1000;  // a whole pass
+    static constexpr int LATE_SENDS = 2;
 
     explicit QueueModel(VeskQueue& queue) : mQueue(queue) {}
 

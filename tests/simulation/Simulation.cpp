@@ -154,6 +154,8 @@ private:
             push(PacketPtr(own));  // it is pending still
         } else if (dice == 8) {
             drop(dequeue());
+        } else if (dice == 12 && mModel->at(0)) {
+            push(dequeue());  // to be sent a second time, where it is the one in the write
         } else if (dice == 9) {
             enqueueDirectly();
         } else if (dice == 10) {
@@ -368,6 +370,7 @@ private:
     /** For a while: what followed the packet comes and goes without it. */
     void keep(PacketPtr&& packet) {
         drop(std::move(mKept));
+        if (packet != nullptr && packet->sendTime() != 0) return drop(std::move(packet));
         mKept = packet;
     }
 
@@ -439,7 +442,14 @@ private:
         for (size_t n = mRandom.between(1, 5); n > 0; --n) {
             PacketPtr packet = mModel->at(0) ? dequeue() : ownPacket(2);
             change();
-            push(std::move(packet));
+            push(PacketPtr(packet));
+            require(away->removePacket(packet) == nullptr, "a queue has removed another's packet");
+            if (!other->stuck()) {
+                mModel->expect("enqueuing packet:", packet->getFrame()->msgId);
+                mModel->expect("enqueue fail.");
+                away->push(packet);
+            }
+            packet.clear();
             if (mRandom.chance(500)) enqueueDirectly();
             packet = dequeue();
             change();
