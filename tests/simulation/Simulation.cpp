@@ -257,8 +257,9 @@ private:
     Bytes farFrame() {
         Address to = anyAddress();
         size_t type = mRandom.between(2, 3);
-        if (mRandom.chance(50)) to.business = static_cast<uint8_t>(mRandom.below(256));
-        if (mRandom.chance(50)) type = mRandom.below(6);
+        unsigned const foreign = mHolding ? 0 : 50;  // a burst is as long as it means to be
+        if (mRandom.chance(foreign)) to.business = static_cast<uint8_t>(mRandom.below(256));
+        if (mRandom.chance(foreign)) type = mRandom.below(6);
         return FarPeer::encode({to.topicId, to.business, static_cast<uint8_t>(type), u16Below(20),
                                 u16Below(65536), u16Below(65536), newPayload()});
     }
