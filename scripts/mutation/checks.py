@@ -1,15 +1,14 @@
 """What is run against a mutant: the tests that ctest knows, quickest first."""
 import dataclasses
 import json
-import os
 import pathlib
 import re
-import resource
-import signal
 import subprocess
 import sys
 import tempfile
 import time
+
+from . import processes
 
 QUICK_SECONDS = 0.05  # tests that take longer are checks of their own
 PATIENCE = 4          # times the normal duration, after
@@ -31,6 +30,10 @@ class Check:
     @property
     def of_tool(self):
         return "/tests/e2e/" in self.program
+
+    @property
+    def is_gtest(self):
+        return "--gtest_fail_fast" in self.command
 
     def moved(self, old, new):
         """The same in another build folder."""
@@ -63,67 +66,60 @@ def measured(known):
     """The same checks with their times, slow tests by themselves, quickest first."""
     found = []
     for check in known:
-        found += split(check) if "--gtest_fail_fast" in check.command else [check]
-    for check in found:
-        begin = time.monotonic()
-        demand(check)
+        found += split(check) if check.is_gtest else [check]
+    return sorted((check for check in found if is_reliable(check)),
+                  key=lambda check: check.seconds)
+
+
+def is_reliable(check):
+    """Whether the check passes without a mutant, and takes its time. Nothing can be said with one
+    that fails now and then; one that always fails is to be mended first."""
+    begin = time.monotonic()
+    if passes(check, 600):
         check.seconds = time.monotonic() - begin
-    return sorted(found, key=lambda check: check.seconds)
-
-
-def demand(check):
-    """Ends the run where the check fails twice: without a mutant that says nothing of mutants."""
-    if not passes(check, 600) and not passes(check, 600):
+        return True
+    if not any([passes(check, 600) for _ in range(3)]):
         sys.exit(f"scripts/mutants: '{check.name}' fails without any mutant; mend that first: "
                  f"{' '.join(check.command)}")
+    print(f"scripts/mutants: '{check.name}' fails now and then without any mutant; it is not used",
+          file=sys.stderr, flush=True)
+    return False
 
 
 def split(check):
-    """The quick tests of a gtest program together, and each slow one alone."""
+    """The quick tests of a gtest program together, and each slow or failing one alone."""
     with tempfile.TemporaryDirectory() as folder:
         report = pathlib.Path(folder) / "report.json"
-        timed = dataclasses.replace(check, command=[*check.command,
-                                                    f"--gtest_output=json:{report}"])
-        demand(timed)
-        suites = json.loads(report.read_text())["testsuites"]
+        passes(dataclasses.replace(check, command=[check.program,
+                                                   f"--gtest_output=json:{report}"]), 600)
+        suites = json.loads(report.read_text())["testsuites"] if report.exists() else []
     slow = [f"{suite['name']}.{test['name']}" for suite in suites for test in suite["testsuite"]
-            if float(test.get("time", "0s").rstrip("s")) > QUICK_SECONDS]
+            if float(test.get("time", "0s").rstrip("s")) > QUICK_SECONDS or "failures" in test]
     alone = [Check(name, [*check.command, f"--gtest_filter={name}"], check.folder)
              for name in slow]
     check.command.append("--gtest_filter=-" + ":".join(slow))
     return [check, *alone]
 
 
+def catches(check):
+    """Whether the check fails, and does so again: not because the machine is busy."""
+    begin = time.monotonic()
+    if passes(check):
+        return False
+    is_hang = time.monotonic() - begin >= limit_of(check)
+    return is_hang or not passes(check)
+
+
+def limit_of(check):
+    return GRACE_SECONDS + PATIENCE * check.seconds
+
+
 def passes(check, limit=None):
-    """Whether the check succeeds, in time. What it started ends with it."""
-    limit = limit or GRACE_SECONDS + PATIENCE * check.seconds
+    """Whether the check succeeds, in time."""
     with tempfile.TemporaryFile() as output:
-        process = subprocess.Popen(check.command, cwd=check.folder, start_new_session=True,
-                                   stdin=subprocess.DEVNULL, stdout=output,
-                                   stderr=subprocess.DEVNULL)
-        # Processor time is not spent waiting for others on a busy machine.
-        resource.prlimit(process.pid, resource.RLIMIT_CPU, (int(limit / 2) + 1,) * 2)
-        try:
-            process.wait(limit)
-        except subprocess.TimeoutExpired:
-            return False
-        finally:
-            end_session(process)
-        if not check.pattern:
-            return process.returncode == 0
+        status = processes.finish(check.command, limit or limit_of(check), cwd=check.folder,
+                                  stdout=output)
+        if status is None or not check.pattern:
+            return status == 0
         output.seek(0)
         return bool(re.search(check.pattern, output.read(1 << 20).decode(errors="replace")))
-
-
-def end_session(process):
-    try:
-        os.killpg(process.pid, signal.SIGKILL)
-    except ProcessLookupError:
-        pass
-    process.wait()
-
-
-def limit_resources():
-    """For this process and all that it starts: no core files, no memory without end."""
-    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    resource.setrlimit(resource.RLIMIT_AS, (8 << 30, 8 << 30))

@@ -1,15 +1,21 @@
 """One run: which mutants, who tries them, and what is printed of it."""
+import collections
+import concurrent.futures
 import os
 import random
 import sys
 import threading
 import time
 
-from . import checks, mutants, report
-from .copies import Copy
+from . import checks, mutants, processes, report
+from .copies import Copy, precompiled_headers
 from .equivalents import Equivalents
 
 COUNTED = ("caught", "survived", "equivalent")
+
+
+def is_of_tool(mutant):
+    return mutant.file.startswith("tools/")
 
 
 class Work:
@@ -53,14 +59,19 @@ class Work:
 
 def run(options, tree, folder, scratch, begin):
     os.environ["TMPDIR"] = scratch
-    checks.limit_resources()
-    copies = [Copy(tree, folder / str(number)) for number in range(options.jobs)]
-    copies[0].prepare()
+    processes.prepare()
+    headers = precompiled_headers(folder)
+    copies = [Copy(tree, folder / str(number), headers) for number in range(options.jobs)]
+    for copy in copies:  # at once: the tree may change meanwhile
+        copy.update()
+    copies[0].configure()
     equivalents = Equivalents(tree / "tests/equivalent-mutants.json")
     chosen = choose(options, tree, copies[0], equivalents)
     if options.list:
+        chosen = sorted(chosen[:options.sample], key=lambda mutant: (mutant.file, mutant.line))
         for mutant in chosen:
             print(report.described(mutant))
+    if options.list or not chosen:
         print(f"{len(chosen)} mutants")
         return
     end = begin + options.limit_seconds if options.limit_seconds else None
@@ -75,8 +86,8 @@ def choose(options, tree, copy, equivalents):
     changed = mutants.changed_since(tree, options.changed) if options.changed else None
     if changed is not None:
         files = [name for name in files if name in changed]
-    if not files:
-        raise LookupError("no file is left with these options")
+    if not files and changed is None:
+        raise LookupError(f"no source to change is named {' or '.join(options.files)}")
     found = mutants.mutants_of(copy.root, copy.build_folder, files)
     for entry in equivalents.stale(found, files):
         print(f"tests/equivalent-mutants.json: no mutant matches any more: {entry}")
@@ -96,42 +107,30 @@ def choose(options, tree, copy, equivalents):
 def try_all(work, copies):
     """Builds the copies, one after the other, and lets each take what comes next."""
     copies[0].build_all()
-    suites = Suites(copies[0])
-    threads = [threading.Thread(target=try_some, args=(work, copy, suites), daemon=True)
-               for copy in copies]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
+    sides = {is_of_tool(mutant) for mutant in work.chosen}
+    known = checks.measured([check for check in checks.known_checks(copies[0].build_folder)
+                             if check.of_tool in sides])
+    with concurrent.futures.ThreadPoolExecutor(len(copies)) as pool:
+        tries = [pool.submit(try_some, work, copy,
+                             [check.moved(copies[0].build_folder, copy.build_folder)
+                              for check in known])
+                 for copy in copies]
+        try:
+            for done in concurrent.futures.as_completed(tries):
+                done.result()
+        finally:
+            work.end = 0  # also after an error or an interruption
 
 
-class Suites:
-    """The checks for the library and the test kit, and those for the tool."""
-
-    def __init__(self, copy):
-        self.first = copy
-        known = checks.measured(checks.known_checks(copy.build_folder))
-        self.known = known
-
-    def for_copy(self, copy):
-        """[checks of the library, checks of the tool], with the programs of this copy."""
-        own = [check.moved(self.first.build_folder, copy.build_folder) for check in self.known]
-        return ([check for check in own if not check.of_tool],
-                [check for check in own if check.of_tool])
-
-
-def try_some(work, copy, suites):
-    if copy is not suites.first:
-        copy.prepare()
-        copy.build_all()
-    library, tool = suites.for_copy(copy)
-    copy.remember([*library, *tool])
+def try_some(work, copy, known):
+    copy.configure()
+    copy.remember(known)
     while (number := work.take()) is not None:
         mutant = work.chosen[number]
         if mutant in work.equivalents:
             work.finish(number, ("equivalent", ""))
             continue
-        suite = tool if mutant.file.startswith("tools/") else library
+        suite = [check for check in known if check.of_tool == is_of_tool(mutant)]
         work.finish(number, copy.judge(mutant, suite))
 
 
@@ -142,6 +141,8 @@ def conclude(work, begin):
             print(report.described(mutant) + "\n")
     print(report.table(results))
     verdicts = [verdict for verdict, _ in work.verdicts.values()]
+    found_by = collections.Counter(by for _, verdict, by in results if verdict == "caught")
+    print("caught by: " + ", ".join(f"{by} {count}" for by, count in found_by.most_common()))
     print(f"{verdicts.count('not compiled')} more did not compile, {verdicts.count('unchanged')} "
           "were the same program")
     untried = min(len(work.chosen) - work.next, work.sample - work.counted())

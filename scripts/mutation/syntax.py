@@ -123,6 +123,9 @@ class Project:
         words = shlex.split(command["command"])
         words = words[next(at for at, word in enumerate(words) if word.startswith("-")):]
         words = words[:words.index("-o")]
+        if "-include-pch" in words:  # its declarations are not ours
+            at = words.index("-include-pch")
+            del words[at:at + 2]
         unit = self.index.parse(command["file"], [*self.options, *words])
         errors = [str(found) for found in unit.diagnostics
                   if found.severity >= cindex.Diagnostic.Error]
