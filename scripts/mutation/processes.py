@@ -5,8 +5,10 @@ import resource
 import signal
 import subprocess
 import sys
+import threading
 
 RUNNING = set()
+STOPPED = threading.Event()
 
 
 def finish(command, limit=None, **options):
@@ -14,6 +16,8 @@ def finish(command, limit=None, **options):
 
     All that it has started ends with it.
     """
+    if STOPPED.is_set():
+        raise RuntimeError("the run has been stopped")
     process = subprocess.Popen(command, start_new_session=True, stdin=subprocess.DEVNULL,
                                stderr=subprocess.DEVNULL, **options)
     RUNNING.add(process)
@@ -38,8 +42,9 @@ def end(process):
 
 
 @atexit.register
-def end_all():
-    """Ends what is still running when the run is interrupted."""
+def stop():
+    """Ends what is still running, and lets nothing begin any more."""
+    STOPPED.set()
     for process in list(RUNNING):
         end(process)
 

@@ -118,8 +118,9 @@ def try_all(work, copies):
         try:
             for done in concurrent.futures.as_completed(tries):
                 done.result()
-        finally:
-            work.end = 0  # also after an error or an interruption
+        except BaseException:  # an interruption too
+            processes.stop()
+            raise
 
 
 def try_some(work, copy, known):
