@@ -77,7 +77,10 @@ def run(options, tree, folder, scratch, begin):
     end = begin + options.limit_seconds if options.limit_seconds else None
     work = Work(chosen, equivalents, options.sample, end)
     try_all(work, copies)
-    conclude(work, begin)
+    if options.equivalents:
+        conclude_equivalents(work)
+    else:
+        conclude(work, begin)
 
 
 def choose(options, tree, copy, equivalents):
@@ -133,6 +136,15 @@ def try_some(work, copy, known):
             continue
         suite = [check for check in known if check.of_tool == is_of_tool(mutant)]
         work.finish(number, copy.judge(mutant, suite))
+
+
+def conclude_equivalents(work):
+    wrong = [(mutant, by) for mutant, verdict, by in work.results() if verdict == "caught"]
+    for mutant, by in wrong:
+        print(f"caught by {by}, so not equivalent: {report.described(mutant)}")
+    print(f"{len(wrong)} of {len(work.results())} are not equivalent")
+    if wrong:
+        sys.exit(1)
 
 
 def conclude(work, begin):
