@@ -184,7 +184,8 @@ def swapped_arguments(node):
     for left, right in zip(arguments, arguments[1:]):
         alike = (plain_type(left.cursor.type) == plain_type(right.cursor.type) or
                  plain_type(left.bare.cursor.type) == plain_type(right.bare.cursor.type))
-        if alike and left.text and left.end < right.begin and not left.text.startswith("{"):
+        separated = node.source.text(left.end, right.begin).strip() == ","
+        if alike and left.text and separated and not left.text.startswith("{"):
             yield [(left.begin, left.end, right.text), (right.begin, right.end, left.text)]
 
 
