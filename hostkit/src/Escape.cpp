@@ -9,7 +9,7 @@ namespace {
 
 struct Character {
     uint32_t code;
-    size_t size;  // in bytes; 0: these are no UTF-8
+    size_t size;  // in bytes; 0, with code 0: these are no UTF-8
 };
 
 /** How many bytes the character has that begins with this one; 0: none does. */
@@ -77,9 +77,9 @@ Escaped escape(std::vector<uint8_t> const& bytes, size_t limit, Escapes escapes)
         if (result.used + size > end) break;
         result.used += size;
         result.isUtf8 = result.isUtf8 && character.size > 0;
-        if (character.size > 0 && letterFor(character.code)) {
+        if (letterFor(character.code)) {
             result.text += {'\\', letterFor(character.code)};
-        } else if (character.size > 0 && !isUnsafe(character.code)) {
+        } else if (!isUnsafe(character.code)) {
             result.text.append(at, at + size);
         } else if (escapes == Escapes::JSON) {
             result.text += format("\\u%04X", character.code);

@@ -87,9 +87,8 @@ std::string FrameText::payload(std::vector<uint8_t> const& data) const {
     if (data.empty()) return {};
     Escaped const text = hostkit::escape(data, mOptions.maxPayload, Escapes::TEXT);
     bool const inHex = mOptions.hex || looksBinary(text);
-    size_t const shown = inHex ? std::min(mOptions.maxPayload, data.size()) : text.used;
-    return (inHex ? ": 0x" + hex(data, shown) : ": \"" + text.text + '"') +
-           (shown < data.size() ? "..." : "");
+    return (inHex ? ": 0x" + hex(data, mOptions.maxPayload) : ": \"" + text.text + '"') +
+           (data.size() > mOptions.maxPayload ? "..." : "");
 }
 
 std::string FrameText::entries(VeskFrame const& frame) const {
@@ -141,9 +140,9 @@ bool FrameText::addEntries(VeskFrame const& frame, JsonObject& object) const {
 bool FrameText::addPayload(std::vector<uint8_t> const& data, JsonObject& object) const {
     Escaped const text = hostkit::escape(data, mOptions.maxPayload, Escapes::JSON);
     bool const inHex = mOptions.hex || !text.isUtf8 || looksBinary(text);
-    size_t const shown = inHex ? std::min(mOptions.maxPayload, data.size()) : text.used;
-    object.addRaw(inHex ? "hex" : "text", '"' + (inHex ? hex(data, shown) : text.text) + '"');
-    return shown == data.size();
+    std::string const shown = inHex ? hex(data, mOptions.maxPayload) : text.text;
+    object.addRaw(inHex ? "hex" : "text", '"' + shown + '"');
+    return data.size() <= mOptions.maxPayload;
 }
 
 }  // namespace vesk::hostkit

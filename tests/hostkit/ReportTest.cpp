@@ -36,13 +36,14 @@ TEST(FrameTextTest, NamesWhatItKnowsAndEscapesWhatATerminalWouldActOn) {
         EXPECT_EQ(text.line(frame, {std::nullopt, FrameText::Direction::IN}), "in  " + line);
         EXPECT_EQ(text.json(frame, {5, FrameText::Direction::IN}),
                   R"({"ms":5,"direction":"in",)" + json.substr(1));
-        EXPECT_EQ(text.json(frame), json);
+        EXPECT_EQ(text.json(frame, {std::nullopt, FrameText::Direction::OUT}),
+                  R"({"direction":"out",)" + json.substr(1));
         frame.msgType = 0;
         EXPECT_EQ(inHex.line(frame).find("0x") < 99, bytes.size() > 12);
         EXPECT_EQ(inHex.json(frame).find(R"(","cut":true)") < 999, bytes.size() > 12);
     }
     EXPECT_EQ(frames, 7);
-    std::string const kept = "ä\xC2\xA0€\xED\x9F\xBF\xEE\x80\x80😀";
+    std::string const kept = "ä\xC2\xA0\xE0\xA0\x80€\xED\x9F\xBF\xEE\x80\x80😀\xF4\x8F\xBF\xBF";
     EXPECT_EQ(FrameText::escape(kept), kept);
     std::string const escaped =
             "\x1F\x7F\xC2\x80\xC2\x9F\xD8\x9C\xE2\x80\x8E\xE2\x80\xAA\xE2\x80\xAE\xE2\x80\xA8\xBF"
@@ -65,9 +66,11 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
     vesk.init(callback);
     for (char const* const topic : {"test", "virtualcomm"})
         vesk.createTopic(topic, false);
+    int const gone = sessions.createSession(1, 1, "test", "test", false);
     int const consumer = sessions.createSession(1, 1, "test", "test", false);
     sessions.createSession(1, 1, "test", "test", false);
     sessions.createSession(1, 2, "virtualcomm", "vm", false);
+    sessions.removeSession(uint16_t(gone));  // one may be missing in between
     auto const feed = [&](std::vector<FarPeer::Frame> const& frames) {
         for (FarPeer::Frame const& frame : frames) {
             FarPeer::Bytes const bytes = FarPeer::encode(frame);
@@ -84,22 +87,28 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
         clock.settle();
         return HostStatus::of(vesk, traffic).delayMillis;
     };
-    EXPECT_EQ(send(1, {2, 2, 3, 4}), std::nullopt);  // the second 2 takes the place of the first
+    EXPECT_EQ(send(1, {2, 2, 3, 4, 10}),
+              std::nullopt);  // the second 2 takes the place of the first
     feed({FarPeer::ackFrame({{0, 3}})});
     EXPECT_EQ(send(1, {}), 0U);
     clock.advance(2000);
-    EXPECT_EQ(send(1, {5, 7, 8, 9}), std::nullopt);
+    EXPECT_EQ(send(1, {5, 7, 8, 9, 11, 12}), std::nullopt);
     clock.jump(1600);
     feed({FarPeer::ackFrame({{0, 5}}),
           {2, 1, 3, uint16_t(consumer), 1, 1, {1, 2}},
           {2, 1, 2, 0, 1, 1, {}},
+          {2, 1, 2, 0, 2, 1, {}},
+          {2, 1, 2, 0, 3, 1, {}},
           {9, 1, 4, 0, 1, 1, {}}});
     reader.feed(FarPeer::Bytes{'x'}.data(), 1);
-    send(2, FarPeer::Bytes(1005, 6));
+    send(2, FarPeer::Bytes(1006, 6));
     traffic.delivered(true);
-    std::string found = HostStatus::of(vesk, traffic, &outbox, &reader).json() + "\n";
-    outbox.close();
-    found += HostStatus::of(vesk, traffic, &outbox, &reader).text();
+    std::string found;
+    for (bool up : {true, false}) {
+        HostStatus const status = HostStatus::of(vesk, traffic, &outbox, &reader);
+        found += status.json() + "\n" + status.text();
+        if (up) outbox.close();
+    }
     std::ostringstream expected;
     expected << beside("status.txt").rdbuf();
     EXPECT_EQ(found, expected.str());

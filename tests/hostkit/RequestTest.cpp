@@ -20,6 +20,8 @@ protected:
                                   events += {' ', name, "RTC"[int(outcome)]};
                                   if (reply) events += char(reply->data.at(0));
                                   if (name == 'c') requester.reset();
+                                  if (name == 'g')
+                                      events += over->ask(SESSION, {}, 1, {}) ? '!' : '.';
                               });
     }
     bool reply(size_t to, uint8_t payload = 'x') {
@@ -39,13 +41,14 @@ protected:
                 sent.push_back(frame);
                 onSend();
             });
+    Requester* const over = requester.get();  // also where it is being destroyed
 };
 
 TEST_F(RequestTest, EachEndsOnceWithItsOwnReplyOrWithNone) {
     EXPECT_EQ(requester->nextTimeout(), std::nullopt);
     ask('a', 500);
     ask('b', 200);
-    auto const c = ask('c', UINT64_MAX);
+    auto const c = ask('c', uint64_t{1} << 40);
     ask('d', 100);
     EXPECT_EQ(ask('e', 1, Requester::Bytes(65536)), std::nullopt);
     EXPECT_EQ(requester->nextTimeout(), 100U);
@@ -69,13 +72,17 @@ TEST_F(RequestTest, EachEndsOnceWithItsOwnReplyOrWithNone) {
     requester->expire();
     EXPECT_TRUE(reply(1, '3'));
     EXPECT_FALSE(reply(1, '4'));
-    EXPECT_EQ(requester->lateReplies(), 1U);
     EXPECT_EQ(events, " aRy dT bT");
-    EXPECT_EQ(requester->outstanding(), 1U);
+    EXPECT_EQ(requester->nextTimeout(), (uint64_t{1} << 40) - 300);
     onSend = [&] { reply(4); };
     ask('f', 1);
+    onSend = [] {};
+    ask('g', UINT64_MAX);
+    requester->expire();
+    EXPECT_EQ(requester->outstanding(), 2U);
+    EXPECT_EQ(requester->lateReplies(), 1U);
     EXPECT_TRUE(requester->cancel(*c));  // its callback destroys the requester
-    EXPECT_EQ(events, " aRy dT bT fRx cC");
+    EXPECT_EQ(events, " aRy dT bT fRx cC gC.");
     EXPECT_EQ(requester, nullptr);
 }
 
