@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <thread>
 
 #include <vesk/Vesk.h>
@@ -18,12 +17,12 @@
 #include <vesk/testkit/RecordingCallback.h>
 #include <vesk/testkit/ShiftedClock.h>
 
+#include "CountedHeap.h"
+
 namespace {
 
 using vesk::testkit::FarPeer;
 
-std::atomic<size_t> gBlocks{0}, gBytes{0};
-constexpr size_t HEAD = alignof(std::max_align_t);
 constexpr size_t LEAST = 100;  // of fewer there is no hundredth
 
 size_t requestsFrom(int argc, char** argv) {
@@ -38,27 +37,6 @@ size_t requestsFrom(int argc, char** argv) {
 }
 
 }  // namespace
-
-void* operator new(size_t size) {
-    auto* const block = static_cast<char*>(std::malloc(size + HEAD));
-    if (!block) throw std::bad_alloc();
-    *new (block) size_t = size;
-    ++gBlocks;
-    gBytes += size;
-    return block + HEAD;
-}
-
-void operator delete(void* memory) noexcept {
-    if (!memory) return;
-    void* const block = static_cast<char*>(memory) - HEAD;
-    --gBlocks;
-    gBytes -= *static_cast<size_t*>(block);
-    std::free(block);
-}
-
-void operator delete(void* memory, size_t) noexcept {
-    operator delete(memory);
-}
 
 int main(int argc, char** argv) {
     size_t const requests = requestsFrom(argc, argv);
@@ -95,11 +73,12 @@ int main(int argc, char** argv) {
         clock.advance(3000);
         clock.advance(3000);
         std::printf("after %zu requests and %zu writes: %zu blocks, %zu bytes; %.0f requests/s\n",
-                    n, written.load(), gBlocks.load(), gBytes.load(), double(n) / seconds.count());
-        moreBlocks = static_cast<std::ptrdiff_t>(gBlocks - blocks);
-        moreBytes = static_cast<std::ptrdiff_t>(gBytes - bytes);
-        blocks = gBlocks;
-        bytes = gBytes;
+                    n, written.load(), CountedHeap::blocks.load(), CountedHeap::bytes.load(),
+                    double(n) / seconds.count());
+        moreBlocks = static_cast<std::ptrdiff_t>(CountedHeap::blocks - blocks);
+        moreBytes = static_cast<std::ptrdiff_t>(CountedHeap::bytes - bytes);
+        blocks = CountedHeap::blocks;
+        bytes = CountedHeap::bytes;
     }
     vesk->init(new vesk::testkit::RecordingCallback);
     if (moreBlocks == 0 && moreBytes == 0) return 0;

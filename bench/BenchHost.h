@@ -1,0 +1,49 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+#include <vesk/Vesk.h>
+
+/**
+ * A host that throws away what it gets, as fast as it can. Its channel can be held, so that what is
+ * sent stays pending; and whoever has sent something can wait until it has left, without spinning.
+ */
+class BenchHost : public vesk::VeskCallback {
+public:
+    void receive(uint32_t, uint32_t, bool, std::shared_ptr<vesk::VeskFrame> const&) override {}
+    void notifyTopicChanged(bool, std::string) override {}
+    void notifyBusinessChanged(bool, std::string, std::string) override {}
+
+    void sendToChannel(std::vector<uint8_t>) override {
+        std::unique_lock<std::mutex> lock(mMutex);
+        ++mSent;
+        if (mSent == mAwaited || mHeld) mChanged.notify_all();
+        mChanged.wait(lock, [this] { return !mHeld; });
+    }
+
+    /** Writes so far; a write that is held counts. */
+    uint64_t sent() {
+        std::lock_guard<std::mutex> const lock(mMutex);
+        return mSent;
+    }
+
+    void waitForSent(uint64_t count) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mAwaited = count;
+        mChanged.wait(lock, [&] { return mSent >= count; });
+    }
+
+    void hold(bool held) {
+        std::lock_guard<std::mutex> const lock(mMutex);
+        mHeld = held;
+        mChanged.notify_all();
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    uint64_t mSent = 0;
+    uint64_t mAwaited = 0;
+    bool mHeld = false;
+};
