@@ -3,7 +3,6 @@
 #include <quillex/Log.h>
 
 #include <algorithm>
-#include <cstring>
 #include <thread>
 
 namespace vesk {
@@ -29,9 +28,8 @@ struct BusyHost : VeskCallback {
         auto frame = VeskFrame::obtainFrame(true);
         frame->topicId = 1;
         frame->businessId = producer;
+        frame->reply = static_cast<uint16_t>(n >> 16);
         frame->msgId = static_cast<uint16_t>(n);
-        frame->data.resize(sizeof(n));
-        std::memcpy(frame->data.data(), &n, sizeof(n));
         return frame;
     }
 
@@ -40,12 +38,10 @@ struct BusyHost : VeskCallback {
         if (FarPeer::isAck(sent)) return;
         peer.acknowledge(sent.serialNumber);
         if (sent.topicId != 1 || sent.businessId > PRODUCERS) return;
-        uint32_t n = 0;
-        std::memcpy(&n, sent.payload.data(), sizeof(n));
-        size_t const producer = sent.businessId - 1U;
-        uint32_t const misplaced = n > left[producer] ? n : UINT32_MAX;
-        if (n != left[producer] + 1) gap[producer] = std::max(gap[producer], misplaced);
-        left[producer] = n;
+        uint32_t const n = uint32_t{sent.reply} << 16 | sent.msgId;
+        uint32_t &last = left[sent.businessId - 1U], &missing = gap[sent.businessId - 1U];
+        if (n != last + 1) missing = std::max(missing, n > last ? n : UINT32_MAX);
+        last = n;
     }
     void receive(uint32_t, uint32_t id, bool local,
                  std::shared_ptr<VeskFrame> const& frame) override {
@@ -70,7 +66,7 @@ struct BusyHost : VeskCallback {
 
     Vesk* vesk = Vesk::getInstance();
     FarPeer peer;
-    std::atomic<uint32_t> left[PRODUCERS]{};
+    uint32_t left[PRODUCERS]{};
     uint32_t gap[PRODUCERS]{};  // the last number before which one is missing
     std::atomic<uint32_t> arrived{0};
 };
