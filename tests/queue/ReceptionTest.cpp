@@ -8,9 +8,7 @@
 namespace vesk {
 namespace {
 
-class ReceptionTest : public QueueTest {};
-
-TEST_F(ReceptionTest, AcknowledgementIsAppliedWholeOrNotAtAll) {
+TEST_F(QueueTest, AcknowledgementIsAppliedWholeOrNotAtAll) {
     for (uint16_t id = 1; id <= 4; ++id)
         send(id);
     clock.advance(10);
@@ -47,7 +45,7 @@ TEST_F(ReceptionTest, AcknowledgementIsAppliedWholeOrNotAtAll) {
     EXPECT_EQ(state(), "0 0 0 8 0 7 0, 7 0 1 0");
 }
 
-TEST_F(ReceptionTest, HoldTimeIsModulo16BitsAndMoreThan1000OwedAreForgotten) {
+TEST_F(QueueTest, HoldTimeIsModulo16BitsAndMoreThan1000OwedAreForgotten) {
     duringSend([&] { receive(1, 1000), clock.jump(65536 + 5); });
     EXPECT_EQ(FarPeer::ackEntries(FarPeer::decode(callback->sent().at(1))).at(999).hold, 5);
     quillex::Log::setSink(nullptr);  // what it keeps would be counted
@@ -66,7 +64,7 @@ TEST_F(ReceptionTest, HoldTimeIsModulo16BitsAndMoreThan1000OwedAreForgotten) {
     EXPECT_EQ(callback->sentCount(), 3U);
 }
 
-TEST_F(ReceptionTest, FeedbackCountsModulo32BitsAndSlowDeliveriesInARow) {
+TEST_F(QueueTest, FeedbackCountsModulo32BitsAndSlowDeliveriesInARow) {
     VeskFeedback feedback;
     VeskCC cc;
     auto const numbers = [&] {
