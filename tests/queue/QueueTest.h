@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include "support/VeskTest.h"
 
 namespace vesk {
@@ -42,14 +44,14 @@ protected:
             peer.send(request(serial));
     }
 
-    /** Pending, awaiting acknowledgement and owed; sent, received, last delay and slow ones. */
+    /**
+     * Pending, awaiting acknowledgement and owed; sent, received, last delay and slow ones; and
+     * since the test began: acknowledged, timed out, superseded and refused.
+     */
     std::string state() const {
-        VeskFeedback const& count = queue->feedback();
-        std::string text = std::to_string(queue->size());
-        for (size_t const number :
-             {queue->awaitingAck(), queue->owedAcks(), size_t{count.sentPackets()},
-              size_t{count.receivedPackets()}, size_t{count.delay()}, size_t{count.slowCount()}})
-            text += " " + std::to_string(number);
+        std::string text;
+        for (size_t i = 0; i < mBefore.size(); ++i)
+            text += (i == 0 ? "" : i == 7 ? ", " : " ") + std::to_string(numbers()[i] - mBefore[i]);
         return text;
     }
 
@@ -65,6 +67,17 @@ protected:
             EXPECT_EQ(text + state(), expected);
         }
     }
+
+private:
+    std::array<uint64_t, 11> numbers() const {
+        VeskFeedback const& count = queue->feedback();
+        return {uint64_t(queue->size()), queue->awaitingAck(),    queue->owedAcks(),
+                count.sentPackets(),     count.receivedPackets(), count.delay(),
+                count.slowCount(),       queue->acknowledged(),   queue->timedOut(),
+                queue->superseded(),     queue->refused()};
+    }
+
+    std::array<uint64_t, 11> const mBefore = numbers();  // the last four of them are never reset
 };
 
 }  // namespace vesk
