@@ -22,8 +22,7 @@ Arrived through(FaultyLink::Faults faults, bool mended = false) {
     Random random(1);
     FaultyLink link(random, faults);
     if (mended) link.mend();
-    link.write(0, {'x'});
-    link.cut();
+    link.write(0, {'x'}), link.cut();
     size_t arrived = 0, early = 0, last = 0, latest = 0;
     for (size_t now = 0; now < 1100; ++now) {
         if (now < 1000) link.write(now, {uint8_t(now)});
@@ -56,15 +55,14 @@ TEST(LinkTest, EveryFaultComesAsOftenAsAskedAndAlone) {
     }
     EXPECT_TRUE(*sizes.begin() < 10 && *sizes.rbegin() > 190 && *sizes.rbegin() <= 200);
 
-    Random script({0, 0, 0, 1, 3, 231, 1, 2});
-    EXPECT_TRUE(script.chance(1) && !script.chance(1) && !script.chance(999));
-    EXPECT_EQ(script.below(1) + script.between(5, 260), 6U);             // no byte and one
+    Random script({0, 0, 3, 231, 1, 2});
+    EXPECT_TRUE(script.chance(1) && !script.chance(999) && script.between(5, 260) == 6);
     EXPECT_TRUE(script.below(257) == 512U % 257 && script.exhausted());  // a missing byte is 0
 }
 
 TEST(LinkTest, StreamPeerFindsFramesAndAcknowledgesThemWithinTheirTime) {
     Random random(1);
-    StreamPeer peer(random, 0);
+    StreamPeer peer(random, 0), forgetful(random, 1000);
     // Topic, business and type of eleven that are none, then of five frames.
     Bytes const ids{0, 1, 2, 3, 1, 2,  1, 0, 2,   1, 14, 2, 2,   0,   2,   2,
                     2, 2, 1, 1, 1, 1,  1, 4, 170, 1, 1,  1, 170, 1,   170, 170,
@@ -92,11 +90,8 @@ TEST(LinkTest, StreamPeerFindsFramesAndAcknowledgesThemWithinTheirTime) {
                 serials.insert(hold == now - 9 ? serial : 999);
         }
     }
-    EXPECT_TRUE(serials.size() == 500 && *serials.rbegin() == 499);
-    EXPECT_EQ(sizes, (std::set<size_t>{1, 2, 3, 4, 5}));
-    StreamPeer forgetful(random, 1000);
-    forgetful.read(0, frame(33, 0));
-    EXPECT_TRUE(forgetful.dueAcks(700).empty());
+    EXPECT_TRUE(serials.size() == 500 && *serials.rbegin() == 499 && *sizes.rbegin() == 5);
+    EXPECT_TRUE(forgetful.read(0, frame(33, 0)).size() == 1 && forgetful.dueAcks(700).empty());
 }
 
 TEST_F(TestkitTest, FarPeerReadsAndWritesTheWiresBytesAndNoOthers) {
@@ -121,17 +116,12 @@ TEST_F(TestkitTest, WaitsEndInTimeAndWhatIsRecordedIsKeptApart) {
     EXPECT_FALSE(callback->waitForSent(1, 1ms) || eventually([] { return false; }, 0ms));
     callback->onReceive([&](auto const&) { EXPECT_TRUE(callback->waitForDeliveries(1, 0ms)); });
     callback->receive(3, 4, true, nullptr);
-    callback->notifyTopicChanged(true, "");
     EXPECT_FALSE(callback->waitForDeliveries(2, 1ms));
-    callback->clear();
-    EXPECT_TRUE(callback->topicChanges().empty() && callback->deliveries().empty());
     EXPECT_TRUE(callback->waitUntil(
             [&] { return callback->sendToChannel({}), callback->sentCount() > 1; }));
     EXPECT_THROW(CapturedLog(), std::logic_error);
-    EXPECT_THROW(ShiftedClock(), std::logic_error);
     quillex::Log::d("a", "x");
-    EXPECT_TRUE(log.contains("a", "x") && !log.contains("a", "y") && !log.contains("b", "x"));
-    EXPECT_TRUE(log.messages("a") == Strings{"x"} && log.messages("b").empty());
+    EXPECT_TRUE(log.count("a", "x") == 1 && !log.contains("a", "y") && !log.contains("b", "x"));
 }
 
 }  // namespace
