@@ -40,8 +40,8 @@ TEST_F(FacadeTest, TopicIsPresentFromItsCreationToItsRemoval) {
                        "createTopic.test", "createTopic.none", "removeTopic.test"}));
     vesk->createTopic("virtualcomm", true);
     for (auto const& each : {frame(1), std::shared_ptr<VeskFrame>()})
-        vesk->getTopic(1)->publish(false, each, 1);
-    EXPECT_EQ(log.count("[1]", "publish fail for local!"), 2U);
+        vesk->getTopic(1)->publish(false, each, 1), vesk->getTopic(1)->publish(true, each, 1);
+    EXPECT_EQ(log.count("[1]", "publish fail for local!") + log.count("[2]", "create."), 3U);
 }
 
 }  // namespace

@@ -134,7 +134,7 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
             {PROVIDER, MADE, [&] { return vesk->removeTopic("test"); }, 2, -4, "?-"},
             {PROVIDER, MADE, [&] { return join(1, PROVIDER); }, 1, 1, "1p1 ?1"},
             {CONSUMER, MADE, [&] { return remove(1); }, 0, 1, "1c1 ?-"},
-            {CONSUMER, MADE, [&] { return join(1, PROVIDER); }, 2, 1, "1c1 2p1 ?1"},
+            {CONSUMER, MADE, [&] { return 9 * join(1, 2) + join(1, 1); }, 21, 1, "1c1 2p1 3c1 ?1"},
             {PROVIDER, NEW, [&] { return remove(1); }, 1, 1, "1->1 ?1"},
             {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 1); }, 11, 1, "1c2 ?1"},
             {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 2); }, 11, 1, "1p2 ?2"},
