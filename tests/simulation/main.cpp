@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <iostream>
 
 #include <vesk/Vesk.h>
@@ -21,7 +20,6 @@ int main(int argc, char** argv) {
     app.add_option("--minutes", minutes, "simulated minutes for each")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
-    auto const start = std::chrono::steady_clock::now();
     for (uint64_t seed = first; seed < first + seeds; ++seed) {
         // A seed that fails ends the process, and a lock that is never released only its alarm.
         std::cerr << "replay: " << argv[0] << " --first " << seed << " --seeds 1 --minutes "
@@ -32,10 +30,9 @@ int main(int argc, char** argv) {
         }
         vesk::simulation::simulate(vesk::testkit::Random(seed), minutes);
     }
-    std::chrono::duration<double> const seconds = std::chrono::steady_clock::now() - start;
     auto const queue = vesk::Vesk::getInstance()->getQueue();
-    std::cout << seeds << " seeds, " << seeds * minutes << " simulated minutes in "
-              << seconds.count() << " s: " << queue->acknowledged() << " acknowledged, "
+    std::cout << seeds << " seeds, " << seeds * minutes
+              << " simulated minutes: " << queue->acknowledged() << " frames acknowledged, "
               << queue->timedOut() << " timed out, " << queue->superseded() << " superseded, "
               << queue->refused() << " refused\n";
     return 0;
