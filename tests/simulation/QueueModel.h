@@ -50,9 +50,8 @@ void require(bool holds, Parts const&... otherwise) {
 class QueueModel {
 public:
     using Packet = VeskQueue::QueuedPacket;
-    static constexpr size_t BOUND = 1000, ACK_COUNT = 5;
+    static constexpr size_t BOUND = 1000, ACK_COUNT = 5, LATE_SENDS = 2;
     static constexpr uint64_t TIMEOUT_MS = 2000, ACK_AGE_MS = 500;
-    static constexpr int LATE_SENDS = 2;
 
     explicit QueueModel(VeskQueue& queue) : mQueue(queue) {}
 
@@ -82,8 +81,7 @@ public:
 
     void acknowledge(std::vector<FarPeer::Ack> const& acks) {
         for (FarPeer::Ack const& ack : acks) {
-            auto const is = [&](Sent const& one) { return one.serial == ack.serialNumber; };
-            auto const sent = std::find_if(mHistory.begin(), mHistory.end(), is);
+            auto const sent = oldest(&Sent::serial, ack.serialNumber);
             if (sent != mHistory.end()) forget(sent, mAcknowledged);
         }
     }
@@ -131,8 +129,7 @@ public:
         if (mOwed.size() > BOUND) mOwed.clear();
         require(mLines.empty(), "a line is missing");
         require(mBatch.empty() && !acksDue(), "owed acknowledgements do not leave");
-        require(mHistory.empty() || now() - mHistory.front().latest < TIMEOUT_MS,
-                "nothing expires");
+        require(mHistory.empty() || now() - mHistory.front().latest < TIMEOUT_MS, "no expiry");
         auto const due = [](Pending const& packet) { return packet.due() <= now(); };
         auto const first = std::find_if(mPending.begin(), mPending.end(), due);
         require(!isWriting() && (first == mPending.end() || blocked(*first)),
@@ -212,14 +209,14 @@ private:
         ++count;
     }
 
-    History::iterator sentAs(uint16_t msgId) {
-        auto const is = [&](Sent const& sent) { return sent.msgId == msgId; };
+    History::iterator oldest(uint16_t Sent::*number, uint16_t value) {
+        auto const is = [&](Sent const& sent) { return sent.*number == value; };
         return std::find_if(mHistory.begin(), mHistory.end(), is);
     }
 
     bool blocked(Pending const& packet) {
         return packet.needsAck && mHistory.size() >= BOUND &&
-               sentAs(packet.frame.msgId) == mHistory.end();
+               oldest(&Sent::msgId, packet.frame.msgId) == mHistory.end();
     }
 
     bool acksDue() const {
@@ -285,7 +282,7 @@ private:
     }
 
     void record(Pending const& packet) {
-        auto const older = sentAs(packet.frame.msgId);
+        auto const older = oldest(&Sent::msgId, packet.frame.msgId);
         if (older != mHistory.end()) forget(older, mSuperseded);
         require(mHistory.size() < BOUND, "more are awaited than there is room for");
         mHistory.push_back(
@@ -293,16 +290,16 @@ private:
     }
 
     void compareNumbers() {
-        VeskFeedback const& feedback = mQueue.feedback();
-        auto const found = text(mQueue.size(), ' ', mQueue.awaitingAck(), ' ', mQueue.owedAcks(),
-                                ' ', feedback.sentPackets(), ' ', feedback.receivedPackets());
-        auto const expected = text(mPending.size(), ' ', mHistory.size(), ' ', mOwed.size(), ' ',
-                                   mSent, ' ', mReceived);
-        require(found == expected, "pending, awaiting, owed, sent and received are ", found,
-                ", not ", expected);
-        require(mQueue.acknowledged() == mAcknowledged && mQueue.timedOut() == mTimedOut &&
-                        mQueue.superseded() == mSuperseded && mQueue.refused() == mRefused,
-                "a total is wrong");
+        VeskFeedback const& count = mQueue.feedback();
+        auto const found = text(mQueue.size(), " pending, ", mQueue.awaitingAck(), " awaited, ",
+                                mQueue.owedAcks(), " owed, ", count.sentPackets(), " sent, ",
+                                count.receivedPackets(), " received; ", mQueue.acknowledged(), ' ',
+                                mQueue.timedOut(), ' ', mQueue.superseded(), ' ', mQueue.refused());
+        auto const expected =
+                text(mPending.size(), " pending, ", mHistory.size(), " awaited, ", mOwed.size(),
+                     " owed, ", mSent, " sent, ", mReceived, " received; ", mAcknowledged, ' ',
+                     mTimedOut, ' ', mSuperseded, ' ', mRefused);
+        require(found == expected, found, ", not ", expected);
     }
 
     VeskQueue& mQueue;
@@ -315,7 +312,7 @@ private:
     std::vector<WeakFrame> mGone, mStale;
     bool mResting = true;
     uint64_t mPass = 0, mPassStart = 0;  // as far as passes can be told apart
-    int mSendsBeforeAcks = 0;
+    size_t mSendsBeforeAcks = 0;
     uint32_t mSent = 0, mReceived = 0;
     // Never reset: they go on from those of the seeds before.
     uint64_t mAcknowledged = mQueue.acknowledged(), mTimedOut = mQueue.timedOut();

@@ -11,8 +11,6 @@
 
 namespace {
 
-using quillex::SystemClock;
-
 // The looper holds the queue's mutex when it begins and when it ends its wait.
 pthread_cond_t* gSleeper = nullptr;  // guarded by the queue's mutex
 uint64_t gUntil = 0;                 // guarded by the queue's mutex
@@ -29,7 +27,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_cond_clockwait(
     auto const left =
             (int64_t{end->tv_sec} - begin.tv_sec) * 1000000000 + end->tv_nsec - begin.tv_nsec;
     // Rounded up: it began a little before it got here.
-    gUntil = SystemClock::uptimeMillis() + static_cast<uint64_t>(left + 999999) / 1000000;
+    gUntil = quillex::SystemClock::uptimeMillis() + static_cast<uint64_t>(left + 999999) / 1000000;
     gSleeper = condition;
     gTakenOver = true;
     int const result = pthread_cond_wait(condition, mutex);
@@ -40,13 +38,10 @@ extern "C" __attribute__((visibility("default"))) int pthread_cond_clockwait(
 bool vesk::simulation::asleep(VeskQueue& queue, bool first) {
     if (!gTakenOver && first) queue.wake();
     if (!gTakenOver) return queue.idle();
-    {
-        std::lock_guard<std::mutex> const guard(queue.mutex());
-        if (!gSleeper) return false;
-        if (gUntil <= SystemClock::uptimeMillis()) {
-            pthread_cond_broadcast(std::exchange(gSleeper, nullptr));
-            return false;
-        }
-    }
-    return queue.idle();
+    std::unique_lock<std::mutex> lock(queue.mutex());
+    bool const sleeps = gSleeper != nullptr;
+    bool const over = sleeps && gUntil <= quillex::SystemClock::uptimeMillis();
+    if (over) pthread_cond_broadcast(std::exchange(gSleeper, nullptr));
+    lock.unlock();
+    return sleeps && !over && queue.idle();
 }

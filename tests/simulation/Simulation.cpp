@@ -14,7 +14,6 @@ namespace vesk::simulation {
 
 namespace {
 
-using testkit::eventually;
 using testkit::Random;
 using PacketPtr = android::sp<VeskQueue::QueuedPacket>;
 
@@ -112,7 +111,7 @@ private:
         if (std::this_thread::get_id() != mThread) return;
         bool first = true;
         auto const rests = [&] { return asleep(*mQueue, std::exchange(first, false)); };
-        require(eventually(rests), "the looper finds no rest");
+        require(testkit::eventually(rests), "the looper finds no rest");
         mModel.rest();
         std::vector<FarPeer::Ack> acks;
         for (FarPeer::Frame const& frame : std::exchange(mWritten, {}))
@@ -173,9 +172,8 @@ private:
     }
 
     FarPeer::Frame farFrame() {
-        auto const type = static_cast<uint8_t>(mRandom.between(2, 3));
-        uint16_t const serial = u16Below(65536), msgId = u16Below(65536);
-        return {1, anyBusiness(), type, u16Below(20), serial, msgId, newPayload()};
+        uint8_t const business = anyBusiness(), type = uint8_t(mRandom.between(2, 3));
+        return {1, business, type, u16Below(20), u16Below(65536), u16Below(65536), newPayload()};
     }
 
     void farFrames() {
@@ -254,13 +252,11 @@ private:
     void dequeueFirst() {
         WeakFrame const first = mModel.take(nullptr);
         auto packet = mQueue->dequeuePacket();
-        // The queue's own are not known here.
-        bool const isFirst = packet == nullptr || packet->getFrame()->msgType == 1 ||
-                             packet->getFrame() == first.lock();
-        require(isFirst && (packet != nullptr || first.expired()),
-                "dequeuePacket has not given the first");
-        settle();
+        FramePtr frame = packet == nullptr ? nullptr : packet->getFrame();
+        // Of the queue's own packets only the type is known here.
+        require(frame == first.lock() || (frame && frame->msgType == 1), "another is the first");
         if (packet == nullptr) return;
+        frame.reset();
         if (mRandom.chance(500)) return push(std::move(packet));
         mModel.mayKeep(packet->getFrame());
     }
