@@ -1,19 +1,20 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdlib>
 #include <deque>
+#include <iostream>
 #include <list>
-#include <map>
 #include <set>
-#include <tuple>
+#include <sstream>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include <quillex/SystemClock.h>
 #include <vesk/VeskFrame.h>
 #include <vesk/VeskQueue.h>
 #include <vesk/testkit/FarPeer.h>
-
-#include "Require.h"
 
 namespace vesk::simulation {
 
@@ -21,6 +22,25 @@ using testkit::FarPeer;
 using Bytes = std::vector<uint8_t>;
 using FramePtr = std::shared_ptr<VeskFrame>;
 using WeakFrame = std::weak_ptr<VeskFrame>;
+
+inline uint64_t now() {
+    return quillex::SystemClock::uptimeMillis();
+}
+
+template <typename... Parts>
+std::string text(Parts const&... parts) {
+    std::ostringstream out;
+    (out << ... << parts);
+    return out.str();
+}
+
+/** Ends the process at the first difference: the library may be in no state to be taken down. */
+template <typename... Parts>
+void require(bool holds, Parts const&... otherwise) {
+    if (holds) return;
+    std::cerr << "failed at " << now() << " ms: " << text(otherwise...) << std::endl;
+    std::abort();
+}
 
 /**
  * What the queue has promised, whatever passes it makes: told of every call before it is made, it
@@ -30,106 +50,63 @@ using WeakFrame = std::weak_ptr<VeskFrame>;
 class QueueModel {
 public:
     using Packet = VeskQueue::QueuedPacket;
-    static constexpr size_t BOUND = 1000, ACK_COUNT = 5;
+    static constexpr size_t BOUND = 1000, ACK_COUNT = 5, LATE_SENDS = 2;
     static constexpr uint64_t TIMEOUT_MS = 2000, ACK_AGE_MS = 500;
-    static constexpr int LATE_SENDS = 2;
 
     explicit QueueModel(VeskQueue& queue) : mQueue(queue) {}
 
-    template <typename... Parts>
-    void expect(Parts const&... parts) {
-        mLines.push_back(text(parts...));
-    }
+    /** A line that a call will log. */
+    void expect(std::string line) { mLines.push_back(std::move(line)); }
 
     /** `packet` is null where the queue makes its own. */
     void admit(int priority, bool needsAck, FramePtr const& frame, Packet* packet) {
-        if (!packet) expect("enqueue:", frame->msgId, "; priority:", priority);
-        if (mPending.size() >= BOUND) {
-            letGo(frame);
-            ++totals["refused at the bound"];
-            return expect("oversize.", mPending.size());
-        }
-        expect("enqueuing packet:", frame->msgId);
-        if (packet && find(packet)) return expect("enqueue fail.");
+        if (!packet) expect(text("enqueue:", frame->msgId, "; priority:", priority));
+        bool const full = mPending.size() >= BOUND;
+        bool const again = packet && find(packet) != mPending.end();
+        mRefused += full || again;
+        if (full && !packet) letGo(frame);
+        if (full) return expect(text("oversize.", mPending.size()));
+        expect(text("enqueuing packet:", frame->msgId));
+        if (again) return expect("enqueue fail.");
         insert({priority, needsAck, now(), mPass, *frame, frame, packet});
     }
 
-    bool replace(VeskFrame const& with) {
-        auto const message = [](VeskFrame const& f) {
-            return std::tie(f.topicId, f.businessId, f.msgId, f.msgType, f.reply);
-        };
-        for (Pending& packet : mPending) {
-            if (message(packet.frame) != message(with)) continue;
-            packet.frame.data = with.data;
-            return true;
-        }
-        return false;
-    }
-
-    /** Takes out one of the frames below. @return it, and the one that followed. */
-    std::pair<WeakFrame, WeakFrame> take(VeskFrame const* frame) {
-        std::pair<WeakFrame, WeakFrame> taken;
-        for (auto packet = mPending.begin(); packet != mPending.end(); ++packet) {
-            if (&packet->frame != frame) continue;
-            if (&*packet == mInWrite) mInWrite = nullptr;
-            taken.first = packet->held;
-            packet = mPending.erase(packet);
-            if (packet != mPending.end()) taken.second = packet->held;
-            break;
-        }
-        return taken;
-    }
+    /** Takes out a packet, the first one for null. @return its frame. */
+    WeakFrame take(Packet* packet) { return take(packet ? find(packet) : mPending.begin()); }
 
     void owe(uint16_t serialNumber) {
         mOwed.emplace_back(now(), serialNumber);
         ++mReceived;
-        ++totals["frames accepted"];
     }
 
-    void acknowledge(VeskFrame const& ack) {
-        auto const u16 = [&](size_t at) {
-            return static_cast<uint16_t>(ack.data[at] | ack.data[at + 1] << 8);
-        };
-        if (ack.reply != ack.data.size() / 4) return;
-        for (size_t at = 0; at + 4 <= ack.data.size(); at += 4) {
-            auto const is = [&](Sent const& sent) { return sent.serial == u16(at + 2); };
-            auto const sent = std::find_if(mHistory.begin(), mHistory.end(), is);
-            if (sent == mHistory.end()) continue;
-            // A pass gives all that it sends the time of its beginning, which is not known then.
-            mGuessed = mGuessed || sent->earliest != sent->latest;
-            measured(static_cast<uint32_t>(now() - sent->latest - u16(at)));
-            forget(sent, "acknowledged");
+    void acknowledge(std::vector<FarPeer::Ack> const& acks) {
+        for (FarPeer::Ack const& ack : acks) {
+            auto const sent = oldest(&Sent::serial, ack.serialNumber);
+            if (sent != mHistory.end()) forget(sent, mAcknowledged);
         }
     }
 
     void cleanup() {
         expect("cleanup.");
         if (!mPending.empty()) mayKeep(mPending.back().held);
-        if (!mPending.empty()) mPending.pop_back();
         for (Pending const& packet : mPending)
             letGo(packet.held);
-        while (!mHistory.empty())
-            forget(mHistory.begin(), "cleared");
+        for (Sent const& sent : mHistory)
+            letGo(sent.held);
         mPending.clear();
+        mHistory.clear();
         mOwed.clear();
-        mInWrite = nullptr;
-        mSent = mReceived = mDelay = mSlow = 0;
-        mGuessed = false;
+        mInWrite = mPending.end();
+        mSent = mReceived = 0;
     }
 
     void logged(std::string const& line) {
-        static constexpr std::pair<char const*, void (QueueModel::*)(std::string const&)> DEEDS[] =
-                {{"ackToPeer", &QueueModel::batchAck},
-                 {"enqueuing packet:170", &QueueModel::queueAcks},
-                 {"send timeout:", &QueueModel::expire},
-                 {"sendToChannel:", &QueueModel::beginSend},
-                 {"history is oversize", &QueueModel::meetFullHistory}};
-        for (auto const& [beginning, judge] : DEEDS) {
-            if (line.rfind(beginning, 0) != 0) continue;
-            if (judge == &QueueModel::queueAcks && mBatch.empty()) continue;
-            if (mResting) newPass();
-            return (this->*judge)(line);
-        }
+        auto const begins = [&](char const* with) { return line.rfind(with, 0) == 0; };
+        if (begins("ackToPeer")) return batchAck(line);
+        if (begins("enqueuing packet:170") && !mBatch.empty()) return queueAcks(line);
+        if (begins("send timeout:")) return expire(line);
+        if (begins("sendToChannel:")) return beginSend(line);
+        if (begins("history is oversize")) return require(mHistory.size() >= BOUND, line);
         require(!mLines.empty() && line == mLines.front(), "unexpected line: ", line);
         mLines.pop_front();
     }
@@ -143,8 +120,7 @@ public:
 
     void written() {
         ++mSent;
-        ++totals["frames written"];
-        if (mInWrite) letGo(take(&mInWrite->frame).first);
+        if (isWriting()) letGo(take(mInWrite));
     }
 
     void rest() {
@@ -153,10 +129,11 @@ public:
         if (mOwed.size() > BOUND) mOwed.clear();
         require(mLines.empty(), "a line is missing");
         require(mBatch.empty() && !acksDue(), "owed acknowledgements do not leave");
-        require(mHistory.empty() || now() - mHistory.front().latest < TIMEOUT_MS,
-                "nothing expires");
-        auto const due = firstDue();
-        require(!mInWrite && (!due || blocked(*due)), "something due does not leave");
+        require(mHistory.empty() || now() - mHistory.front().latest < TIMEOUT_MS, "no expiry");
+        auto const due = [](Pending const& packet) { return packet.due() <= now(); };
+        auto const first = std::find_if(mPending.begin(), mPending.end(), due);
+        require(!isWriting() && (first == mPending.end() || blocked(*first)),
+                "something due does not leave");
         compareNumbers();
         std::set<WeakFrame, std::owner_less<>> needed(mStale.begin(), mStale.end());
         for (Pending const& packet : mPending)
@@ -171,27 +148,11 @@ public:
     void letGo(WeakFrame frame) { mGone.push_back(std::move(frame)); }
     /** Or from the rest after the next write on: the end of an emptied chain stays that long. */
     void mayKeep(WeakFrame frame) { mStale.push_back(std::move(frame)); }
-    /** The other queue is gone; what it let go of may still be the end of a chain here. */
-    void inherit(QueueModel const& other) {
-        mStale.insert(mStale.end(), other.mGone.begin(), other.mGone.end());
-        mStale.insert(mStale.end(), other.mStale.begin(), other.mStale.end());
-    }
 
-    /** Of pending packets; null where there is none. */
-    VeskFrame const* at(size_t place) const {
-        return place < mPending.size() ? &std::next(mPending.begin(), ptrdiff_t(place))->frame
-                                       : nullptr;
-    }
-    VeskFrame const* find(Packet* packet) const {
-        for (Pending const& entry : mPending)
-            if (entry.packet == packet) return &entry.frame;
-        return nullptr;
-    }
-    Packet* packetInWrite() const { return mInWrite ? mInWrite->packet : nullptr; }
-
-    /** Whether a packet of priority 1 would not leave at once. */
-    bool stuck() const { return mPending.size() >= BOUND || firstDue(); }
-    bool tooManyOwed() const { return mOwed.size() >= BOUND; }
+    /** Null where there is none, or one of the queue's own making. */
+    Packet* packetInWrite() const { return isWriting() ? mInWrite->packet : nullptr; }
+    size_t pending() const { return mPending.size(); }
+    size_t owed() const { return mOwed.size(); }
     bool empty() const { return mPending.empty() && mHistory.empty() && mOwed.empty(); }
     /** When the next packet or acknowledgement falls due; the largest number where none does. */
     uint64_t nextDeadline() const {
@@ -202,8 +163,6 @@ public:
         if (!mOwed.empty()) next = std::min(next, mOwed.front().receiveTime() + ACK_AGE_MS);
         return next;
     }
-
-    std::map<std::string, uint64_t> totals;
 
 private:
     struct Pending {
@@ -220,35 +179,44 @@ private:
         uint16_t serial, msgId;
         WeakFrame held;
     };
+    using Place = std::list<Pending>::iterator;
     using History = std::list<Sent>;
 
+    bool isWriting() const { return mInWrite != mPending.end(); }
+
+    Place find(Packet* packet) {
+        auto const is = [&](Pending const& one) { return one.packet == packet; };
+        return std::find_if(mPending.begin(), mPending.end(), is);
+    }
+
+    WeakFrame take(Place packet) {
+        if (packet == mPending.end()) return {};
+        if (packet == mInWrite) mInWrite = mPending.end();
+        WeakFrame const taken = packet->held;
+        mPending.erase(packet);
+        return taken;
+    }
+
     void insert(Pending packet) {
-        auto behind = mPending.begin();
-        while (behind != mPending.end() && behind->priority <= packet.priority)
-            ++behind;
+        auto const after = [&](Pending const& one) { return one.priority > packet.priority; };
+        auto const behind = std::find_if(mPending.begin(), mPending.end(), after);
         mPending.insert(behind, std::move(packet));
     }
 
-    void forget(History::iterator sent, char const* why) {
+    void forget(History::iterator sent, uint64_t& count) {
         letGo(sent->held);
         mHistory.erase(sent);
-        ++totals[why];
+        ++count;
     }
 
-    History::iterator sentAs(uint16_t msgId) {
-        auto const is = [&](Sent const& sent) { return sent.msgId == msgId; };
+    History::iterator oldest(uint16_t Sent::*number, uint16_t value) {
+        auto const is = [&](Sent const& sent) { return sent.*number == value; };
         return std::find_if(mHistory.begin(), mHistory.end(), is);
     }
 
     bool blocked(Pending const& packet) {
         return packet.needsAck && mHistory.size() >= BOUND &&
-               sentAs(packet.frame.msgId) == mHistory.end();
-    }
-
-    Pending const* firstDue() const {
-        for (Pending const& packet : mPending)
-            if (packet.due() <= now()) return &packet;
-        return nullptr;
+               oldest(&Sent::msgId, packet.frame.msgId) == mHistory.end();
     }
 
     bool acksDue() const {
@@ -285,81 +253,70 @@ private:
         require(!mHistory.empty() && now() - mHistory.front().earliest >= TIMEOUT_MS &&
                         line == text("send timeout:", mHistory.front().msgId),
                 "not expired: ", line);
-        measured(60000);
-        forget(mHistory.begin(), "timed out");
+        forget(mHistory.begin(), mTimedOut);
     }
 
     void beginSend(std::string const& line) {
+        if (mResting) newPass();
         // Owed acknowledgements may have to wait for the send under way, and for one that follows.
         bool const owing = mOwed.size() <= BOUND && acksDue();
         require(!owing || ++mSendsBeforeAcks <= LATE_SENDS, "acknowledgements are late");
-        require(!mInWrite, "two writes at once");
-        Pending const* passed = nullptr;
-        for (Pending& packet : mPending) {
+        require(!isWriting(), "two writes at once");
+        auto const isThis = [&](Pending const& packet) {
             VeskFrame const& f = packet.frame;
-            if (packet.due() > now()) continue;
-            if (line == text("sendToChannel:", f.msgId, "; serial:", f.serialNumber,
-                             ";size:", f.data.size() + 12)) {
-                mInWrite = &packet;
-                break;
-            }
-            // What has come or fallen due since the pass began may have to wait for the next one.
-            bool const late = packet.pass == mPass || packet.due() > mPassStart;
-            require(late, "overtakes what is due: ", line);
-            passed = &packet;
-        }
-        require(mInWrite && (!passed || passed->priority != mInWrite->priority), "not due: ", line);
-        for (WeakFrame const& stale : std::exchange(mStale, {}))
-            letGo(stale);
+            return packet.due() <= now() &&
+                   line == text("sendToChannel:", f.msgId, "; serial:", f.serialNumber,
+                                ";size:", f.data.size() + 12);
+        };
+        mInWrite = std::find_if(mPending.begin(), mPending.end(), isThis);
+        require(isWriting(), "not due: ", line);
+        // What has come or fallen due since the pass began may have to wait for the next one.
+        for (auto passed = mPending.begin(); passed != mInWrite; ++passed)
+            require(passed->due() > now() ||
+                            ((passed->pass == mPass || passed->due() > mPassStart) &&
+                             passed->priority != mInWrite->priority),
+                    "overtakes what is due: ", line);
+        mGone.insert(mGone.end(), mStale.begin(), mStale.end());
+        mStale.clear();
         if (mInWrite->needsAck) record(*mInWrite);
     }
 
     void record(Pending const& packet) {
-        auto const older = sentAs(packet.frame.msgId);
-        if (older != mHistory.end()) forget(older, "superseded");
+        auto const older = oldest(&Sent::msgId, packet.frame.msgId);
+        if (older != mHistory.end()) forget(older, mSuperseded);
         require(mHistory.size() < BOUND, "more are awaited than there is room for");
         mHistory.push_back(
                 {mPassStart, now(), packet.frame.serialNumber, packet.frame.msgId, packet.held});
-        ++totals["sent to be acknowledged"];
-    }
-
-    void meetFullHistory(std::string const& line) {
-        for (Pending const& packet : mPending)
-            if (packet.due() <= now() && blocked(packet)) return;
-        require(false, line, ", but it is not");
-    }
-
-    void measured(uint32_t delay) {
-        mDelay = delay;
-        mSlow = delay > 1500 ? mSlow + 1 : 0;
     }
 
     void compareNumbers() {
-        VeskFeedback const& feedback = mQueue.feedback();
-        if (mGuessed) std::tie(mDelay, mSlow) = std::pair(feedback.delay(), feedback.slowCount());
-        mGuessed = false;
-        auto const numbers = [](auto const&... all) { return ((text(all) + " ") + ...); };
-        auto const found = numbers(mQueue.size(), mQueue.awaitingAck(), mQueue.owedAcks(),
-                                   feedback.sentPackets(), feedback.receivedPackets(),
-                                   feedback.delay(), feedback.slowCount());
-        auto const expected = numbers(mPending.size(), mHistory.size(), mOwed.size(), mSent,
-                                      mReceived, mDelay, mSlow);
-        require(found == expected, "pending, awaiting, owed, sent, received, delay and slow are ",
-                found, "instead of ", expected);
+        VeskFeedback const& count = mQueue.feedback();
+        auto const found = text(mQueue.size(), " pending, ", mQueue.awaitingAck(), " awaited, ",
+                                mQueue.owedAcks(), " owed, ", count.sentPackets(), " sent, ",
+                                count.receivedPackets(), " received; ", mQueue.acknowledged(), ' ',
+                                mQueue.timedOut(), ' ', mQueue.superseded(), ' ', mQueue.refused());
+        auto const expected =
+                text(mPending.size(), " pending, ", mHistory.size(), " awaited, ", mOwed.size(),
+                     " owed, ", mSent, " sent, ", mReceived, " received; ", mAcknowledged, ' ',
+                     mTimedOut, ' ', mSuperseded, ' ', mRefused);
+        require(found == expected, found, ", not ", expected);
     }
 
     VeskQueue& mQueue;
     std::deque<std::string> mLines;  // that calls have still to log
     std::list<Pending> mPending;
-    Pending* mInWrite = nullptr;
+    Place mInWrite = mPending.end();
     History mHistory;
     std::list<AckMessage> mOwed;
     std::vector<FarPeer::Ack> mBatch;
     std::vector<WeakFrame> mGone, mStale;
-    bool mResting = true, mGuessed = false;
+    bool mResting = true;
     uint64_t mPass = 0, mPassStart = 0;  // as far as passes can be told apart
-    int mSendsBeforeAcks = 0;
-    uint32_t mSent = 0, mReceived = 0, mDelay = 0, mSlow = 0;
+    size_t mSendsBeforeAcks = 0;
+    uint32_t mSent = 0, mReceived = 0;
+    // Never reset: they go on from those of the seeds before.
+    uint64_t mAcknowledged = mQueue.acknowledged(), mTimedOut = mQueue.timedOut();
+    uint64_t mSuperseded = mQueue.superseded(), mRefused = mQueue.refused();
 };
 
 }  // namespace vesk::simulation

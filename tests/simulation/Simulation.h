@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <string>
 
 #include <vesk/VeskQueue.h>
 #include <vesk/testkit/Random.h>
@@ -15,10 +13,8 @@ namespace vesk::simulation {
  * used up; then the link is clean and quiet, and nothing may remain. After each event the looper is
  * waited for, and only one thread acts at a time, so that nothing depends on the machine. The first
  * difference between the library and the models ends the process.
- *
- * @return how much of everything there was.
  */
-std::map<std::string, uint64_t> simulate(testkit::Random script, uint64_t minutes);
+void simulate(testkit::Random script, uint64_t minutes);
 
 /**
  * Whether the queue's looper sleeps and has time left to; ends its wait where the simulated time
