@@ -46,7 +46,8 @@ public:
     /**
      * One whole frame to write to the byte channel. Runs on the facade's queue's looper thread, one
      * call at a time and in the order in which the bytes must leave. A call that blocks holds back
-     * every other outgoing frame; one that never returns keeps the process from ending.
+     * every other outgoing frame; one that never returns keeps the process from ending. A VeskQueue
+     * of the host's own calls it on its own looper thread, beside this one.
      */
     virtual void sendToChannel(std::vector<uint8_t> bytes) = 0;
 

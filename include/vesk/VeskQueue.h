@@ -54,8 +54,8 @@ private:
  *            itself calls sendToChannel() on its own looper thread, beside the facade's queue.
  * Limits:    1000 packets pending and 1000 awaiting acknowledgement. The packet that finds the
  *            queue full is dropped, which is logged and reported to nobody: look at size() before.
- *            With 1000 awaiting acknowledgement nothing that needs one is sent, and what is pending
- *            behind it waits too. A sender that keeps size() + awaitingAck() at 900 or below never
+ *            With 1000 awaiting acknowledgement nothing that needs one is sent, but in the place of
+ *            one with its msgId, and what is pending behind it waits too. A sender that keeps size() + awaitingAck() at 900 or below never
  *            meets either bound, with room for the acknowledgement frames and for senders that
  *            looked at the same moment.
  * Times:     milliseconds of uptime, unsigned 64-bit.
@@ -253,9 +253,9 @@ public:
     bool idle() const VESK_EXCLUDES(mutex());
 
     /**
-     * Ends the looper: waits for a sendToChannel() that is under way, unless called from inside it.
-     * What is pending is not sent any more, and admission is refused. Further calls do nothing; one
-     * that comes while another waits does not wait itself.
+     * Ends the looper: waits for a sendToChannel() that is under way, unless called from inside it
+     * or from the destructor of a frame that the looper lets go of. What is pending is not sent any
+     * more, and admission is refused. Every call waits in this way.
      */
     void stop() VESK_EXCLUDES(mutex());
 

@@ -23,7 +23,7 @@ struct SessionEntry;
  * Threads: every operation may be called from any thread and from inside a callback. Two live
  *          sessions never have one id, two threads that create the same provider get one session,
  *          and a session that several calls remove is announced as gone once. But a call that finds
- *          another thread just creating or removing the same session does not wait for it: what
+ *          a session while another thread is announcing or removing it does not wait for that: what
  *          must have happened when a call returns belongs on one thread.
  * Locks:   none is held while a topic, the facade or the host is called.
  */
@@ -85,7 +85,8 @@ public:
      * routing to it; removeSessionByClient() takes providers out of their topics as well.
      *
      * The id is free before the announcement: a session that the callback creates may get it, and
-     * is not touched. getSession() finds the provider until the announcement is over. A callback
+     * is not touched. getSession() finds the provider until the announcement is over, or until the
+     * callback gives its id to another provider. A callback
      * that removes it again ends it at once, without another announcement. A provider that is
      * removed while it is announced as new enters its topic afterwards, and stays there.
      *

@@ -41,7 +41,8 @@ public:
      * session manager does not know; it goes when removeSession() is called with its id, or the
      * manager removes a session that has its id and this topic.
      *
-     * REQUIRES: sessionId is the session's own id; replies are routed by it.
+     * @param sessionId the number to remove it by. Replies are routed by the session's own id, which
+     *                  is commonly the same; where a host gives another one, the topic searches.
      */
     void addSession(uint16_t sessionId, bool isProvider, std::shared_ptr<VeskSession> session)
             VESK_EXCLUDES(mMutex);
@@ -94,6 +95,8 @@ private:
     SessionTable mProviders VESK_GUARDED_BY(mMutex);
     SessionTable mConsumers VESK_GUARDED_BY(mMutex);  // every session, providers included
     mutable std::mutex mMutex;
+    // A host has entered a session under another number than its id: replies are searched for.
+    bool mHasOtherKeys VESK_GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace vesk

@@ -23,6 +23,7 @@ VeskQueue::State::~State() = default;
 void VeskQueue::State::start(std::shared_ptr<State> const& self) {
     std::lock_guard<std::mutex> lock(self->mMutex);
     self->mThread = std::thread([self] { self->looper(); });
+    self->mLooper = self->mThread.get_id();
 }
 
 bool VeskQueue::State::isForked() const {
@@ -35,12 +36,16 @@ void VeskQueue::State::stop() {
     }
     std::thread thread;
     {
-        std::lock_guard<std::mutex> lock(mMutex);
+        std::lock_guard<std::mutex> guard(mMutex);
         mRunning = false;
         wakeLooper();
-        if (mThread.get_id() != std::this_thread::get_id()) {
-            thread.swap(mThread);
-        }
+        if (mLooper == std::this_thread::get_id()) return;
+        // Every caller waits, not only the one that joins the thread.
+        std::unique_lock<std::mutex> lock(mMutex, std::adopt_lock);
+        while (!mLooperEnded)
+            mEnded.wait(lock);
+        lock.release();  // guard unlocks
+        thread.swap(mThread);
     }
     if (thread.joinable()) {
         thread.join();
@@ -57,6 +62,9 @@ void VeskQueue::State::detach() {
 void VeskQueue::State::looper() {
     while (runPass()) {
     }
+    std::lock_guard<std::mutex> lock(mMutex);
+    mLooperEnded = true;
+    mEnded.notify_all();
 }
 
 bool VeskQueue::State::runPass() {

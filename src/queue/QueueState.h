@@ -37,6 +37,8 @@ struct VeskQueue::State {
         int budget = 0;                          // packets that it may still send
         bool hasSent = false;
         bool hasSentData = false;  // something that is not an acknowledgement frame
+        Packet sent;               // these are let go of before the next packet is picked
+        Packets dropped;
 
         void lowerWait(uint64_t other) { wait = std::min<unsigned long long>(wait, other); }
     };
@@ -107,6 +109,9 @@ struct VeskQueue::State {
     std::list<AckMessage> mAckList VESK_GUARDED_BY(mMutex);
 
     pid_t const mProcess;
+    std::thread::id mLooper VESK_GUARDED_BY(mMutex);
+    bool mLooperEnded VESK_GUARDED_BY(mMutex) = false;
+    std::condition_variable mEnded;  // mLooperEnded is true
     std::atomic<int> mPending{0};  // length of the chain; written under mMutex
     // The packet that the looper is handing over, as long as that admission of it is pending.
     QueuedPacket* mSending VESK_GUARDED_BY(mMutex) = nullptr;

@@ -15,7 +15,7 @@ VeskQueue::QueuedPacket::QueuedPacket(int priority, bool needRetransmission,
 VeskQueue::QueuedPacket::QueuedPacket(QueuedPacket const& other)
     : RefBase(),
       mPriority(other.mPriority),
-      mEnqueueTime(other.mEnqueueTime),
+      mEnqueueTime(other.enqueueTime()),
       mEnqueueOrder(other.mEnqueueOrder),
       mNeedRetransmission(other.mNeedRetransmission),
       mFrame(other.mFrame) {}
@@ -32,7 +32,7 @@ bool VeskQueue::QueuedPacket::less(android::sp<QueuedPacket>& other) const {
     if (mNeedRetransmission != other->mNeedRetransmission) {
         return other->mNeedRetransmission;
     }
-    return other->mEnqueueTime < mEnqueueTime;
+    return other->enqueueTime() < enqueueTime();
 }
 
 }  // namespace vesk

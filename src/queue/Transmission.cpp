@@ -15,8 +15,8 @@ namespace vesk {
 void VeskQueue::State::sendDuePackets(Pass& pass) {
     pass.sendTime = quillex::SystemClock::uptimeMillis();
     std::vector<uint8_t> bytes;
-    Packet packet = nextDeparture(pass, bytes);
-    while (packet != nullptr) {
+    for (Packet packet = nextDeparture(pass, bytes); packet != nullptr;
+         packet = nextDeparture(pass, bytes)) {
         VeskFrame const& frame = *packet->mFrame;
         debugLog(QUEUE_TAG, "sendToChannel:", frame.msgId, "; serial:", frame.serialNumber,
                  ";size:", bytes.size());
@@ -24,14 +24,15 @@ void VeskQueue::State::sendDuePackets(Pass& pass) {
         // let its last owner go. Nothing that was known before is taken for true behind it.
         Vesk::getInstance()->sendToChannel(std::move(bytes));
         mFeedback.sendPackets(1);
-        packet = nextDeparture(pass, bytes);
+        // Destructors of frames may do the same. So they run here, before the next one is picked.
+        pass.dropped.clear();
+        pass.sent = std::move(packet);
     }
 }
 
 VeskQueue::State::Packet VeskQueue::State::nextDeparture(Pass& pass, std::vector<uint8_t>& bytes) {
-    Packets dropped;  // released after the lock
     std::lock_guard<std::mutex> lock(mMutex);
-    dropped.swap(mDropped);
+    pass.dropped.swap(mDropped);
     Packet due = findDue(placeInChain(pass), pass);
     if (due == nullptr) {
         return nullptr;
@@ -67,7 +68,7 @@ VeskQueue::QueuedPacket* VeskQueue::State::placeInChain(Pass& pass) {
         return nullptr;
     }
     QueuedPacket* const next = mSending->mNext.get();
-    unlink(mSending);  // the caller holds it
+    unlink(mSending);  // the pass holds it
     if (next != nullptr && mustEnd(pass)) {
         pass.wait = 0;
         return nullptr;

@@ -24,6 +24,7 @@ int SessionRegistry::hold() {
 SessionRegistry::Reservation SessionRegistry::reserve(SessionKey const& key) {
     Guard const lock(mManager.mMutex);
     if (key.type == VeskSessionManager::PROVIDER) {
+        waitForJoining(key);
         if (auto const* const existing = findProvider(key)) return {nullptr, existing->id};
     }
     auto const entry = allocate(key, State::JOINING);
@@ -60,12 +61,21 @@ void SessionRegistry::freeId(SessionEntry& entry, State next) {
     mEntries.erase(entry.id);
 }
 
+// Its id must not be told before it is known whether it stays: the topic may be gone. That takes no
+// longer than the session's constructor.
+void SessionRegistry::waitForJoining(SessionKey const& key) {
+    // The guard's lock is adopted for the wait and given back by release().
+    std::unique_lock<std::mutex> lock(mManager.mMutex, std::adopt_lock);
+    mJoined.wait(lock, [&] {
+        return std::none_of(mJoining.begin(), mJoining.end(),
+                            [&](Entry const& joining) { return joining->key == key; });
+    });
+    lock.release();
+}
+
 SessionEntry const* SessionRegistry::findProvider(SessionKey const& key) const {
     for (auto const& [id, session] : mManager.mProviderSessions) {
         if (session->mEntry->key == key) return session->mEntry.get();
-    }
-    for (Entry const& joining : mJoining) {
-        if (joining->key == key) return joining.get();
     }
     return nullptr;
 }
@@ -73,6 +83,7 @@ SessionEntry const* SessionRegistry::findProvider(SessionKey const& key) const {
 bool SessionRegistry::admit(Session const& session, Entry const& entry) {
     Guard const lock(mManager.mMutex);
     mJoining.erase(std::find(mJoining.begin(), mJoining.end(), entry));
+    mJoined.notify_all();
     if (mClosed || !session->getTopic()) {
         freeId(*entry, State::GONE);
         return false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -37,7 +38,10 @@ public:
     /** Allocates an id without a session. @return -1 when there is none. */
     int hold();
 
-    /** Looks for the same provider and, where there is none, allocates an id: one step for both. */
+    /**
+     * Looks for the same provider and, where there is none, allocates an id: one step for both. Waits
+     * for one that another thread is just making.
+     */
     Reservation reserve(SessionKey const& key);
 
     /**
@@ -90,6 +94,7 @@ private:
     Entry allocate(SessionKey const& key, State state) VESK_REQUIRES(mManager.mMutex);
     /** Ends the use of an id: the entry goes on to LEAVING or GONE. */
     void freeId(SessionEntry& entry, State next) VESK_REQUIRES(mManager.mMutex);
+    void waitForJoining(SessionKey const& key) VESK_REQUIRES(mManager.mMutex);
     SessionEntry const* findProvider(SessionKey const& key) const VESK_REQUIRES(mManager.mMutex);
     SessionTable& tableOf(int type) const VESK_REQUIRES(mManager.mMutex);
     Session find(int type, uint16_t sessionId) const VESK_REQUIRES(mManager.mMutex);
@@ -99,6 +104,7 @@ private:
     // Of the ids in use.
     std::unordered_map<uint16_t, Entry> mEntries VESK_GUARDED_BY(mManager.mMutex);
     std::vector<Entry> mJoining VESK_GUARDED_BY(mManager.mMutex);
+    std::condition_variable mJoined;  // an entry has left mJoining
     // Ids below mNextId are either in use or in mFreedIds, so that the lowest free one is found
     // without searching.
     std::set<uint16_t> mFreedIds VESK_GUARDED_BY(mManager.mMutex);

@@ -1,5 +1,6 @@
 #include <vesk/VeskTopic.h>
 
+#include <algorithm>
 #include <utility>
 
 #include <vesk/VeskFrame.h>
@@ -41,6 +42,7 @@ void VeskTopic::put(uint16_t sessionId, bool isProvider,
             mProviders[sessionId].swap(provider);
         }
         if (!isTaken(mConsumers, sessionId, late)) mConsumers[sessionId].swap(consumer);
+        mHasOtherKeys = mHasOtherKeys || session->sessionId() != sessionId;
     }
 }
 
@@ -118,10 +120,14 @@ std::shared_ptr<VeskSession> VeskTopic::findProvider(uint16_t businessId) const 
 std::shared_ptr<VeskSession> VeskTopic::findConsumer(uint16_t businessId,
                                                      uint16_t sessionId) const {
     std::lock_guard<std::mutex> lock(mMutex);
-    auto const found = mConsumers.find(sessionId);
-    bool const fits = found != mConsumers.end() && found->second->businessId() == businessId &&
-                      found->second->sessionId() == sessionId;
-    return fits ? found->second : nullptr;
+    auto const fits = [=](auto const& entry) {
+        return entry.second->businessId() == businessId && entry.second->sessionId() == sessionId;
+    };
+    auto found = mConsumers.find(sessionId);
+    if (mHasOtherKeys && (found == mConsumers.end() || !fits(*found))) {
+        found = std::find_if(mConsumers.begin(), mConsumers.end(), fits);
+    }
+    return found != mConsumers.end() && fits(*found) ? found->second : nullptr;
 }
 
 void VeskTopic::dropSessions() {
