@@ -106,6 +106,10 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     awaitHeard(line, 2);
     reply(line, 1, "x");
     expectEnd(unread, 1, "cannot write to stdout");
+    mListener.acceptor().listen(0);  // who does not accept has room for one that waits
+    for (char const* const errors : {"does not answer", "does not accept"})
+        expectEnd(start("call a/b --join-timeout 50 --host " + socket("host")), 1, errors);
+    expectEnd(start("host --channel tty:x --clients " + socket("host")), 1, "another process");
 }
 
 TEST_F(CommandTest, AProviderAnswersEachRequestOnce) {

@@ -81,6 +81,10 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
     sub->add_option("--timeout", options.timeoutMillis, "Milliseconds to wait for each reply")
             ->check(CLI::Range(1, 86400000))
             ->capture_default_str();
+    sub->add_option("--join-timeout", options.joinTimeoutMillis,
+                    "Milliseconds to wait for the host to accept, and then to answer")
+            ->check(CLI::Range(1, 86400000))
+            ->capture_default_str();
     sub->add_flag("--verify", options.verify, "Count a reply that is no echo as a failure");
     sub->add_flag("--stats", options.stats, "Print count, lost, p50 and p99 to stderr");
     sub->add_flag("--report", options.report,
