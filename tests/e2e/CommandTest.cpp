@@ -87,12 +87,13 @@ TEST_F(CommandTest, ALateReplyIsNobodysReply) {
 }
 
 TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
-    Bytes const none, noMessage(4), refused = tool::encodeMessage(Type::REFUSED, "no such luck");
+    Bytes const none, noMessage(4),
+            refused = tool::encodeMessage(Type::REFUSED, "no such\x1B luck");
     for (auto const& [first, second, status, errors] :
-         {std::tuple{refused, none, 2, "vesk: no such luck\n"},
+         {std::tuple{refused, none, 2, "vesk: no such\\x1B luck\n"},
           {none, none, 1, "the host went away before it answered"},
           {mJoined, none, 1, "the host is gone"},
-          {mJoined, refused, 1, "the host refused: no such luck"},
+          {mJoined, refused, 1, "the host refused: no such\\x1B luck"},
           {mJoined, noMessage, 1, "messages are not understood"}}) {
         auto const [process, line] = startClient("provide a/b --echo");
         awaitHeard(line, 1);
@@ -106,6 +107,9 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     awaitHeard(line, 2);
     reply(line, 1, "x");
     expectEnd(unread, 1, "cannot write to stdout");
+    auto const [watch, news] = startClient("watch");
+    news.say(tool::ChangeMessage{true, "a\x1B", "b\x9B"}.encode(Type::PROVIDER));
+    awaitText(watch, "provider a\\x1B/b\\x9B added\n");
     mListener.acceptor().listen(0);  // who does not accept has room for one that waits
     for (char const* const errors : {"does not answer", "does not accept"})
         expectEnd(start("call a/b --join-timeout 50 --host " + socket("host")), 1, errors);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include <quillex/Log.h>
+#include <vesk/hostkit/FrameText.h>
 #include <CLI/CLI.hpp>
 
 #include "CallCommand.h"
@@ -21,7 +22,7 @@ namespace {
 using Command = std::function<int()>;
 
 void printLogLine(char const* tag, char const* message) {
-    std::fprintf(stderr, "%s: %s\n", tag, message);
+    std::fprintf(stderr, "%s: %s\n", tag, hostkit::FrameText::escape(message).c_str());
 }
 
 std::string const EXIT_STATUSES = "Exit status: 0 success, 1 failure, 2 wrong usage.";
