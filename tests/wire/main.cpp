@@ -4,8 +4,8 @@
 #include <iostream>
 #include <string>
 
-#include <StreamReader.h>
 #include <vesk/Vesk.h>
+#include <vesk/hostkit/FrameReader.h>
 #include <vesk/testkit/FarPeer.h>
 #include <vesk/testkit/RecordingCallback.h>
 #include <vesk/testkit/ShiftedClock.h>
@@ -34,9 +34,9 @@ int main(int argc, char** argv) {
     }
     std::string const bytes{std::istreambuf_iterator<char>(std::cin), {}};
     std::vector<std::vector<uint8_t>> read;
-    vesk::tool::StreamReader reader(*facade.getConfig(), [&](std::vector<uint8_t> const& frame) {
-        read.push_back(frame);
-        peer.send(frame);
+    vesk::hostkit::FrameReader reader(*facade.getConfig(), [&](auto const& frame) {
+        frame->serialze(read.emplace_back());
+        peer.send(read.back());
     });
     reader.feed(reinterpret_cast<uint8_t const*>(bytes.data()), bytes.size());
     bool const same = read == written && host->deliveries().size() == 10;

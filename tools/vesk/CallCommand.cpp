@@ -80,7 +80,8 @@ Caller::Caller(asio::io_context& io, CallOptions const& options)
       mOptions(options),
       mBusiness(BusinessName::parse(options.business)),
       mPayloads(options),
-      mHost(io, parseUnixPath("--host", options.host)),
+      mHost(io, parseUnixPath("--host", options.host),
+            std::chrono::milliseconds(options.joinTimeoutMillis)),
       mTimer(io),
       mNextMsgId(mPayloads.firstMsgId()) {}
 

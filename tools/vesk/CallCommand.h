@@ -15,6 +15,7 @@ struct CallOptions {
     size_t count = 1;
     size_t window = 1;
     size_t timeoutMillis = 5000;
+    size_t joinTimeoutMillis = 10000;
     bool verify = false;  // each reply must equal its request
     bool stats = false;
     bool report = false;

@@ -117,17 +117,25 @@ void Channel::received(size_t size) {
 
 void Channel::watchSilence() {
     if (mHeld) return;  // the silence would be of our own making
-    if (!mReader.doubtful() && mReportedSkipped == mReader.skippedBytes()) {
+    if (!mReader.incomplete() && mReportedSkipped == mReader.skippedBytes()) {
         mSilence.cancel();
         return;
     }
     mSilence.expires_after(SILENCE);
     mSilence.async_wait([this](asio::error_code const& error) {
-        if (error) return;
-        if (mReader.doubtful()) mReader.abandon();
+        if (error || mHeld || hasUnread()) return;
+        mReader.abandon();
         reportSkipped();
         mEvents.onProgress();
     });
+}
+
+// Bytes that have come and were not read yet: the silence was this host's, not the peer's.
+bool Channel::hasUnread() {
+    asio::posix::descriptor_base::bytes_readable waiting;
+    asio::error_code unknown;
+    mLink->io_control(waiting, unknown);
+    return waiting.get() > 0;
 }
 
 void Channel::reportSkipped() {

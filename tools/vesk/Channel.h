@@ -10,12 +10,12 @@
 
 #include <vesk/VeskConfig.h>
 #include <vesk/VeskThreadAnnotations.h>
+#include <vesk/hostkit/FrameReader.h>
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 
 #include "Endpoint.h"
 #include "LinkSource.h"
-#include "StreamReader.h"
 
 namespace vesk::tool {
 
@@ -34,7 +34,7 @@ class Channel {
 public:
     struct Events {
         std::function<void(bool up)> onState;
-        std::function<void(std::vector<uint8_t> const& frame)> onFrame;
+        hostkit::FrameReader::FrameHandler onFrame;
         std::function<void()> onProgress;  // bytes have come in or gone out
     };
 
@@ -69,7 +69,7 @@ private:
     // Long enough not to burn a core on a dead peer, short enough for a person who watches.
     static constexpr Milliseconds BACK_OFF_FIRST{100};
     static constexpr Milliseconds BACK_OFF_LAST{3200};
-    // A peer that pauses this long inside a frame behind garbage never meant a frame.
+    // A peer that pauses this long inside a frame will not complete it.
     static constexpr Milliseconds SILENCE{1000};
 
     void open();
@@ -79,6 +79,7 @@ private:
     void read();
     void received(size_t size);
     void watchSilence();
+    bool hasUnread();
     void flush();
     void reportSkipped();
 
@@ -87,7 +88,7 @@ private:
     bool const mListens;
     Events const mEvents;
     LinkSource mSource;
-    StreamReader mReader;
+    hostkit::FrameReader mReader;
     std::shared_ptr<Link> mLink;  // null while the channel is down
     asio::steady_timer mRetry;
     asio::steady_timer mSilence;

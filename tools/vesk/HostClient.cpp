@@ -1,5 +1,9 @@
 #include "HostClient.h"
 
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 #include <utility>
 
@@ -7,6 +11,7 @@
 #include <asio/write.hpp>
 
 #include "Errors.h"
+#include "UnixConnect.h"
 
 namespace vesk::tool {
 
@@ -22,9 +27,14 @@ std::string text(Message const& message) {
 
 }  // namespace
 
-HostClient::HostClient(asio::io_context& io, std::string const& path) : mSocket(io) {
-    asio::error_code error;
-    mSocket.connect(path, error);
+HostClient::HostClient(asio::io_context& io, std::string const& path,
+                       std::chrono::milliseconds limit)
+    : mLimit(limit), mSocket(io) {
+    asio::error_code const error = connectUnix(mSocket, path, limit);
+    if (error == asio::error::timed_out) {
+        throw std::runtime_error("the host at '" + path +
+                                 "' does not accept; see whether it is stopped");
+    }
     if (error) {
         throw std::runtime_error("no host serves '" + path + "' (" + error.message() +
                                  "); start one with: vesk host --clients unix:" + path +
@@ -63,16 +73,30 @@ Message HostClient::ask(Bytes const& question) {
 
 Message HostClient::receive() {
     Message message;
+    auto const deadline = std::chrono::steady_clock::now() + mLimit;
     for (;;) {
         switch (mReader.next(message)) {
             case MessageReader::Result::MESSAGE:
                 return message;
             case MessageReader::Result::NEED_MORE:
+                awaitBytes(deadline);
                 mReader.append(mChunk.data(), mSocket.read_some(asio::buffer(mChunk)));
                 break;
             default:
                 throwNotUnderstood();
         }
+    }
+}
+
+void HostClient::awaitBytes(std::chrono::steady_clock::time_point deadline) {
+    pollfd waiting{mSocket.native_handle(), POLLIN, 0};
+    for (;;) {
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+        int const ready = ::poll(&waiting, 1, std::max(0, static_cast<int>(left.count())));
+        if (ready > 0 || (ready < 0 && errno != EINTR)) return;
+        if (ready == 0)
+            throw std::runtime_error("the host does not answer; see whether it is stopped");
     }
 }
 

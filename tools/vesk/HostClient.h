@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -27,8 +28,12 @@ public:
     using MessageHandler = std::function<void(Message const& message)>;
     using ClosedHandler = std::function<void(std::string const& reason)>;
 
-    /** Connects to the host that serves `path`; throws std::runtime_error where there is none. */
-    HostClient(asio::io_context& io, std::string const& path);
+    /**
+     * Connects to the host that serves `path`; throws std::runtime_error where there is none, or
+     * none that accepts within `limit`. Each answer of join() and query() has as long to come.
+     */
+    HostClient(asio::io_context& io, std::string const& path,
+               std::chrono::milliseconds limit = std::chrono::seconds(10));
     HostClient(HostClient const&) = delete;
     HostClient& operator=(HostClient const&) = delete;
 
@@ -55,6 +60,9 @@ private:
     void write();
     void closed(std::string const& reason);
 
+    void awaitBytes(std::chrono::steady_clock::time_point deadline);
+
+    std::chrono::milliseconds const mLimit;
     asio::local::stream_protocol::socket mSocket;
     std::array<uint8_t, size_t{64} * 1024> mChunk{};
     MessageReader mReader;

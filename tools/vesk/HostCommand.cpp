@@ -38,7 +38,6 @@ private:
     ClientServer::Services services();
     void createTopics(HostOptions const& options);
     void channelChanged(bool up);
-    void frameArrived(std::vector<uint8_t> const& bytes);
     void addCounters(Counters& counters) const;
 
     std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
@@ -63,7 +62,7 @@ Host::Host(asio::io_context& io, HostOptions const& options)
 
 Channel::Events Host::channelEvents() {
     return {[this](bool up) { channelChanged(up); },
-            [this](std::vector<uint8_t> const& frame) { frameArrived(frame); },
+            [this](std::shared_ptr<VeskFrame> const& frame) { mQueue->receiveFromChannel(frame); },
             [this] { mClients.resumeParked(); }};
 }
 
@@ -85,12 +84,6 @@ void Host::channelChanged(bool up) {
         say(std::to_string(mQueue->size()) + " queued frames are lost with the channel");
     }
     Vesk::getInstance()->onChannelAvailable(up);
-}
-
-void Host::frameArrived(std::vector<uint8_t> const& bytes) {
-    std::shared_ptr<VeskFrame> const frame = VeskFrame::obtainFrame(false);
-    frame->unSerialze(bytes);
-    mQueue->receiveFromChannel(frame);
 }
 
 void Host::addCounters(Counters& counters) const {

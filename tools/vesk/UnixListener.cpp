@@ -5,6 +5,8 @@
 
 #include <stdexcept>
 
+#include "UnixConnect.h"
+
 namespace vesk::tool {
 
 namespace {
@@ -16,11 +18,10 @@ void removeStaleSocket(asio::io_context& io, std::string const& path) {
         throw std::runtime_error("'" + path + "' exists and is no socket; choose another path");
     }
     asio::local::stream_protocol::socket probe(io);
-    asio::error_code error;
-    probe.connect(path, error);
+    asio::error_code const error = connectUnix(probe, path, std::chrono::milliseconds(1));
     if (error == asio::error::connection_refused) {
         ::unlink(path.c_str());
-    } else if (!error) {
+    } else if (!error || error == asio::error::timed_out) {
         throw std::runtime_error("another process serves '" + path +
                                  "'; stop it or choose another path");
     }

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 
+#include <vesk/hostkit/FrameText.h>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
@@ -69,11 +70,13 @@ void Watcher::received(Message const& message) {
 void Watcher::printChange(Message const& message) {
     auto const change = ChangeMessage::decode(message.type, message.body);
     if (!change) return;
+    std::string const topic = hostkit::FrameText::escape(change->topic);
     char const* what = change->added ? "added" : "removed";
     if (message.type == MessageType::TOPIC) {
-        std::printf("topic %s %s\n", change->topic.c_str(), what);
+        std::printf("topic %s %s\n", topic.c_str(), what);
     } else {
-        std::printf("provider %s/%s %s\n", change->topic.c_str(), change->business.c_str(), what);
+        std::printf("provider %s/%s %s\n", topic.c_str(),
+                    hostkit::FrameText::escape(change->business).c_str(), what);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include <quillex/Log.h>
+#include <vesk/hostkit/FrameText.h>
 #include <CLI/CLI.hpp>
 
 #include "CallCommand.h"
@@ -21,7 +22,7 @@ namespace {
 using Command = std::function<int()>;
 
 void printLogLine(char const* tag, char const* message) {
-    std::fprintf(stderr, "%s: %s\n", tag, message);
+    std::fprintf(stderr, "%s: %s\n", tag, hostkit::FrameText::escape(message).c_str());
 }
 
 std::string const EXIT_STATUSES = "Exit status: 0 success, 1 failure, 2 wrong usage.";
@@ -79,6 +80,10 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
             ->check(CLI::Range(1, 32768))
             ->capture_default_str();
     sub->add_option("--timeout", options.timeoutMillis, "Milliseconds to wait for each reply")
+            ->check(CLI::Range(1, 86400000))
+            ->capture_default_str();
+    sub->add_option("--join-timeout", options.joinTimeoutMillis,
+                    "Milliseconds to wait for the host to accept, and then to answer")
             ->check(CLI::Range(1, 86400000))
             ->capture_default_str();
     sub->add_flag("--verify", options.verify, "Count a reply that is no echo as a failure");

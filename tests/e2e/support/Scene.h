@@ -10,6 +10,7 @@
 #include <list>
 
 #include <gtest/gtest.h>
+#include <vesk/hostkit/FrameReader.h>
 #include <asio/write.hpp>
 
 #include "ChildProcess.h"
@@ -22,7 +23,7 @@ using tool::Bytes;
 
 /**
  * One end of a connection in the test's hands: of a client socket, as its client or as its host, or
- * of a byte channel, as the peer. Cuts what it hears by itself.
+ * of a byte channel, as the peer.
  */
 class Line {
 public:
@@ -54,32 +55,26 @@ private:
         mEnd.async_read_some(asio::buffer(mChunk), [this](asio::error_code error, size_t size) {
             if (error == asio::error::operation_aborted) return;
             mClosed = static_cast<bool>(error);
-            mBytes.insert(mBytes.end(), mChunk, mChunk + size);
-            cut();
+            mKind == FRAMES ? mFrames.feed(mChunk, size) : mMessages.append(mChunk, size);
+            for (tool::Message next; mMessages.next(next) == tool::MessageReader::Result::MESSAGE;)
+                mHeard.push_back(
+                        tool::encodeMessage(next.type, {next.body.begin(), next.body.end()}));
             if (!mClosed) read();
         });
     }
 
-    void cut() {
-        size_t const head = mKind == FRAMES ? 12 : 4, field = mKind == FRAMES ? 1 : 0;
-        ptrdiff_t at = 0;
-        for (size_t left; (left = mBytes.size() - size_t(at)) >= head;) {
-            auto const rest = mBytes.begin() + at;
-            size_t size = head + rest[long(field)] + rest[long(field) + 1] * size_t{256};
-            if (mKind == MESSAGES) size += rest[2] * size_t{65536};
-            if (left < size) break;
-            at += long(size);
-            if (mKind == FRAMES && rest[5] == 1) continue;
-            Bytes& bytes = mHeard.emplace_back(rest, mBytes.begin() + at);
-            if (mKind == FRAMES) bytes[8] = bytes[9] = 0;
-        }
-        mBytes.erase(mBytes.begin(), mBytes.begin() + at);
+    void take(VeskFrame& frame) {
+        if (frame.msgType == ACKNOWLEDGEMENT) return;
+        frame.serialNumber = 0;
+        frame.serialze(mHeard.emplace_back());
     }
 
     Kind const mKind;
     asio::posix::stream_descriptor mEnd;
     uint8_t mChunk[65536];
-    Bytes mBytes;
+    VeskConfig const mCatalogue;
+    hostkit::FrameReader mFrames{mCatalogue, [this](auto const& frame) { take(*frame); }};
+    tool::MessageReader mMessages;
     std::vector<Bytes> mHeard;
     bool mClosed = false;
 };
@@ -97,10 +92,10 @@ struct Process : tool::ChildProcess {
           path(where) {}
 
     /** Everything on stdout, and on stderr, so far. */
-    std::string output() const { return content(".out"); }
-    std::string errors() const { return content(".err"); }
-    std::string content(char const* suffix) const {
-        std::ifstream file(path + suffix);
+    std::string output() const { return content(path + ".out"); }
+    std::string errors() const { return content(path + ".err"); }
+    static std::string content(std::string const& name) {
+        std::ifstream file(name);
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
@@ -114,6 +109,7 @@ struct Process : tool::ChildProcess {
 class Scene : public ::testing::Test {
 protected:
     using Type = tool::MessageType;
+    static constexpr int CONSUMER = 1, PROVIDER = 2;
 
     Scene() {
         ::signal(SIGPIPE, SIG_IGN);
@@ -123,11 +119,7 @@ protected:
         ::setenv("TMPDIR", mDirectory.c_str(), 1);
     }
 
-    ~Scene() override {
-        for (Process const& process : mProcesses)
-            if (HasFailure()) std::fprintf(stderr, "- wrote:\n%s", process.errors().c_str());
-        std::filesystem::remove_all(mDirectory);
-    }
+    ~Scene() override { std::filesystem::remove_all(mDirectory); }
 
     std::string path(std::string const& name) const { return mDirectory + "/" + name; }
     std::string socket(std::string const& name) const { return "unix:" + path(name); }
@@ -184,7 +176,11 @@ protected:
     void expectEnd(Process& process, int status, std::string const& errors = "") {
         await("a process to end", [&] { return !process.ending().empty(); });
         EXPECT_EQ(process.ending(), "exit status " + std::to_string(status)) << process.output();
-        EXPECT_NE(process.errors().find(errors), std::string::npos) << errors;
+        EXPECT_NE(process.errors().find(errors), std::string::npos) << process.errors();
+    }
+
+    static Bytes joining(int role, char const* topic = "test", char const* business = "test") {
+        return tool::JoinMessage{role, topic, business}.encode();
     }
 
     /** A REQUEST or REPLY. */
