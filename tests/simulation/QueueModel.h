@@ -7,7 +7,6 @@
 #include <list>
 #include <set>
 #include <sstream>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -295,11 +294,11 @@ private:
                                 mQueue.owedAcks(), " owed, ", count.sentPackets(), " sent, ",
                                 count.receivedPackets(), " received; ", mQueue.acknowledged(), ' ',
                                 mQueue.timedOut(), ' ', mQueue.superseded(), ' ', mQueue.refused());
-        auto const expected =
+        auto const should =
                 text(mPending.size(), " pending, ", mHistory.size(), " awaited, ", mOwed.size(),
                      " owed, ", mSent, " sent, ", mReceived, " received; ", mAcknowledged, ' ',
                      mTimedOut, ' ', mSuperseded, ' ', mRefused);
-        require(found == expected, found, ", not ", expected);
+        require(found == should, found, ", not ", should);
     }
 
     VeskQueue& mQueue;
@@ -311,8 +310,8 @@ private:
     std::vector<FarPeer::Ack> mBatch;
     std::vector<WeakFrame> mGone, mStale;
     bool mResting = true;
-    uint64_t mPass = 0, mPassStart = 0;  // as far as passes can be told apart
-    size_t mSendsBeforeAcks = 0;
+    // As far as passes can be told apart.
+    uint64_t mPass = 0, mPassStart = 0, mSendsBeforeAcks = 0;
     uint32_t mSent = 0, mReceived = 0;
     // Never reset: they go on from those of the seeds before.
     uint64_t mAcknowledged = mQueue.acknowledged(), mTimedOut = mQueue.timedOut();

@@ -14,7 +14,6 @@ namespace vesk::simulation {
 
 namespace {
 
-using testkit::Random;
 using PacketPtr = android::sp<VeskQueue::QueuedPacket>;
 
 constexpr uint64_t HIGH = uint64_t{1} << 32, MINUTE = 60000;
@@ -40,7 +39,7 @@ FramePtr calling(VeskFrame* frame) {
 
 class Simulation {
 public:
-    explicit Simulation(Random script) : mRandom(std::move(script)) {
+    explicit Simulation(testkit::Random script) : mRandom(std::move(script)) {
         mVesk.onChannelAvailable(false);
         mVesk.init(new Host);
         mVesk.createTopic("virtualcomm", false);
@@ -65,8 +64,7 @@ public:
             settle();
         }
         mSlow = mBusy = 0;
-        mAnswered = 1000;
-        // For 2 s what is on its way may still come, and be answered.
+        // For 2 s answers may still come, and then what was sent because of them expires.
         for (int quiet = 0; quiet < 7000; quiet += 100)
             moveTime(100);
         require(mModel.empty(), "it has been quiet for 5 s and packets are left");
@@ -92,10 +90,10 @@ private:
     void act(size_t Action::*weight) {
         // What a script does that is used up comes first, and begins nothing new.
         static constexpr Action ACTIONS[] = {
-                {0, 30, &Simulation::answerAtOnce}, {400, 0, &Simulation::sendThroughSession},
+                {0, 30, &Simulation::answerAtOnce}, {375, 0, &Simulation::sendThroughSession},
                 {90, 10, &Simulation::enqueueAny},  {40, 0, &Simulation::pushOwn},
-                {15, 20, &Simulation::removeOwn},   {15, 20, &Simulation::dequeueFirst},
-                {385, 30, &Simulation::farFrames},  {0, 10, &Simulation::burst},
+                {15, 20, &Simulation::removeOwn},   {40, 20, &Simulation::dequeueFirst},
+                {385, 30, &Simulation::farFrames},  {0, 30, &Simulation::burst},
                 {5, 1, &Simulation::loseLink}};
         size_t dice = mRandom.below(weight == &Action::weight ? 1000 : 400);
         for (Action const& action : ACTIONS) {
@@ -115,7 +113,7 @@ private:
         mModel.rest();
         std::vector<FarPeer::Ack> acks;
         for (FarPeer::Frame const& frame : std::exchange(mWritten, {}))
-            if (!FarPeer::isAck(frame) && mRandom.chance(mAnswered))
+            if (!FarPeer::isAck(frame) && mRandom.chance(700))
                 acks.push_back({u16Below(300), frame.serialNumber});
         for (int times = mRandom.chance(100) ? 2 : 1; times > 0 && !acks.empty(); --times)
             mArriving.emplace(now() + mRandom.below(2000), FarPeer::ackFrame(acks));
@@ -136,7 +134,6 @@ private:
     }
 
     void loseLink() {
-        mArriving.clear();
         mModel.cleanup();
         mVesk.onChannelAvailable(false);
     }
@@ -157,7 +154,8 @@ private:
     uint8_t anyBusiness() { return uint8_t(mRandom.between(1, BUSINESSES)); }
 
     Bytes newPayload() {
-        return Bytes(mRandom.between(2, mRandom.chance(50) ? 4000 : 60), ++mPayloads);
+        return Bytes(mRandom.between(2, mRandom.chance(50) ? 4000 : 60),
+                     uint8_t(mRandom.below(256)));
     }
 
     FramePtr newFrame(uint8_t business, uint8_t type, uint16_t reply) {
@@ -225,7 +223,7 @@ private:
 
     // The looper is held inside a write while many frames come from one side.
     void burst() {
-        if (mModel.pending() > 5) return;
+        if (mModel.pending() > 5 || mModel.owed() >= QueueModel::BOUND) return;
         static constexpr size_t SIZES[] = {20, 40, 300, 999, 1000, 1001, 1200};
         size_t const kind = mRandom.below(3), size = SIZES[mRandom.below(7)];
         for (size_t n = kind == 2 ? mModel.owed() : 0; n < size; ++n) {
@@ -317,21 +315,20 @@ private:
     std::shared_ptr<VeskQueue> const mQueue = mVesk.getQueue();
     QueueModel mModel{*mQueue};
 
-    Random mRandom;
+    testkit::Random mRandom;
     testkit::ShiftedClock mClock{mQueue, STARTS[mRandom.below(4)]};
     // What the far side has written, by the time of its arrival.
     std::multimap<uint64_t, FarPeer::Frame> mArriving;
     std::vector<FarPeer::Frame> mWritten;
-    uint8_t mPayloads = 0;
-    // Thousandths of the writes that take time, that do something, and that are answered.
+    // Thousandths of the writes that take time, and that do something.
     unsigned mSlow = mRandom.chance(500) ? 0 : mRandom.chance(500) ? 100 : 1000;
-    unsigned mBusy = mRandom.chance(600) ? 1000 : 0, mAnswered = 700;
+    unsigned mBusy = mRandom.chance(600) ? 1000 : 0;
     std::thread::id const mThread = std::this_thread::get_id();
 };
 
 }  // namespace
 
-void simulate(Random script, uint64_t minutes) {
+void simulate(testkit::Random script, uint64_t minutes) {
     Simulation(std::move(script)).run(minutes);
 }
 
