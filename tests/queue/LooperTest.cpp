@@ -3,42 +3,33 @@
 namespace vesk {
 namespace {
 
-class LooperTest : public QueueTest {};
-
-TEST_F(LooperTest, EveryStepIsLoggedAndCounted) {
+TEST_F(QueueTest, EveryStepIsLoggedAndCounted) {
     auto const held = frame(8), sent = frame(9);
     Packet pending = packet(2, 4);
     play({{[&] { queue->enqueue(1, true, frame(7)); },
            "enqueue:7; priority:1|enqueuing packet:7|sendToChannel:7; serial:7;size:12|"
            "0 1 0 1 0 0 0, 0 0 0 0"},
-          {[&] { clock.advance(1000), admitTogether({packet(1, 6, true)}); },
-           "enqueuing packet:6|sendToChannel:6; serial:6;size:12|0 2 0 2 0 0 0, 0 0 0 0"},
-          {[&] { clock.advance(1000); }, "send timeout:7|0 1 0 2 0 60000 1, 0 1 0 0"},
-          {[&] { clock.advance(999); }, "0 1 0 2 0 60000 1, 0 1 0 0"},
-          {[&] { clock.advance(1); }, "send timeout:6|0 0 0 2 0 60000 2, 0 2 0 0"},
-          {[&] { peer.acknowledge(7); },
-           "receiveFromChannel:0,msgType:1,msg:170|0 0 0 2 0 60000 2, 0 2 0 0"},
+          {[&] { clock.advance(2000); }, "send timeout:7|0 0 0 1 0 60000 1, 0 1 0 0"},
           {[&] { queue->enqueue(-2, true, held); },
-           "enqueue:8; priority:-2|enqueuing packet:8|1 0 0 2 0 60000 2, 0 2 0 0"},
+           "enqueue:8; priority:-2|enqueuing packet:8|1 0 0 1 0 60000 1, 0 1 0 0"},
           {[&] { queue->enqueue(1, true, sent); },
            "enqueue:9; priority:1|enqueuing packet:9|sendToChannel:9; serial:9;size:12|"
-           "1 1 0 3 0 60000 2, 0 2 0 0"},
+           "1 1 0 2 0 60000 1, 0 1 0 0"},
           {[&] { peer.send(request(5)); },
-           "receiveFromChannel:5,msgType:2,msg:5|1 1 1 3 1 60000 2, 0 2 0 0"},
-          {[&] { vesk->onChannelAvailable(true); }, "1 1 1 3 1 60000 2, 0 2 0 0"},
-          {[&] { vesk->onChannelAvailable(false); }, "cleanup.|0 0 0 0 0 0 0, 0 2 0 0"},
-          {[&] { queue->push(pending); }, "enqueuing packet:4|1 0 0 0 0 0 0, 0 2 0 0"},
-          {[&] { queue->push(pending); },
-           "enqueuing packet:4|enqueue fail.|1 0 0 0 0 0 0, 0 2 0 1"}});
+           "receiveFromChannel:5,msgType:2,msg:5|1 1 1 2 1 60000 1, 0 1 0 0"},
+          {[&] { vesk->onChannelAvailable(true); }, "1 1 1 2 1 60000 1, 0 1 0 0"},
+          {[&] { vesk->onChannelAvailable(false); }, "cleanup.|0 0 0 0 0 0 0, 0 1 0 0"},
+          {[&] { queue->push(pending), queue->push(pending); },
+           "enqueuing packet:4|enqueuing packet:4|enqueue fail.|1 0 0 0 0 0 0, 0 1 0 1"}});
     EXPECT_EQ(held.use_count() + sent.use_count(), 2);
     fill(2);
     play({{[&] { queue->enqueue(-1, true, frame(1)); },
-           "enqueue:1; priority:-1|oversize.1000|1000 0 0 0 0 0 0, 0 2 0 3"},
-          {[&] { admitTogether({packet(2, 3)}); }, "enqueuing packet:3|1001 0 0 0 0 0 0, 0 2 0 3"},
-          {[&] { admit(2, 1); }, "oversize.1001|1001 0 0 0 0 0 0, 0 2 0 4"}});
+           "enqueue:1; priority:-1|oversize.1000|1000 0 0 0 0 0 0, 0 1 0 3"},
+          {[&] { admitTogether({packet(2, 3)}); },
+           "enqueuing packet:3|1001 0 0 0 0 0 0, 0 1 0 3"}});
 }
 
-TEST_F(LooperTest, PacketIsPendingAwaitedAndReplacedWhileItIsBeingSent) {
+TEST_F(QueueTest, PacketIsPendingAwaitedAndReplacedWhileItIsBeingSent) {
     Packet first = packet(1, 1, true), second = packet(1, 2), update = packet(5, 1, true);
     first->getFrame()->data = {1, 2, 3};
     update->getFrame()->data = {9, 9};
@@ -48,49 +39,47 @@ TEST_F(LooperTest, PacketIsPendingAwaitedAndReplacedWhileItIsBeingSent) {
         for (Packet with : {update, first}) {
             EXPECT_TRUE(queue->replacePacket(with));
             EXPECT_EQ(first->getFrame()->dataSize, with == update ? 3 : 2);  // of the data before
-            EXPECT_EQ(first->getFrame()->data, update->getFrame()->data);
         }
         clock.jump(50);
     });
     admitTogether({first, second});
-    EXPECT_EQ(first->sendTime(), clock.now() - 50);
-    EXPECT_EQ(second->sendTime(), first->sendTime());  // as all of one pass
+    EXPECT_EQ(second->sendTime(), clock.now() - 50);  // when the pass began
 }
 
-TEST_F(LooperTest, FullHistoryHoldsSendingUntilThereIsRoomOrTheFirstInLineGoes) {
+TEST_F(QueueTest, FullHistoryHoldsSendingUntilThereIsRoomOrTheFirstInLineGoes) {
     fill(1);
     Packet const removed = packet(1, 1002, true);
-    admitTogether({packet(1, 300, true), packet(1, 1001, true), removed, packet(1, 4),
-                   packet(1, 1003, true)});
-    play({{[&] { queue->dequeuePacket(); }, "history is oversize|3 1000 0 1001 0 0 0, 0 0 1 0"},
+    admitTogether({packet(1, 300, true), packet(1, 1001, true), removed, packet(1, 1003, true)});
+    play({{[&] { queue->dequeuePacket(); }, "history is oversize|2 1000 0 1001 0 0 0, 0 0 1 0"},
           {[&] { queue->removePacket(removed); },
-           "sendToChannel:4; serial:4;size:12|history is oversize|1 1000 0 1002 0 0 0, 0 0 1 0"},
+           "history is oversize|1 1000 0 1001 0 0 0, 0 0 1 0"},
           {[&] { peer.acknowledge(500); },  // nothing else wakes the looper
            "receiveFromChannel:0,msgType:1,msg:170|sendToChannel:1003; serial:1003;size:12|"
-           "0 1000 0 1003 0 0 0, 1 0 1 0"}});
+           "0 1000 0 1002 0 0 0, 1 0 1 0"}});
 }
 
-TEST_F(LooperTest, AgeBeyond32BitsIsNotTakenForAShortOne) {
+TEST_F(QueueTest, AgeBeyond32BitsIsNotTakenForAShortOne) {
     send(1);
     duringSend([&] { admit(2, 3), receive(1, 1), clock.jump(1LL << 32); });
     EXPECT_EQ(state(), "0 0 0 4 1 60000 1, 0 1 0 0");
 }
 
-TEST_F(LooperTest, DataAcknowledgementsAndExpiriesTakeTurnsInALongPass) {
-    for (uint16_t id = 1; id <= 1000; ++id)
+TEST_F(QueueTest, DataAcknowledgementsAndExpiriesTakeTurnsInALongPass) {
+    for (uint16_t id = 1; id < 1000; ++id)
         admit(2, id);
+    clock.advance(1000);
+    send(7);
     int data = 0, atExpiry = 0;
     callback->onSend([&](auto const& bytes) {
         clock.jump(4);
-        if (data == 1) queue->enqueue(1, true, frame(7));
-        if (data > 2 && atExpiry == 0 && queue->awaitingAck() == 0) atExpiry = data;
+        if (atExpiry == 0 && queue->awaitingAck() == 0) atExpiry = data;
         if (!FarPeer::isAck(FarPeer::decode(bytes))) ++data;
-        if (data > 800 && data < 1001 && callback->sentCount() < 3000) receive(1, 5);
+        if (data > 800 && data < 999 && callback->sentCount() < 3000) receive(1, 5);
     });
-    clock.advance(2000);
-    EXPECT_LE(atExpiry, 700);
-    EXPECT_EQ(data, 1001);  // whatever is owed meanwhile
-    EXPECT_EQ(callback->sentCount(), 1202U);
+    clock.advance(1000);
+    EXPECT_EQ(atExpiry, 250);
+    EXPECT_EQ(data, 999);  // whatever is owed meanwhile
+    EXPECT_EQ(callback->sentCount(), 1199U);
 }
 
 }  // namespace
