@@ -112,7 +112,7 @@ struct VeskQueue::State {
     std::thread::id mLooper VESK_GUARDED_BY(mMutex);
     bool mLooperEnded VESK_GUARDED_BY(mMutex) = false;
     std::condition_variable mEnded;  // mLooperEnded is true
-    std::atomic<int> mPending{0};  // length of the chain; written under mMutex
+    std::atomic<int> mPending{0};    // length of the chain; written under mMutex
     // The packet that the looper is handing over, as long as that admission of it is pending.
     QueuedPacket* mSending VESK_GUARDED_BY(mMutex) = nullptr;
     size_t mOwedUnrecorded VESK_GUARDED_BY(mMutex) = 0;  // beyond what mAckList keeps

@@ -31,6 +31,7 @@ TEST_F(QueueTest, PriorityThenAcknowledgementThenAgeDecideUrgencyOfCopiesToo) {
 }
 
 TEST_F(QueueTest, NullIsIgnoredEverywhere) {
+    admit(2, 1);
     for (Packet hollow : {Packet(), Packet(new VeskQueue::QueuedPacket(1, true, nullptr))}) {
         queue->push(hollow);
         EXPECT_EQ(queue->removePacket(hollow), nullptr);
@@ -41,7 +42,7 @@ TEST_F(QueueTest, NullIsIgnoredEverywhere) {
     queue->enqueue(1, true, nullptr);
     queue->receiveFromChannel(nullptr);
     queue->receiveAckMessage(nullptr);
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(log.lines().size(), 1U);
 }
 
 TEST_F(QueueTest, PacketsMayMoveBetweenQueuesThatSend) {
@@ -76,7 +77,6 @@ TEST_F(QueueTest, PacketTakenOutInItsOwnSendMayBeAdmittedAgain) {
         callback->onSend([&](auto const&) { callback->onSend(nullptr), way.first(); });
         admitTogether({sent, packet(1, 3)});
         EXPECT_EQ(left(), way.second);
-        EXPECT_TRUE(queue->empty());
     }
 }
 

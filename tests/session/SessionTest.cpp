@@ -3,6 +3,7 @@
 #include <quillex/Log.h>
 
 #include <functional>
+#include <future>
 #include <thread>
 
 namespace vesk {
@@ -132,7 +133,6 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
         std::string after;
     } const steps[] = {
             {PROVIDER, MADE, [&] { return vesk->removeTopic("test"); }, 2, -4, "?-"},
-            {PROVIDER, MADE, [&] { return join(1, PROVIDER); }, 1, 1, "1p1 ?1"},
             {CONSUMER, MADE, [&] { return remove(1); }, 0, 1, "1c1 ?-"},
             {CONSUMER, MADE, [&] { return 9 * join(1, 2) + join(1, 1); }, 21, 1, "1c1 2p1 3c1 ?1"},
             {PROVIDER, NEW, [&] { return remove(1); }, 1, 1, "1->1 ?1"},
@@ -232,6 +232,21 @@ TEST_F(SessionTest, WhatAHostEnteredNeedsNoTopicAndGoesWithItsIdOrThatTopic) {
     topic = nullptr;
     vesk->removeTopic("test");
     EXPECT_EQ(released, 11);
+}
+
+TEST_F(SessionTest, ProviderThatAnotherThreadIsMakingIsWaitedFor) {
+    for (bool const topicGoes : {false, true}) {
+        reset();
+        std::future<int> other;
+        gAwaited = MADE;
+        gMeanwhile = [&] {
+            other = std::async(std::launch::async, [this] { return join(1, PROVIDER); });
+            EXPECT_NE(other.wait_for(std::chrono::milliseconds(30)), std::future_status::ready);
+            if (topicGoes) vesk->removeTopic("test");
+        };
+        EXPECT_EQ(join(1, PROVIDER), topicGoes ? -4 : 1);
+        EXPECT_EQ(other.get(), topicGoes ? -4 : 1);
+    }
 }
 
 }  // namespace
