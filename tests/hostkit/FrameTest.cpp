@@ -27,8 +27,10 @@ Bytes bytesOf(std::string const& letters) {
             {'b', FarPeer::encode({0xAA, 0xAA, 1, 256, 0, 0xAA, Bytes(1025)})},
             {'u', FarPeer::encode({9, 1, 2, 7, 8, 9, {}})},
             {'v', FarPeer::encode({2, 99, 2, 7, 8, 9, {}})},
-            {'w', FarPeer::encode({0xAA, 0xAA, 1, 3, 0, 0xAA, Bytes(8)})},
+            {'w', FarPeer::encode({0xAA, 0xAA, 1, 1, 0, 0xAA, Bytes(8)})},
+            {'W', FarPeer::encode({0xAA, 0xAA, 1, 3, 0, 0xAA, Bytes(8)})},
             {'x', FarPeer::encode({0xAA, 1, 1, 2, 0, 0xAA, Bytes(8)})},
+            {'X', FarPeer::encode({2, 0xAA, 1, 2, 0, 0xAA, Bytes(8)})},
             {'y', FarPeer::encode({2, 1, 1, 0, 8, 9, {}})},
             {'L', {'U', 0, 8, 2, 1, 2, 0, 0, 0, 0, 0, 0}},  // whose rest never comes
             {'U', {'U'}},
@@ -45,7 +47,7 @@ TEST(FrameReaderTest, GivesEachFrameAtOnceAndTheHiddenOnesInTheSilence) {
     std::tuple<std::string, std::string, std::string> const cases[] = {
             {"kuvwxytabnFkg", "kuvwxytabnFk", ""},
             {"ugkgagbgtgn", "ukabtn", ""},
-            {"gugvgwgxgykv", "kv", ""},
+            {"gugvgwgWgxgXgykv", "kv", ""},
             {"kLkuktg", "k", "kukt"},
             {"LukUkn", "", "kkn"},
             {"gULnkU", "", "nk"},
@@ -65,9 +67,9 @@ TEST(FrameReaderTest, GivesEachFrameAtOnceAndTheHiddenOnesInTheSilence) {
             found.clear();
             for (size_t at = 0; at < stream.size(); at += chunk)
                 reader.feed(&stream[at], std::min(chunk, stream.size() - at));
-            EXPECT_EQ(found, bytesOf(atOnce)) << letters.substr(0, 20) << chunk;
+            EXPECT_TRUE(found == bytesOf(atOnce)) << letters.substr(0, 20) << chunk;
             reader.abandon();
-            EXPECT_EQ(found, bytesOf(atOnce + inSilence)) << letters.substr(0, 20) << chunk;
+            EXPECT_TRUE(found == bytesOf(atOnce + inSilence)) << letters.substr(0, 20) << chunk;
             EXPECT_EQ(reader.skippedBytes() - skipped, stream.size() - found.size());
             EXPECT_FALSE(reader.incomplete());
         }
