@@ -53,7 +53,7 @@ TEST(FrameReaderTest, GivesEachFrameAtOnceAndTheHiddenOnesInTheSilence) {
             {"gULnkU", "", "nk"},
             {"LLkgL", "", "k"},
             {"U", "", ""},
-            {"g" + std::string(1 << 21, 'U'), "", ""}};
+            {"g" + std::string(1 << 17, 'U'), "", ""}};
     Bytes found;
     FrameReader reader(CATALOGUE, [&](auto const& frame) {
         Bytes bytes;
