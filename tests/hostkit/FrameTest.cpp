@@ -19,7 +19,7 @@ VeskConfig const CATALOGUE;
 /** The bytes of what these letters name. */
 Bytes bytesOf(std::string const& letters) {
     static std::map<char, Bytes> const PIECES = {
-            {'k', FarPeer::encode({2, 1, 2, 7, 8, 9, {1, 2}})},
+            {'k', FarPeer::encode({2, 1, 2, 777, 888, 999, {1, 2}})},
             {'t', FarPeer::encode({2, 1, 4, 7, 8, 9, {}})},
             {'n', FarPeer::encode({2, 1, 3, 7, 8, 9, FarPeer::encode({2, 1, 2, 7, 8, 9, {1}})})},
             {'F', FarPeer::encode({2, 1, 2, 7, 8, 9, Bytes(65535, 'U')})},
@@ -73,10 +73,13 @@ TEST(FrameReaderTest, GivesEachFrameAtOnceAndTheHiddenOnesInTheSilence) {
             EXPECT_EQ(reader.skippedBytes() - skipped, stream.size() - found.size());
             EXPECT_FALSE(reader.incomplete());
         }
+        uint64_t const skipped = reader.skippedBytes();
+        found.clear();
         reader.feed(bytesOf("gk").data(), 5);
         reader.reset();  // a new stream begins
+        EXPECT_EQ(reader.skippedBytes() - skipped, 5U);
         reader.feed(bytesOf("uk").data(), 13);
-        EXPECT_TRUE(reader.incomplete());
+        EXPECT_TRUE(reader.incomplete() && found == bytesOf("u"));
         reader.reset();
     }
 }
