@@ -1,92 +1,89 @@
 #include <gtest/gtest.h>
 
-#include <vesk/Vesk.h>
+#include <fstream>
+#include <sstream>
+
+#include <vesk/hostkit/HostStatus.h>
 #include <vesk/hostkit/SendGate.h>
+#include <vesk/testkit/FarPeer.h>
 #include <vesk/testkit/RecordingCallback.h>
 #include <vesk/testkit/ShiftedClock.h>
 
+using namespace vesk;
 using namespace vesk::hostkit;
+using testkit::FarPeer;
 using Bytes = Outbox::Bytes;
 
 TEST(OutboxTest, GivesAllThatWaitsAtOnceAndKnowsWhatWasLost) {
     int wakes = 0;
     Outbox outbox([&] { wakes += outbox.backlog() > 0 ? 1 : 100; });  // no lock is held
     Outbox::Batch batch{};
-    auto const expect = [&](Bytes const& taken, size_t backlog, uint64_t lost, int woken) {
-        batch = outbox.take();
-        EXPECT_EQ(Bytes(batch.data, batch.data + batch.size), taken);
-        EXPECT_EQ(outbox.backlog(), backlog);
-        EXPECT_EQ(outbox.lostBytes(), lost);
-        EXPECT_EQ(wakes, woken);
+    uint8_t puts = 0;
+    size_t closed = 0;
+    // A digit: so many bytes are put, each the number of the put; w: one is written; f: they fail;
+    // c: it closes; o: it opens; r: the writer reads. Then: what it gets, backlog, lost, wakes.
+    std::tuple<std::string, Bytes, size_t, uint64_t, int> const cases[] = {
+            {"0", {}, 0, 0, 0},         {"21", {2, 2, 3}, 3, 0, 1},
+            {"1w", {2, 3}, 3, 0, 1},    {"ww", {4}, 1, 0, 1},
+            {"w3", {5, 5, 5}, 3, 0, 2},  // its writer rested
+            {"w1cc2o1r", {}, 1, 5, 2},   // its writer has not reported yet
+            {"f", {8}, 1, 5, 2},         // what was lost already
+            {"1f", {9}, 1, 6, 2},       {"2w", {10, 10}, 2, 6, 2},
+            {"cwo1", {11}, 1, 8, 3},  // reported late, and a part only
     };
-    outbox.put({});
-    expect({}, 0, 0, 0);
-    outbox.put({1, 2});
-    outbox.put({3});
-    expect({1, 2, 3}, 3, 0, 1);
-    outbox.put({4});
-    outbox.written(1);
-    expect({2, 3}, 3, 0, 1);
-    outbox.written(2);
-    expect({4}, 1, 0, 1);
-    outbox.written(1);
-    outbox.put({5, 6, 7});  // its writer rests again
-    expect({5, 6, 7}, 3, 0, 2);
-    outbox.written(1);
-    outbox.put({8});
-    EXPECT_EQ(outbox.close(), 3U);
-    EXPECT_EQ(outbox.close(), 0U);
-    outbox.put({9, 9});
-    outbox.open();
-    outbox.put({10});
-    EXPECT_EQ(batch.data[2], 7);  // until its writer has reported
-    expect({}, 1, 5, 2);
-    outbox.failed();
-    expect({10}, 1, 5, 2);
-    outbox.put({11});
-    outbox.failed();
-    expect({11}, 1, 6, 2);
-    outbox.put({12, 13});
-    outbox.written(1);
-    expect({12, 13}, 2, 6, 2);
-    outbox.close();
-    outbox.written(1);  // late, and a part only
-    outbox.open();
-    outbox.put({14});
-    expect({14}, 1, 8, 3);
+    for (auto const& [steps, taken, backlog, lost, woken] : cases) {
+        for (char const step : steps) {
+            if (step <= '9') outbox.put(Bytes(size_t(step - '0'), ++puts));
+            if (step == 'w') outbox.written(1);
+            if (step == 'f') outbox.failed();
+            if (step == 'c') closed += outbox.close();
+            if (step == 'o') outbox.open();
+            if (step == 'r') closed += batch.data[2];
+        }
+        batch = outbox.take();
+        EXPECT_EQ(Bytes(batch.data, batch.data + batch.size), taken) << steps;
+        EXPECT_EQ(std::tuple(outbox.backlog(), outbox.lostBytes(), wakes),
+                  std::tuple(backlog, lost, woken))
+                << steps;
+    }
+    EXPECT_EQ(closed, 3 + 5 + 2);  // 5 is what was read
+}
+
+/** Sends frames with these ids, of which the type and the size are the last byte. */
+void send(VeskQueue& queue, int priority, uint16_t first, uint16_t last) {
+    for (uint16_t id = first; id <= last; ++id) {
+        auto const frame = VeskFrame::obtainFrame(false);
+        frame->msgId = frame->serialNumber = id;
+        frame->msgType = uint8_t(id);
+        frame->data.resize(frame->msgType);
+        queue.enqueue(priority, true, frame);
+    }
 }
 
 TEST(SendGateTest, SaysHowManyFramesMayBeSentAndWhatStandsAgainstIt) {
-    auto const queue = std::make_shared<vesk::VeskQueue>();
-    vesk::testkit::ShiftedClock clock(queue);
-    vesk::Vesk::getInstance()->init(new vesk::testkit::RecordingCallback);
+    auto const queue = std::make_shared<VeskQueue>();
+    testkit::ShiftedClock clock(queue);
+    Vesk::getInstance()->init(new testkit::RecordingCallback);
     Outbox outbox(nullptr);
     SendGate const gate(*queue, outbox);
     auto const expect = [&](size_t room, std::string const& why) {
         std::string const text = SendGate::describe(gate.obstacle());
         EXPECT_TRUE(why.empty() ? text.empty() : text.find(why) < text.size()) << why << text;
-        EXPECT_EQ(gate.room(), room) << why;
-        EXPECT_EQ(gate.open(), room > 0) << why;
+        EXPECT_EQ(std::pair(gate.room(), gate.open()), std::pair(room, room > 0)) << why;
     };
-    uint16_t id = 0;
-    auto const send = [&](int priority, uint16_t upTo) {
-        for (; id < upTo; ++id) {
-            auto const frame = vesk::VeskFrame::obtainFrame(true);
-            frame->msgId = id;
-            queue->enqueue(priority, true, frame);
-        }
+    // Deferred frames leave after 2000 ms; nobody acknowledges, which is over 2000 ms later.
+    std::tuple<int, uint16_t, uint16_t, size_t, std::string> const cases[] = {
+            {2, 1, 255, 1, ""},
+            {2, 256, 256, 0, "pending"},
+            {1, 257, 890, 10, ""},
+            {2, 891, 900, 0, "await the peer's acknowledgement"},
+            {2, 1, 0, 256, ""}};
+    for (auto const& [priority, first, last, room, why] : cases) {
+        send(*queue, priority, first, last);
         clock.settle();
-    };
-    send(2, 255);  // held back for 2000 ms
-    expect(1, "");
-    send(2, 256);
-    expect(0, "pending");
-    clock.advance(2000);
-    send(1, 890);
-    expect(10, "");
-    send(2, 900);
-    expect(0, "await the peer's acknowledgement");
-    clock.advance(2000);  // it never acknowledges: room comes all the same
+        expect(room, why);
+        if (room == 0) clock.advance(2000);
+    }
     size_t const mib = size_t{1024} * 1024;
     for (size_t const bytes : {mib - 1, size_t{1}, 3 * mib - 1, size_t{1}}) {
         EXPECT_TRUE(gate.mayRead());
@@ -101,4 +98,61 @@ TEST(SendGateTest, SaysHowManyFramesMayBeSentAndWhatStandsAgainstIt) {
     expect(256, "");
     outbox.close();
     expect(0, "down");
+}
+
+// status.txt, beside this file: the JSON object and the text, before and after the channel closes.
+TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
+    Vesk& vesk = *Vesk::getInstance();
+    VeskSessionManager& sessions = *vesk.getSessionManager();
+    testkit::ShiftedClock clock;
+    TrafficCounters traffic;
+    Outbox outbox(nullptr);
+    FrameReader reader(*vesk.getConfig(), [&](auto const& frame) {
+        traffic.in(*frame), vesk.getQueue()->receiveFromChannel(frame);
+    });
+    android::sp<testkit::RecordingCallback> const callback = new testkit::RecordingCallback;
+    callback->onReceive([&](auto const& delivery) { traffic.delivered(delivery.local); });
+    callback->onSend([&](auto const& bytes) { traffic.out(bytes), outbox.put(bytes); });
+    vesk.init(callback);
+    vesk.createTopic("test", false);
+    vesk.createTopic("virtualcomm", false);
+    uint16_t consumers[3];  // one of them leaves a gap in the ids
+    for (uint16_t& id : consumers)
+        id = uint16_t(sessions.createSession(1, 1, "test", "test", false));
+    sessions.createSession(1, 2, "virtualcomm", "vm", false);
+    sessions.removeSession(consumers[0]);
+    auto const feed = [&](FarPeer::Frame const& frame) {
+        Bytes const bytes = FarPeer::encode(frame);
+        reader.feed(bytes.data(), bytes.size());
+    };
+    auto const delay = [&] {
+        clock.settle();
+        return HostStatus::of(vesk, traffic).delayMillis;
+    };
+    send(*vesk.getQueue(), 1, 2, 2);  // is superseded
+    send(*vesk.getQueue(), 1, 2, 5);
+    EXPECT_EQ(delay(), std::nullopt);
+    feed(FarPeer::ackFrame({{0, 3}}));
+    EXPECT_EQ(delay(), 0U);
+    clock.advance(2000);
+    send(*vesk.getQueue(), 1, 6, 11);
+    EXPECT_EQ(delay(), std::nullopt);
+    clock.jump(1600);
+    feed(FarPeer::ackFrame({{0, 6}}));
+    feed({2, 1, 3, consumers[1], 1, 1, {1, 2}});
+    for (uint16_t serial = 1; serial <= 3; ++serial)
+        feed({2, 1, 2, 0, serial, 1, {}});
+    feed({9, 1, 4, 0, 1, 1, {}});
+    reader.feed(Bytes{'x'}.data(), 1);
+    send(*vesk.getQueue(), 2, 1001, 2006);
+    traffic.delivered(true);
+    std::stringstream found, expected;
+    for (int closing = 0; closing < 2; ++closing, outbox.close()) {
+        HostStatus const status = HostStatus::of(vesk, traffic, &outbox, &reader);
+        found << status.json() << "\n" << status.text();
+    }
+    expected << std::ifstream(VESK_HOSTKIT_TESTS "/status.txt").rdbuf();
+    EXPECT_EQ(found.str(), expected.str());
+    vesk.init(new testkit::RecordingCallback);
+    clock.settle();
 }
