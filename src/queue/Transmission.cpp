@@ -28,6 +28,8 @@ void VeskQueue::State::sendDuePackets(Pass& pass) {
         pass.dropped.clear();
         pass.sent = std::move(packet);
     }
+    pass.sent.clear();
+    pass.dropped.clear();
 }
 
 VeskQueue::State::Packet VeskQueue::State::nextDeparture(Pass& pass, std::vector<uint8_t>& bytes) {

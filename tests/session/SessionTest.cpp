@@ -238,7 +238,7 @@ TEST_F(SessionTest, ProviderThatAnotherThreadIsMakingIsWaitedFor) {
     for (bool const topicGoes : {false, true}) {
         reset();
         std::future<int> other;
-        gAwaited = MADE;
+        gAwaited = "create:1,topic:2,bussiness:1";
         gMeanwhile = [&] {
             other = std::async(std::launch::async, [this] { return join(1, PROVIDER); });
             EXPECT_NE(other.wait_for(std::chrono::milliseconds(30)), std::future_status::ready);
