@@ -36,16 +36,35 @@ TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
     callback->onSend([&](auto const&) { sent = eventually([&] { return open.load(); }); });
     admitTogether({packet(1, 1), packet(1, 2)}, own.get());
     ASSERT_TRUE(callback->waitForSent(1));
-    std::thread stopper([&] {
+    auto const stops = [&] {
         own->stop();
         EXPECT_TRUE(sent);
-    });
+    };
+    std::thread first(stops), second(stops);
     EXPECT_TRUE(eventually([&] {
         return own->enqueue(2, true, frame(3)), log.contains("VeskQueue", "enqueue fail.");
     }));
     open = true;
-    stopper.join();
+    first.join();
+    second.join();
     EXPECT_EQ(left(), std::vector<int>{1});
+}
+
+TEST_F(StopTest, NothingIsSentOnceAFramesDestructorHasStoppedTheQueue) {
+    std::atomic<size_t> atStop{0};
+    auto const stops = [&](VeskFrame* last) {
+        delete last;
+        own->stop();
+        atStop = callback->sentCount();
+    };
+    std::vector<Packet> packets;
+    for (int n = 0; n < 5; ++n)
+        packets.push_back(new VeskQueue::QueuedPacket(
+                1, false, std::shared_ptr<VeskFrame>(new VeskFrame, stops)));
+    admitTogether(std::move(packets), own.get());
+    EXPECT_TRUE(eventually([&] { return atStop != 0; }));
+    own->stop();
+    EXPECT_EQ(callback->sentCount(), atStop);
 }
 
 TEST_F(StopTest, LastOwnerOfAQueueMayGoAnywhereOnItsOwnLooper) {

@@ -35,12 +35,16 @@ TEST_F(TopicTest, SessionsComeAndGoById) {
     VeskTopic(12, false, nullptr).publish(false, frame(1), 1);
     EXPECT_TRUE(receiver(2, 5, 2) == 8 && receiver(3, 5, 1) == 8 && receiver(3, 5, 2) == 9);
     EXPECT_EQ(receiver(2, 4, 1) + receiver(3, 4, 1) + receiver(4, 5, 1), 0U);
+    topic->addSession(8, false, std::make_shared<VeskSession>(6, false, 1, 4, 2, 5, ""));
+    EXPECT_EQ(receiver(3, 5, 6) * 10 + receiver(3, 5, 8), 40U);  // by its own id
+    topic->removeSession(8);
     topic->removeSession(9);
     topic->removeSession(1);
     EXPECT_EQ(receiver(2, 5, 1) + receiver(3, 5, 1), 0U);
     EXPECT_EQ(log.messages("[12]"),
               (Strings{"create.", "addSession:1;business:4", "addSession:1;business:5",
-                       "addSession:2;business:5", "create.", "mProviders:1mConsumers:2",
+                       "addSession:2;business:5", "create.", "addSession:8;business:5",
+                       "mProviders:1mConsumers:2", "mProviders:1mConsumers:2",
                        "mProviders:0mConsumers:1"}));
 }
 
