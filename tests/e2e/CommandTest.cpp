@@ -53,7 +53,7 @@ TEST_F(CommandTest, ACallKeepsItsWindowFullAndSucceedsWhenEveryReplyCameAndWasRi
         line.say({2, 0, 0, 0, 5, 7});
         reply(line, 2, second);
         awaitHeard(line, 4);
-        for (size_t request : {3, 1})
+        for (size_t const request : {size_t{3}, size_t{1}})
             reply(line, request, "x");
         expectEnd(process, status, errors);
         EXPECT_EQ(process.output().rfind(output, 0), 0U) << process.output();

@@ -60,7 +60,8 @@ TEST(FrameReaderTest, GivesEachFrameAtOnceAndTheHiddenOnesInTheSilence) {
         frame->serialze(bytes);
         found.insert(found.end(), bytes.begin(), bytes.end());
     });
-    for (size_t const chunk : {1, 5, 12, 13, 700, 1 << 22}) {
+    for (size_t const chunk :
+         {size_t{1}, size_t{5}, size_t{12}, size_t{13}, size_t{700}, size_t{1} << 22}) {
         for (auto const& [letters, atOnce, inSilence] : cases) {
             Bytes const stream = bytesOf(letters);
             uint64_t const skipped = reader.skippedBytes();
