@@ -10,7 +10,9 @@ namespace vesk::tool {
 namespace {
 
 void limitSends(int socket, std::chrono::milliseconds limit) {
-    timeval const time{limit.count() / 1000, limit.count() % 1000 * 1000};  // 0: no limit
+    timeval time{};  // 0: no limit
+    time.tv_sec = static_cast<decltype(time.tv_sec)>(limit.count() / 1000);
+    time.tv_usec = static_cast<decltype(time.tv_usec)>(limit.count() % 1000 * 1000);
     ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
 }
 
