@@ -65,6 +65,7 @@ TEST_F(StopTest, NothingIsSentOnceAFramesDestructorHasStoppedTheQueue) {
     EXPECT_TRUE(eventually([&] { return atStop != 0; }));
     own->stop();
     EXPECT_EQ(callback->sentCount(), atStop);
+    own->cleanup();  // while the deleter lasts
 }
 
 TEST_F(StopTest, LastOwnerOfAQueueMayGoAnywhereOnItsOwnLooper) {
