@@ -5,6 +5,7 @@
 #undef NDEBUG
 #include <vesk/Vesk.h>
 #include <vesk/VeskCC.h>
+#include <thread>
 
 #include <cassert>
 #include <condition_variable>
@@ -82,6 +83,8 @@ static void checkQueue(Host& host, VeskQueue& queue) {
     queue.wake();
     assert(host.saw("send 13"));
     assert(copy->sendTime() >= copy->enqueueTime() && copy->enqueueTime() < uint64_t{11} << 32);
+    while (!queue.idle())  // it counts when the write has returned
+        std::this_thread::yield();
     assert(queue.awaitingAck() == 1 && queue.feedback().sentPackets() == 1);
 }
 

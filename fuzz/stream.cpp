@@ -1,5 +1,6 @@
-// The host kit's reader: in any chunks and with silences the same frames at the same places, no byte
-// in two of them or in none, and nothing that comes before a silence hides what comes behind it.
+// The host kit's reader: in any chunks and with silences the same frames at the same places, no
+// byte in two of them or in none, and nothing that comes before a silence hides what comes behind
+// it.
 
 #include <vesk/hostkit/FrameReader.h>
 #include <vesk/testkit/FarPeer.h>
@@ -18,7 +19,9 @@ void require(bool holds) {
     if (!holds) std::abort();
 }
 
-/** Feeds the parts in chunks of the size that `chunk` gives; the reader hears silence after each. */
+/**
+ * Feeds the parts in chunks of the size that `chunk` gives; the reader hears silence after each.
+ */
 template <typename Chunk>
 Frames read(std::vector<Bytes> const& parts, Chunk chunk) {
     static vesk::VeskConfig const catalogue;

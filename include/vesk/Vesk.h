@@ -44,7 +44,8 @@ namespace vesk {
  *            host's own must have been stopped before.
  * fork():    a child has neither the looper nor the threads that may have held a lock. It may call
  *            exit(), which leaves the copied instance alone, or an exec function, and nothing else
- *            of the library; nor may destructors that run in its exit(). A child that is made before the first getInstance() is free.
+ *            of the library; nor may destructors that run in its exit(). A child that is made
+ *            before the first getInstance() is free.
  */
 class VESK_EXPORT Vesk {
 public:

@@ -38,8 +38,8 @@ private:
  * A packet of priority 1 leaves at once, any other 2000 ms after its admission. A packet that needs
  * acknowledgement is then kept in a history until the peer acknowledges its serial number, a packet
  * of the same msgId is sent after it, or 2000 ms have passed; nothing is ever sent twice.
- * Acknowledgements owed to the peer leave five at a time or 500 ms after the oldest. Frames that are
- * pending with priority 1 leave before them, in the order of admission.
+ * Acknowledgements owed to the peer leave five at a time or 500 ms after the oldest. Frames that
+ * are pending with priority 1 leave before them, in the order of admission.
  *
  * Threads:   every operation may be called from any thread and from inside a callback, but for
  *            those marked "looper only". The host's sendToChannel() runs on the looper thread;
@@ -55,9 +55,9 @@ private:
  * Limits:    1000 packets pending and 1000 awaiting acknowledgement. The packet that finds the
  *            queue full is dropped, which is logged and reported to nobody: look at size() before.
  *            With 1000 awaiting acknowledgement nothing that needs one is sent, but in the place of
- *            one with its msgId, and what is pending behind it waits too. A sender that keeps size() + awaitingAck() at 900 or below never
- *            meets either bound, with room for the acknowledgement frames and for senders that
- *            looked at the same moment.
+ *            one with its msgId, and what is pending behind it waits too. A sender that keeps
+ *            size() + awaitingAck() at 900 or below never meets either bound, with room for the
+ *            acknowledgement frames and for senders that looked at the same moment.
  * Times:     milliseconds of uptime, unsigned 64-bit.
  * fork():    a child process has no looper. There stop() and the destructor return at once; nothing
  *            else may be called.
@@ -68,8 +68,8 @@ public:
      * One entry of the queue: a frame with its priority and times.
      *
      * Ownership: always held by android::sp<>. A pending entry is also held by its neighbours.
-     * Threads:   priority(), needRetransmission() and getFrame() never change. The times may be read
-     *            on any thread. Those of an entry that a queue holds, pending or awaiting
+     * Threads:   priority(), needRetransmission() and getFrame() never change. The times may be
+     *            read on any thread. Those of an entry that a queue holds, pending or awaiting
      *            acknowledgement, belong to that queue.
      */
     class VESK_EXPORT QueuedPacket : public android::RefBase {
@@ -145,8 +145,8 @@ public:
             VESK_EXCLUDES(mutex());
 
     /**
-     * Like enqueue(), for a packet of the caller's. One that is pending already, in this queue or in
-     * another, is refused ("enqueue fail." is logged).
+     * Like enqueue(), for a packet of the caller's. One that is pending already, in this queue or
+     * in another, is refused ("enqueue fail." is logged).
      */
     void push(android::sp<QueuedPacket>& packet) VESK_EXCLUDES(mutex());
 

@@ -18,7 +18,8 @@ struct SessionEntry;
  * Ownership: made by VeskSessionManager::createSession() and shared between the manager, the topic
  *            and whoever asked VeskSessionManager::getSession(). It holds its topic, and the topic
  *            holds it until removed.
- * Threads:   immutable once it is found by its id; send() and receive() may run on any threads at once.
+ * Threads:   immutable once it is found by its id; send() and receive() may run on any threads at
+ *            once.
  */
 class VESK_EXPORT VeskSession : public std::enable_shared_from_this<VeskSession> {
 public:

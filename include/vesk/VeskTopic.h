@@ -41,8 +41,9 @@ public:
      * session manager does not know; it goes when removeSession() is called with its id, or the
      * manager removes a session that has its id and this topic.
      *
-     * @param sessionId the number to remove it by. Replies are routed by the session's own id, which
-     *                  is commonly the same; where a host gives another one, the topic searches.
+     * @param sessionId the number to remove it by. Replies are routed by the session's own id,
+     *                  which is commonly the same; where a host gives another one, the topic
+     *                  searches.
      */
     void addSession(uint16_t sessionId, bool isProvider, std::shared_ptr<VeskSession> session)
             VESK_EXCLUDES(mMutex);

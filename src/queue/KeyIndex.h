@@ -17,7 +17,9 @@ namespace vesk {
 template <typename Entry>
 class KeyIndex {
 public:
-    /** An entry's place among those of the same key, which form a ring in the order of appending. */
+    /**
+     * An entry's place among those of the same key, which form a ring in the order of appending.
+     */
     struct Hook {
         Entry* entry = nullptr;
         Hook* previous = nullptr;

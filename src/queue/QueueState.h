@@ -19,9 +19,9 @@ namespace vesk {
 /**
  * What a VeskQueue consists of.
  *
- * Ownership: shared between the queue and its looper thread. The last owner of a queue may go on the
- *            looper itself, in the host's callback or with a frame that is let go of; the thread
- *            then still has the state that it works on.
+ * Ownership: shared between the queue and its looper thread. The last owner of a queue may go on
+ *            the looper itself, in the host's callback or with a frame that is let go of; the
+ *            thread then still has the state that it works on.
  * Locks:     mMutex is never held while the facade, a topic, the host or a destructor of the host's
  *            runs. What has to be let go of is collected and released after the lock.
  */
@@ -46,7 +46,9 @@ struct VeskQueue::State {
     State();
     ~State();
 
-    /** Starts the looper; `self` owns this. Throws std::system_error where no thread can be made. */
+    /**
+     * Starts the looper; `self` owns this. Throws std::system_error where no thread can be made.
+     */
     static void start(std::shared_ptr<State> const& self);
     void stop() VESK_EXCLUDES(mMutex);
     /** Lets the looper run out by itself where stop() could not wait for it. */

@@ -79,8 +79,8 @@ VeskQueue::QueuedPacket* VeskQueue::State::placeInChain(Pass& pass) {
 }
 
 // Owed acknowledgements and expiries must get their turn under unbroken sending: a pass sends no
-// more packets than were pending when it began, and for no longer than acknowledgements may wait. It
-// ends as soon as acknowledgements are due, but not before something else than these has left: a
+// more packets than were pending when it began, and for no longer than acknowledgements may wait.
+// It ends as soon as acknowledgements are due, but not before something else than these has left: a
 // peer that sends without pause could hold back everything else.
 bool VeskQueue::State::mustEnd(Pass const& pass) const {
     uint64_t const now = quillex::SystemClock::uptimeMillis();

@@ -13,8 +13,8 @@ namespace vesk {
  * The sent packets that await acknowledgement, in the order of their sending. An entry is found by
  * serial number or msgId without a walk, whatever a peer acknowledges.
  *
- * Threads: none of its own; the queue's lock guards it. What an operation takes out is handed to the
- *          caller, to be released when that lock is no longer held.
+ * Threads: none of its own; the queue's lock guards it. What an operation takes out is handed to
+ *          the caller, to be released when that lock is no longer held.
  */
 class WaitAckList {
 public:

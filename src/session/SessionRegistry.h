@@ -39,8 +39,8 @@ public:
     int hold();
 
     /**
-     * Looks for the same provider and, where there is none, allocates an id: one step for both. Waits
-     * for one that another thread is just making.
+     * Looks for the same provider and, where there is none, allocates an id: one step for both.
+     * Waits for one that another thread is just making.
      */
     Reservation reserve(SessionKey const& key);
 

@@ -55,7 +55,9 @@ protected:
         return text;
     }
 
-    /** Step by step: the lines that a call makes the queue log, each ended by '|', and its state. */
+    /**
+     * Step by step: the lines that a call makes the queue log, each ended by '|', and its state.
+     */
     void play(std::vector<std::pair<std::function<void()>, std::string>> const& steps) {
         for (auto const& [call, expected] : steps) {
             log.clear();

@@ -16,7 +16,8 @@ using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
 using TestkitTest = VeskTest;
 
-// What arrives of 1000 writes, one each ms: how many, how many before earlier ones, the latest in ms.
+// What arrives of 1000 writes, one each ms: how many, how many before earlier ones, the latest in
+// ms.
 using Arrived = std::array<size_t, 3>;
 Arrived through(FaultyLink::Faults faults, bool mended = false) {
     Random random(1);
