@@ -66,10 +66,9 @@ void SessionRegistry::freeId(SessionEntry& entry, State next) {
 void SessionRegistry::waitForJoining(SessionKey const& key) {
     // The guard's lock is adopted for the wait and given back by release().
     std::unique_lock<std::mutex> lock(mManager.mMutex, std::adopt_lock);
-    mJoined.wait(lock, [&] {
-        return std::none_of(mJoining.begin(), mJoining.end(),
-                            [&](Entry const& joining) { return joining->key == key; });
-    });
+    auto const isTheSame = [&](Entry const& joining) { return joining->key == key; };
+    while (std::any_of(mJoining.begin(), mJoining.end(), isTheSame))
+        mJoined.wait(lock);
     lock.release();
 }
 
