@@ -2,6 +2,7 @@
 
 #include <quillex/Log.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <string>
@@ -25,12 +26,10 @@ constexpr size_t maxLength(Number) {
 
 template <size_t SIZE>
 char* writePart(char* out, char const (&part)[SIZE]) {  // a literal
-    std::memcpy(out, part, SIZE - 1);
-    return out + SIZE - 1;
+    return std::copy(part, part + SIZE - 1, out);
 }
 inline char* writePart(char* out, std::string const& part) {
-    std::memcpy(out, part.data(), part.size());
-    return out + part.size();
+    return std::copy(part.begin(), part.end(), out);
 }
 template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
 char* writePart(char* out, Number part) {

@@ -16,7 +16,7 @@ std::vector<std::vector<std::string>> const CATALOGUE{
 
 TEST(ConfigTest, CatalogueIsFoundByIdAndByName) {
     VeskConfig const config;
-    for (uint16_t topic = 0; topic < CATALOGUE.size(); ++topic) {
+    for (uint16_t topic = 0; topic < uint16_t(CATALOGUE.size()); ++topic) {
         auto const& names = CATALOGUE[topic];
         bool const known = topic == 1 || topic == 2;
         EXPECT_EQ(config.isTopicSupport(topic), known) << topic;

@@ -136,9 +136,10 @@ TEST_F(CommandTest, AProviderAnswersEachRequestOnce) {
     auto const [busy, line] =
             startJoined("provide --jobs 2 --exec 'wc -w </proc/$PPID/task/$PPID/children'");
     Bytes requests;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 6; ++i) {
         for (uint8_t const byte : data(Type::REQUEST, 1, i, ""))
             requests.push_back(byte);
+    }
     line.say(requests);
     awaitHeard(line, 7);
     std::set<int> counted;

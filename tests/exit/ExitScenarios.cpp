@@ -109,7 +109,7 @@ int gReleased = 0;
 template <typename T, int NTH>
 struct Late : T {
     using T::T;
-    ~Late() {
+    ~Late() {  // NOLINT(modernize-use-override): the base may have no virtual one
         expectRefusal();
         bool const kept = NTH > 2 && host()->getStrongCount() != 1;  // a callback, after the last
         if (kept || ++gReleased != NTH) _exit(4);

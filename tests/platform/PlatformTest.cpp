@@ -34,9 +34,10 @@ TEST(PlatformTest, StrongPointersShareAndCompareTheirObject) {
     auto const all = [](auto const& x, auto const& y) {
         return std::array<bool, 6>{x == y, x != y, x <= y, x >= y, x<y, x> y};
     };
-    for (auto const& y : {android::sp<Derived>(new Derived), android::sp<Derived>(raw), s[0]})
+    for (auto const& y : {android::sp<Derived>(new Derived), android::sp<Derived>(raw), s[0]}) {
         EXPECT_TRUE(all(copy, y) == all(raw, y.get()) && all(copy, y) == all(copy, y.get()) &&
                     all(raw, y) == all(raw, y.get()));
+    }
     EXPECT_EQ(gGone, 1);
     p.fill({}), copy.clear(), moved = nullptr, other = new Derived;
     EXPECT_EQ(gGone, 2);

@@ -57,10 +57,11 @@ TEST_F(StopTest, NothingIsSentOnceAFramesDestructorHasStoppedTheQueue) {
         own->stop();
         atStop = callback->sentCount();
     };
-    std::vector<Packet> packets;
-    for (int n = 0; n < 5; ++n)
-        packets.push_back(new VeskQueue::QueuedPacket(
-                1, false, std::shared_ptr<VeskFrame>(new VeskFrame, stops)));
+    std::vector<Packet> packets(5);
+    for (Packet& packet : packets) {
+        packet = new VeskQueue::QueuedPacket(1, false,
+                                             std::shared_ptr<VeskFrame>(new VeskFrame, stops));
+    }
     admitTogether(std::move(packets), own.get());
     EXPECT_TRUE(eventually([&] { return atStop != 0; }));
     own->stop();

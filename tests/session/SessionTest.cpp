@@ -175,6 +175,7 @@ TEST_F(SessionTest, WhatCannotBeJoinedFailsWithItsLines) {
             {2, "virtualcomm", "|getSessionDesc:11; topic:virtualcomm|getSessionDesc: null|"}};
     for (auto const& [type, name, lines] : calls) {
         EXPECT_EQ(sessions->createSession(1, type, name, "vm", false), -4);
+        // NOLINTNEXTLINE(performance-inefficient-string-concatenation)
         EXPECT_EQ(std::exchange(gLines, ""), ("createSession:" + name) + (in + "vm") + lines);
     }
     EXPECT_EQ(nextId(), 1);

@@ -191,7 +191,7 @@ private:
     WeakFrame take(Place packet) {
         if (packet == mPending.end()) return {};
         if (packet == mInWrite) mInWrite = mPending.end();
-        WeakFrame const taken = packet->held;
+        WeakFrame taken = packet->held;
         mPending.erase(packet);
         return taken;
     }
@@ -270,11 +270,12 @@ private:
         mInWrite = std::find_if(mPending.begin(), mPending.end(), isThis);
         require(isWriting(), "not due: ", line);
         // What has come or fallen due since the pass began may have to wait for the next one.
-        for (auto passed = mPending.begin(); passed != mInWrite; ++passed)
+        for (auto passed = mPending.begin(); passed != mInWrite; ++passed) {
             require(passed->due() > now() ||
                             ((passed->pass == mPass || passed->due() > mPassStart) &&
                              passed->priority != mInWrite->priority),
                     "overtakes what is due: ", line);
+        }
         mGone.insert(mGone.end(), mStale.begin(), mStale.end());
         mStale.clear();
         if (mInWrite->needsAck) record(*mInWrite);

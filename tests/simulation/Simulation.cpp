@@ -112,9 +112,10 @@ private:
         require(testkit::eventually(rests), "the looper finds no rest");
         mModel.rest();
         std::vector<FarPeer::Ack> acks;
-        for (FarPeer::Frame const& frame : std::exchange(mWritten, {}))
+        for (FarPeer::Frame const& frame : std::exchange(mWritten, {})) {
             if (!FarPeer::isAck(frame) && mRandom.chance(700))
                 acks.push_back({u16Below(300), frame.serialNumber});
+        }
         for (int times = mRandom.chance(100) ? 2 : 1; times > 0 && !acks.empty(); --times)
             mArriving.emplace(now() + mRandom.below(2000), FarPeer::ackFrame(acks));
     }

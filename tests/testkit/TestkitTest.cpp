@@ -72,10 +72,12 @@ TEST(LinkTest, StreamPeerFindsFramesAndAcknowledgesThemWithinTheirTime) {
         return FarPeer::encode({ids[at], ids[at + 1], ids[at + 2], 0, serial, 0, Bytes(300)});
     };
     Bytes found;
-    for (size_t at = 0; at < ids.size(); at += 3)
-        for (uint8_t const byte : frame(at, 0))
+    for (size_t at = 0; at < ids.size(); at += 3) {
+        for (uint8_t const byte : frame(at, 0)) {
             for (auto const& f : peer.read(0, {byte}))
                 found.insert(found.end(), {f.topicId, f.businessId, f.msgType});
+        }
+    }
     EXPECT_EQ(found, Bytes(ids.begin() + 33, ids.end()));
     peer.read(0, Bytes{'U', 0, 0, 1, 1, 2});
     peer.reset();

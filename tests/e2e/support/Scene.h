@@ -56,9 +56,11 @@ private:
             if (error == asio::error::operation_aborted) return;
             mClosed = static_cast<bool>(error);
             mKind == FRAMES ? mFrames.feed(mChunk, size) : mMessages.append(mChunk, size);
-            for (tool::Message next; mMessages.next(next) == tool::MessageReader::Result::MESSAGE;)
+            for (tool::Message next;
+                 mMessages.next(next) == tool::MessageReader::Result::MESSAGE;) {
                 mHeard.push_back(
                         tool::encodeMessage(next.type, {next.body.begin(), next.body.end()}));
+            }
             if (!mClosed) read();
         });
     }
