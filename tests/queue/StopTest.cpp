@@ -55,7 +55,7 @@ TEST_F(StopTest, NothingIsSentOnceAFramesDestructorHasStoppedTheQueue) {
     auto const stops = [&](VeskFrame* last) {
         delete last;
         own->stop();
-        atStop = callback->sentCount();
+        if (atStop == 0) atStop = callback->sentCount();
     };
     std::vector<Packet> packets(5);
     for (Packet& packet : packets) {
