@@ -25,7 +25,10 @@ class Check:
 
     @property
     def program(self):
-        return self.command[0]
+        """What has to be built for it; of a shell's line, the first program named there."""
+        named = re.match(r"'(/[^']+)'", self.command[-1])
+        is_shell = pathlib.Path(self.command[0]).name == "sh"
+        return named[1] if is_shell and named else self.command[0]
 
     @property
     def of_tool(self):
