@@ -25,8 +25,9 @@ USE = ("add_compile_options(\"$<$<STREQUAL:$<TARGET_PROPERTY:CXX_VISIBILITY_PRES
 HEADERS = ["algorithm", "atomic", "chrono", "condition_variable", "deque", "filesystem",
            "fstream", "functional", "iostream", "list", "map", "memory", "mutex", "optional",
            "set", "string", "thread", "vector", "asio.hpp", "gtest/gtest.h"]
-COPIED = ["CMakeLists.txt", "abi", "bench", "cmake", "docs", "examples", "fuzz",
-          "hostkit", "include", "platform", "scripts", "src", "testkit", "tests", "tools"]
+COPIED = ["CMakeLists.txt", "abi", "bench", "client", "cmake", "docs", "examples", "fuzz",
+          "hostkit", "hostkit_asio", "include", "platform", "scripts", "src", "testkit", "tests",
+          "tools"]
 
 
 class Copy:

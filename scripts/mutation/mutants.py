@@ -11,6 +11,7 @@ from .syntax import FUNCTIONS, Project, walk
 
 SCOPE = ["src/*.cpp", "src/*.h", "platform/src/*.cpp", "platform/include/*.h",
          "platform/refbase/*.h", "include/vesk/*.h", "testkit/*.cpp", "testkit/*.h",
+         "client/*.cpp", "client/*.h", "hostkit_asio/*.cpp", "hostkit_asio/*.h",
          "tools/vesk/*.cpp", "tools/vesk/*.h"]
 # What reads the command line or prints.
 OUTSIDE = ["tools/vesk/main.cpp", "tools/vesk/*Report.*", "tools/vesk/Errors.h",

@@ -30,8 +30,8 @@ protected:
         line.say(data(Type::REPLY, 7, line.number(request, 2), payload));
     }
 
-    Bytes const mJoined = tool::JoinedMessage{7}.encode();
-    tool::UnixListener mListener{mIo, path("host")};
+    Bytes const mJoined = client::JoinedMessage{7}.encode();
+    hostkit::UnixListener mListener{mIo, path("host")};
 };
 
 TEST_F(CommandTest, ACallKeepsItsWindowFullAndSucceedsWhenEveryReplyCameAndWasRight) {
@@ -88,7 +88,7 @@ TEST_F(CommandTest, ALateReplyIsNobodysReply) {
 
 TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     Bytes const none, noMessage(4),
-            refused = tool::encodeMessage(Type::REFUSED, "no such\x1B luck");
+            refused = client::encodeMessage(Type::REFUSED, "no such\x1B luck");
     for (auto const& [first, second, status, errors] :
          {std::tuple{refused, none, 2, "vesk: no such\\x1B luck\n"},
           {none, none, 1, "the host went away before it answered"},
@@ -108,7 +108,7 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     reply(line, 1, "x");
     expectEnd(unread, 1, "cannot write to stdout");
     auto const [watch, news] = startClient("watch");
-    news.say(tool::ChangeMessage{true, "a\x1B", "b\x9B"}.encode(Type::PROVIDER));
+    news.say(client::ChangeMessage{true, "a\x1B", "b\x9B"}.encode(Type::PROVIDER));
     awaitText(watch, "provider a\\x1B/b\\x9B added\n");
     mListener.acceptor().listen(0);  // who does not accept has room for one that waits
     for (char const* const errors : {"does not answer", "does not accept"})

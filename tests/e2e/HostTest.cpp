@@ -34,12 +34,12 @@ protected:
         return line;
     }
 
-    tool::Counters counters() {
+    client::Counters counters() {
         Line& line = connect();
-        line.say(tool::encodeMessage(Type::QUERY));
+        line.say(client::encodeMessage(Type::QUERY));
         awaitHeard(line, 1);
         line.close();
-        return *tool::Counters::decode({line.heard()[0].begin() + 5, line.heard()[0].end()});
+        return *client::Counters::decode({line.heard()[0].begin() + 5, line.heard()[0].end()});
     }
 
     void expectExchange(Line& peer, Line& consumer, uint16_t msgId = 0x1234) {
@@ -51,7 +51,7 @@ protected:
 
     Line& acceptPeer() { return accept(*mListener, Line::FRAMES); }
 
-    std::optional<tool::UnixListener> mListener{std::in_place, mIo, path("channel")};
+    std::optional<hostkit::UnixListener> mListener{std::in_place, mIo, path("channel")};
 };
 
 TEST_F(HostTest, FramesFindTheirClientsAndTheirPeerAlsoWhenOneDoesNotRead) {
@@ -65,11 +65,11 @@ TEST_F(HostTest, FramesFindTheirClientsAndTheirPeerAlsoWhenOneDoesNotRead) {
     awaitHeard(provider, data(Type::REQUEST, 77, 6, "q"));
     provider.say(data(Type::REPLY, 78, 9, "a"));
     awaitHeard(peer, frame(3, 78, 9, "a"));
-    tool::Counters const c = counters();
+    client::Counters const c = counters();
     EXPECT_EQ((std::array{c.channelUp, c.clients, c.providers, c.receivedPackets, c.reconnects}),
               (std::array<uint64_t, 5>{1, 4, 1, 2, 0}));
     EXPECT_EQ(deaf.heard().size(), 1U);
-    Bytes const reply = frame(3, deaf.number(0), 1, std::string(tool::MAX_PAYLOAD, 'x'));
+    Bytes const reply = frame(3, deaf.number(0), 1, std::string(MAX_PAYLOAD_SIZE, 'x'));
     for (int i = 0; i < 160; ++i)
         peer.say(reply);  // 10 MiB, more than a host keeps for it; none is read meanwhile
     EXPECT_EQ(counters().evicted, 1U) << "nobody waited for it";
@@ -119,7 +119,7 @@ TEST_F(HostTest, ALocalTopicNeedsNoChannelAndWhatCannotBeIsRefused) {
     startHost("tty:" + path("none"), " --local-topic test");
     Line& provider = join(PROVIDER);
     // It finishes its reply before it reads on, and more waits for it than a host keeps.
-    std::string const longest(tool::MAX_PAYLOAD, 'x');
+    std::string const longest(MAX_PAYLOAD_SIZE, 'x');
     std::ofstream(path("longest")) << longest;
     Process& caller = start("call test/test --count 400 --window 400 --verify --report --file " +
                             path("longest") + " --host " + socket("host"));
@@ -197,19 +197,19 @@ TEST_F(HostTest, AListenerHasOnePeerAtATimeAndOneOwner) {
 
 TEST_F(HostTest, MessagesHaveTheirDocumentedBytes) {
     EXPECT_EQ(joining(2, "ab", "c"), (Bytes{7, 0, 0, 0, 1, 2, 2, 'a', 'b', 1, 'c'}));
-    Bytes counted = tool::Counters{1, 0x203}.encode();
+    Bytes counted = client::Counters{1, 0x203}.encode();
     counted.resize(16);
     EXPECT_EQ(counted, (Bytes{113, 0, 0, 0, 10, 1, 0, 0, 0, 0, 0, 0, 0, 3, 2, 0}));
 }
 
 TEST_F(HostTest, AHostThatIsGoneIsNotCalled) {
-    tool::Channel channel(mIo, tool::Endpoint::parse(socket("channel")), false,
-                          *Vesk::getInstance()->getConfig(), {});
-    tool::ClientServer clients(mIo, path("host"), {}, {});
+    hostkit::Channel channel(mIo, hostkit::Endpoint::parse(socket("channel")), false,
+                             *Vesk::getInstance()->getConfig(), {});
+    hostkit::ClientServer clients(mIo, path("host"), {}, {});
     android::sp<tool::HostCallback> const callback = new tool::HostCallback(channel, clients);
     callback->detach();
     callback->sendToChannel({1});
-    EXPECT_EQ(channel.backlog(), 0U);
+    EXPECT_EQ(channel.outbox().lostBytes(), 0U);
 }
 
 }  // namespace vesk::e2e

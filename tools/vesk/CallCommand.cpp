@@ -11,14 +11,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include <vesk/client/HostClient.h>
+#include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
 #include "CallReport.h"
-#include "Endpoint.h"
 #include "Errors.h"
-#include "HostClient.h"
 #include "PayloadSource.h"
 
 namespace vesk::tool {
@@ -42,14 +42,14 @@ private:
     enum class IdState : uint8_t { FREE, OUTSTANDING, GIVEN_UP };
     struct Request {
         Clock::time_point sent;
-        Bytes payload;  // kept for verification only
+        client::Bytes payload;  // kept for verification only
     };
 
     void sendMore();
     void sendOne();
     uint16_t takeMsgId();
-    void received(Message const& message);
-    void accept(DataMessage const& reply, Request const& request);
+    void received(client::Message const& message);
+    void accept(client::DataMessage const& reply, Request const& request);
     void expire();
     void watchTimeout();
     void finishWhenDone();
@@ -59,9 +59,9 @@ private:
 
     asio::io_context& mIo;
     CallOptions const& mOptions;
-    BusinessName const mBusiness;
+    client::BusinessName const mBusiness;
     PayloadSource mPayloads;
-    HostClient mHost;
+    client::HostClient mHost;
     asio::steady_timer mTimer;
     uint16_t mSession = 0;
     uint16_t mNextMsgId;
@@ -78,22 +78,22 @@ private:
 Caller::Caller(asio::io_context& io, CallOptions const& options)
     : mIo(io),
       mOptions(options),
-      mBusiness(BusinessName::parse(options.business)),
+      mBusiness(client::BusinessName::parse(options.business)),
       mPayloads(options),
-      mHost(io, parseUnixPath("--host", options.host),
+      mHost(io, hostkit::parseUnixPath("--host", options.host),
             std::chrono::milliseconds(options.joinTimeoutMillis)),
       mTimer(io),
       mNextMsgId(mPayloads.firstMsgId()) {}
 
 int Caller::run() {
-    mSession = mHost.join(HostClient::CONSUMER, mBusiness);
+    mSession = mHost.join(client::HostClient::CONSUMER, mBusiness);
     asio::signal_set signals(mIo, SIGINT, SIGTERM);
     signals.async_wait([this](asio::error_code const& error, int) {
         if (error) return;
         mFailed = true;
         mIo.stop();
     });
-    mHost.start([this](Message const& message) { received(message); },
+    mHost.start([this](client::Message const& message) { received(message); },
                 [this](std::string const& reason) {
                     say(reason);
                     mFailed = true;
@@ -112,9 +112,9 @@ void Caller::sendMore() {
 
 void Caller::sendOne() {
     uint16_t const msgId = takeMsgId();
-    Bytes payload = mPayloads.next();
+    client::Bytes payload = mPayloads.next();
     auto const now = Clock::now();
-    mHost.send(DataMessage::encode(MessageType::REQUEST, mSession, msgId, payload));
+    mHost.send(client::DataMessage::encode(client::MessageType::REQUEST, mSession, msgId, payload));
     if (!mOptions.verify) payload.clear();
     mOutstanding[msgId] = Request{now, std::move(payload)};
     mDeadlines.emplace_back(msgId, now + std::chrono::milliseconds(mOptions.timeoutMillis));
@@ -132,9 +132,9 @@ uint16_t Caller::takeMsgId() {
     throw std::runtime_error("no message id is left: too many requests got no reply");
 }
 
-void Caller::received(Message const& message) {
-    std::optional<DataMessage> const reply = DataMessage::decode(message.body);
-    if (message.type != MessageType::REPLY || !reply) return;
+void Caller::received(client::Message const& message) {
+    std::optional<client::DataMessage> const reply = client::DataMessage::decode(message.body);
+    if (message.type != client::MessageType::REPLY || !reply) return;
     IdState const state = mIds[reply->msgId];
     mIds[reply->msgId] = IdState::FREE;
     if (state != IdState::OUTSTANDING) return;  // too late, or never asked for
@@ -144,7 +144,7 @@ void Caller::received(Message const& message) {
     sendMore();
 }
 
-void Caller::accept(DataMessage const& reply, Request const& request) {
+void Caller::accept(client::DataMessage const& reply, Request const& request) {
     auto const latency = Clock::now() - request.sent;
     mLatencies.push_back(static_cast<uint32_t>(
             std::chrono::duration_cast<std::chrono::microseconds>(latency).count()));

@@ -13,16 +13,17 @@
 #include <optional>
 #include <vector>
 
+#include <vesk/client/BusinessName.h>
+#include <vesk/client/HostClient.h>
+#include <vesk/hostkit/CatalogueNames.h>
 #include <asio/io_context.hpp>
 #include <asio/read_until.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/streambuf.hpp>
 
-#include "BusinessName.h"
 #include "ChildProcess.h"
 #include "DemoReport.h"
 #include "Errors.h"
-#include "HostClient.h"
 
 namespace vesk::tool {
 
@@ -116,7 +117,7 @@ private:
     void awaitConsumers();
     int conclude();
     void await(char const* what, std::function<bool()> const& reached);
-    std::optional<Counters> query(std::string const& path);
+    std::optional<client::Counters> query(std::string const& path);
     void endServants();
     void printErrors() const;
 
@@ -135,9 +136,9 @@ private:
 Demo::Demo(DemoOptions const& options) : mOptions(options), mSignals(mIo, SIGINT, SIGTERM) {
     mSignals.async_wait([this](asio::error_code const& error, int) { mInterrupted = !error; });
     VeskConfig const catalogue;
-    for (std::string const& topic : topicNames(catalogue)) {
-        for (std::string const& business : businessNames(catalogue, topic)) {
-            mBusinesses.push_back(BusinessName{topic, business}.toString());
+    for (std::string const& topic : hostkit::topicNames(catalogue)) {
+        for (std::string const& business : hostkit::businessNames(catalogue, topic)) {
+            mBusinesses.push_back(client::BusinessName{topic, business}.toString());
         }
     }
 }
@@ -273,9 +274,9 @@ void Demo::await(char const* what, std::function<bool()> const& reached) {
 }
 
 // Empty while the host is not there yet.
-std::optional<Counters> Demo::query(std::string const& path) {
+std::optional<client::Counters> Demo::query(std::string const& path) {
     try {
-        return HostClient(mIo, path).query();
+        return client::HostClient(mIo, path).query();
     } catch (std::runtime_error const&) {
         return std::nullopt;
     }

@@ -33,7 +33,7 @@ void printTable(DemoRows const& rows) {
     std::printf("\n\nreplies with wrong bytes: %zu\n", total.wrong);
 }
 
-void printHost(char const* name, Counters const& counters) {
+void printHost(char const* name, client::Counters const& counters) {
     auto const number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
     std::printf(
             "%-9s sent %llu packets, received %llu; last delay %llu ms, slow %llu; skipped "

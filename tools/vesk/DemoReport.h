@@ -5,8 +5,9 @@
 #include <utility>
 #include <vector>
 
+#include <vesk/client/ClientProtocol.h>
+
 #include "CallReport.h"
-#include "ClientProtocol.h"
 
 namespace vesk::tool {
 
@@ -17,7 +18,7 @@ using DemoRows = std::vector<std::pair<std::string, CallReport>>;
 void printTable(DemoRows const& rows);
 
 /** Prints what a host has counted. */
-void printHost(char const* name, Counters const& counters);
+void printHost(char const* name, client::Counters const& counters);
 
 /** Draws the bar over itself; nothing where stdout is no terminal. */
 void printProgress(size_t done, size_t total);

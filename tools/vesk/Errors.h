@@ -8,11 +8,11 @@
 
 namespace vesk::tool {
 
-/** The user asked for something that cannot be: ends the command with status 2. */
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+/**
+ * The user asked for something that cannot be: ends the command with status 2. The libraries throw
+ * the same.
+ */
+using UsageError = std::invalid_argument;
 
 /** Exit statuses of every command. */
 constexpr int EXIT_OK = 0;

@@ -12,7 +12,7 @@ namespace {
 constexpr std::chrono::milliseconds END_POLL{2};
 }  // namespace
 
-ExecJob::ExecJob(asio::io_context& io, std::string const& command, Bytes payload)
+ExecJob::ExecJob(asio::io_context& io, std::string const& command, client::Bytes payload)
     : mProcess(io, {{"/bin/sh", "-c", command}, true, true, {}}),
       mTimer(io),
       mPayload(std::move(payload)) {}
@@ -34,8 +34,8 @@ void ExecJob::read() {
                                                                     size_t size) {
         auto const end = self->mChunk.begin() + size;
         self->mReply.insert(self->mReply.end(), self->mChunk.begin(), end);
-        if (self->mReply.size() > MAX_PAYLOAD) {
-            return self->finish("the command wrote more than " + std::to_string(MAX_PAYLOAD) +
+        if (self->mReply.size() > MAX_PAYLOAD_SIZE) {
+            return self->finish("the command wrote more than " + std::to_string(MAX_PAYLOAD_SIZE) +
                                 " bytes, which no reply can carry");
         }
         error ? self->awaitEnd() : self->read();

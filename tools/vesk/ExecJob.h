@@ -5,11 +5,11 @@
 #include <memory>
 #include <string>
 
+#include <vesk/client/ClientProtocol.h>
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 
 #include "ChildProcess.h"
-#include "ClientProtocol.h"
 
 namespace vesk::tool {
 
@@ -21,10 +21,10 @@ namespace vesk::tool {
 class ExecJob : public std::enable_shared_from_this<ExecJob> {
 public:
     /** Gets the reply or, with an error that is not empty, the reason why there is none. */
-    using Done = std::function<void(Bytes const& reply, std::string const& error)>;
+    using Done = std::function<void(client::Bytes const& reply, std::string const& error)>;
 
     /** Starts the command. Throws std::runtime_error where it cannot. */
-    ExecJob(asio::io_context& io, std::string const& command, Bytes payload);
+    ExecJob(asio::io_context& io, std::string const& command, client::Bytes payload);
 
     /** Keeps the job alive until `done` has been called, once. */
     void run(Done done);
@@ -36,8 +36,8 @@ private:
 
     ChildProcess mProcess;
     asio::steady_timer mTimer;
-    Bytes const mPayload;
-    Bytes mReply;
+    client::Bytes const mPayload;
+    client::Bytes mReply;
     std::array<uint8_t, size_t{16} * 1024> mChunk{};
     Done mDone;
 };

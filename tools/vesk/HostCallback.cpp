@@ -1,5 +1,7 @@
 #include "HostCallback.h"
 
+#include <utility>
+
 namespace vesk::tool {
 
 void HostCallback::detach() {
@@ -15,7 +17,7 @@ void HostCallback::receive(uint32_t clientId, uint32_t sessionId, bool,
 
 void HostCallback::sendToChannel(std::vector<uint8_t> bytes) {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (mChannel) mChannel->write(bytes);
+    if (mChannel) mChannel->write(std::move(bytes));
 }
 
 void HostCallback::notifyTopicChanged(bool added, std::string topicName) {

@@ -4,9 +4,8 @@
 
 #include <vesk/VeskCallback.h>
 #include <vesk/VeskThreadAnnotations.h>
-
-#include "Channel.h"
-#include "ClientServer.h"
+#include <vesk/hostkit_asio/Channel.h>
+#include <vesk/hostkit_asio/ClientServer.h>
 
 namespace vesk::tool {
 
@@ -22,7 +21,7 @@ namespace vesk::tool {
 class HostCallback : public VeskCallback {
 public:
     /** Both must live until detach(). */
-    HostCallback(Channel& channel, ClientServer& clients)
+    HostCallback(hostkit::Channel& channel, hostkit::ClientServer& clients)
         : mChannel(&channel), mClients(&clients) {}
 
     /** On the host's thread. */
@@ -40,8 +39,8 @@ public:
 
 private:
     std::mutex mMutex;
-    Channel* mChannel VESK_GUARDED_BY(mMutex);
-    ClientServer* mClients;
+    hostkit::Channel* mChannel VESK_GUARDED_BY(mMutex);
+    hostkit::ClientServer* mClients;
 };
 
 }  // namespace vesk::tool

@@ -6,13 +6,13 @@
 #include <set>
 
 #include <vesk/Vesk.h>
+#include <vesk/hostkit/CatalogueNames.h>
+#include <vesk/hostkit/SendGate.h>
+#include <vesk/hostkit_asio/Channel.h>
+#include <vesk/hostkit_asio/ClientServer.h>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 
-#include "Admission.h"
-#include "BusinessName.h"
-#include "Channel.h"
-#include "ClientServer.h"
 #include "Errors.h"
 #include "HostCallback.h"
 
@@ -34,24 +34,24 @@ public:
     Host& operator=(Host const&) = delete;
 
 private:
-    Channel::Events channelEvents();
-    ClientServer::Services services();
+    hostkit::Channel::Events channelEvents();
+    hostkit::ClientServer::Services services();
     void createTopics(HostOptions const& options);
     void channelChanged(bool up);
-    void addCounters(Counters& counters) const;
+    void addCounters(client::Counters& counters) const;
 
     std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
-    Channel mChannel;
-    Admission const mAdmission;
-    ClientServer mClients;
+    hostkit::Channel mChannel;
+    hostkit::SendGate const mGate;
+    hostkit::ClientServer mClients;
     android::sp<HostCallback> const mCallback;
 };
 
 Host::Host(asio::io_context& io, HostOptions const& options)
-    : mChannel(io, Endpoint::parse(options.channel), options.listen,
+    : mChannel(io, hostkit::Endpoint::parse(options.channel), options.listen,
                *Vesk::getInstance()->getConfig(), channelEvents()),
-      mAdmission(*mQueue, mChannel),
-      mClients(io, parseUnixPath("--clients", options.clients),
+      mGate(*mQueue, mChannel.outbox()),
+      mClients(io, hostkit::parseUnixPath("--clients", options.clients),
                {options.localTopics.begin(), options.localTopics.end()}, services()),
       mCallback(new HostCallback(mChannel, mClients)) {
     Vesk::getInstance()->init(mCallback);
@@ -60,15 +60,15 @@ Host::Host(asio::io_context& io, HostOptions const& options)
     mChannel.start();
 }
 
-Channel::Events Host::channelEvents() {
+hostkit::Channel::Events Host::channelEvents() {
     return {[this](bool up) { channelChanged(up); },
             [this](std::shared_ptr<VeskFrame> const& frame) { mQueue->receiveFromChannel(frame); },
-            [this] { mClients.resumeParked(); }};
+            [this] { mClients.resumeParked(); }, say};
 }
 
-ClientServer::Services Host::services() {
-    return {[this] { return mAdmission.open(); }, [this](bool hold) { mChannel.hold(hold); },
-            [this](Counters& counters) { addCounters(counters); }};
+hostkit::ClientServer::Services Host::services() {
+    return {[this] { return mGate.open(); }, [this](bool hold) { mChannel.hold(hold); },
+            [this](client::Counters& counters) { addCounters(counters); }, say};
 }
 
 void Host::createTopics(HostOptions const& options) {
@@ -86,7 +86,7 @@ void Host::channelChanged(bool up) {
     Vesk::getInstance()->onChannelAvailable(up);
 }
 
-void Host::addCounters(Counters& counters) const {
+void Host::addCounters(client::Counters& counters) const {
     VeskFeedback const& feedback = mQueue->feedback();
     counters.channelUp = mChannel.up() ? 1 : 0;
     counters.pending = static_cast<uint64_t>(mQueue->size());
@@ -96,19 +96,19 @@ void Host::addCounters(Counters& counters) const {
     counters.slowCount = feedback.slowCount();
     counters.sentPackets = feedback.sentPackets();
     counters.receivedPackets = feedback.receivedPackets();
-    counters.skippedBytes = mChannel.skippedBytes();
+    counters.skippedBytes = mChannel.reader().skippedBytes();
     counters.reconnects = mChannel.reconnects();
 }
 
 // With no topic named, all are served.
 HostOptions withTopics(HostOptions options) {
-    std::vector<std::string> const known = topicNames(*Vesk::getInstance()->getConfig());
+    std::vector<std::string> const known = hostkit::topicNames(*Vesk::getInstance()->getConfig());
     std::set<std::string> named;
     for (auto const* topics : {&options.topics, &options.localTopics}) {
         for (std::string const& topic : *topics) {
             if (std::find(known.begin(), known.end(), topic) == known.end()) {
                 throw UsageError("there is no topic '" + topic +
-                                 "'; the known ones are: " + joinNames(known));
+                                 "'; the known ones are: " + hostkit::joinNames(known));
             }
             if (!named.insert(topic).second) {
                 throw UsageError("the topic '" + topic + "' is named twice; name it once, with " +

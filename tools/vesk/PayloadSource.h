@@ -10,8 +10,9 @@
 #include <random>
 #include <string>
 
+#include <vesk/client/ClientProtocol.h>
+
 #include "CallCommand.h"
-#include "ClientProtocol.h"
 #include "Errors.h"
 
 namespace vesk::tool {
@@ -35,12 +36,12 @@ public:
         }
     }
 
-    Bytes next() {
+    client::Bytes next() {
         if (!mRandomSize) return mFixed;
         // As many short ones as long ones, on a scale of powers of two.
         double const scale = std::uniform_real_distribution<>(0, 1)(mRandom);
         double const size = std::pow(static_cast<double>(*mRandomSize) + 2, scale) - 1;
-        Bytes bytes(std::min(static_cast<size_t>(size), *mRandomSize));
+        client::Bytes bytes(std::min(static_cast<size_t>(size), *mRandomSize));
         for (uint8_t& byte : bytes)
             byte = static_cast<uint8_t>(mRandom());
         return bytes;
@@ -52,29 +53,29 @@ private:
     // Reads one byte more than may be, to tell the longest payload from one that is too long.
     void read(std::istream& in, std::string const& name) {
         if (!in) throw UsageError("cannot read " + name + "; name a file that is there");
-        mFixed.resize(MAX_PAYLOAD + 1);
+        mFixed.resize(MAX_PAYLOAD_SIZE + 1);
         in.read(reinterpret_cast<char*>(mFixed.data()),
                 static_cast<std::streamsize>(mFixed.size()));
         if (in.bad()) throw UsageError("cannot read " + name + "; name a file that is there");
         mFixed.resize(static_cast<size_t>(in.gcount()));
-        if (mFixed.size() > MAX_PAYLOAD) {
+        if (mFixed.size() > MAX_PAYLOAD_SIZE) {
             throw UsageError("the payload from " + name + " is longer than " +
-                             std::to_string(MAX_PAYLOAD) + " bytes, which is all that one " +
+                             std::to_string(MAX_PAYLOAD_SIZE) + " bytes, which is all that one " +
                              "message carries; send it in parts");
         }
     }
 
     static void checkSize(size_t size, std::string const& name) {
-        if (size > MAX_PAYLOAD) {
+        if (size > MAX_PAYLOAD_SIZE) {
             throw UsageError("the payload of " + name + " has " + std::to_string(size) +
-                             " bytes; one message carries " + std::to_string(MAX_PAYLOAD) +
+                             " bytes; one message carries " + std::to_string(MAX_PAYLOAD_SIZE) +
                              " at most, so send it in parts");
         }
     }
 
     std::optional<size_t> const mRandomSize;
     std::minstd_rand mRandom;
-    Bytes mFixed;
+    client::Bytes mFixed;
 };
 
 }  // namespace vesk::tool

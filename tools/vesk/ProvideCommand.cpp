@@ -6,13 +6,13 @@
 #include <set>
 #include <stdexcept>
 
+#include <vesk/client/HostClient.h>
+#include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 
-#include "Endpoint.h"
 #include "Errors.h"
 #include "ExecJob.h"
-#include "HostClient.h"
 
 namespace vesk::tool {
 
@@ -30,17 +30,17 @@ public:
     int run();
 
 private:
-    void requested(Message const& message);
-    void reply(DataMessage const& request, Bytes const& payload);
+    void requested(client::Message const& message);
+    void reply(client::DataMessage const& request, client::Bytes const& payload);
     void startJobs();
-    void startJob(DataMessage request);
-    void giveUp(DataMessage const& request, std::string const& error);
+    void startJob(client::DataMessage request);
+    void giveUp(client::DataMessage const& request, std::string const& error);
 
     asio::io_context& mIo;
     ProvideOptions const& mOptions;
-    BusinessName const mBusiness;
-    HostClient mHost;
-    std::deque<DataMessage> mWaiting;
+    client::BusinessName const mBusiness;
+    client::HostClient mHost;
+    std::deque<client::DataMessage> mWaiting;
     std::set<std::shared_ptr<ExecJob>> mJobs;
     int mStatus = EXIT_OK;
 };
@@ -48,15 +48,15 @@ private:
 Provider::Provider(asio::io_context& io, ProvideOptions const& options)
     : mIo(io),
       mOptions(options),
-      mBusiness(BusinessName::parse(options.business)),
-      mHost(io, parseUnixPath("--host", options.host)) {}
+      mBusiness(client::BusinessName::parse(options.business)),
+      mHost(io, hostkit::parseUnixPath("--host", options.host)) {}
 
 int Provider::run() {
-    uint16_t const session = mHost.join(HostClient::PROVIDER, mBusiness);
+    uint16_t const session = mHost.join(client::HostClient::PROVIDER, mBusiness);
     say("providing " + mBusiness.toString() + " as session " + std::to_string(session));
     asio::signal_set signals(mIo, SIGINT, SIGTERM);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
-    mHost.start([this](Message const& message) { requested(message); },
+    mHost.start([this](client::Message const& message) { requested(message); },
                 [this](std::string const& reason) {
                     say(reason);
                     mStatus = EXIT_FAILED;
@@ -66,21 +66,22 @@ int Provider::run() {
     return mStatus;
 }
 
-void Provider::requested(Message const& message) {
-    std::optional<DataMessage> request = DataMessage::decode(message.body);
-    if (message.type != MessageType::REQUEST || !request) return;
+void Provider::requested(client::Message const& message) {
+    std::optional<client::DataMessage> request = client::DataMessage::decode(message.body);
+    if (message.type != client::MessageType::REQUEST || !request) return;
     if (mOptions.echo) return reply(*request, request->payload);
     mWaiting.push_back(std::move(*request));
     startJobs();
 }
 
-void Provider::reply(DataMessage const& request, Bytes const& payload) {
-    mHost.send(DataMessage::encode(MessageType::REPLY, request.session, request.msgId, payload));
+void Provider::reply(client::DataMessage const& request, client::Bytes const& payload) {
+    mHost.send(client::DataMessage::encode(client::MessageType::REPLY, request.session,
+                                           request.msgId, payload));
 }
 
 void Provider::startJobs() {
     while (!mWaiting.empty() && mJobs.size() < mOptions.jobs) {
-        DataMessage const request = std::move(mWaiting.front());
+        client::DataMessage const request = std::move(mWaiting.front());
         mWaiting.pop_front();
         try {
             startJob(request);
@@ -90,16 +91,16 @@ void Provider::startJobs() {
     }
 }
 
-void Provider::giveUp(DataMessage const& request, std::string const& error) {
+void Provider::giveUp(client::DataMessage const& request, std::string const& error) {
     say("no reply to message " + std::to_string(request.msgId) + " of session " +
         std::to_string(request.session) + ": " + error);
 }
 
-void Provider::startJob(DataMessage request) {
+void Provider::startJob(client::DataMessage request) {
     auto const job = std::make_shared<ExecJob>(mIo, mOptions.command, std::move(request.payload));
     request.payload.clear();
     mJobs.insert(job);
-    job->run([this, request, key = std::weak_ptr<ExecJob>(job)](Bytes const& bytes,
+    job->run([this, request, key = std::weak_ptr<ExecJob>(job)](client::Bytes const& bytes,
                                                                 std::string const& error) {
         error.empty() ? reply(request, bytes) : giveUp(request, error);
         mJobs.erase(key.lock());

@@ -4,14 +4,14 @@
 #include <csignal>
 #include <cstdio>
 
+#include <vesk/client/HostClient.h>
 #include <vesk/hostkit/FrameText.h>
+#include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
-#include "Endpoint.h"
 #include "Errors.h"
-#include "HostClient.h"
 
 namespace vesk::tool {
 
@@ -24,13 +24,13 @@ public:
     int run();
 
 private:
-    void received(Message const& message);
-    void printChange(Message const& message);
-    void printCounters(Counters const& counters);
+    void received(client::Message const& message);
+    void printChange(client::Message const& message);
+    void printCounters(client::Counters const& counters);
     void query();
 
     asio::io_context& mIo;
-    HostClient mHost;
+    client::HostClient mHost;
     asio::steady_timer mTimer;
     int mStatus = EXIT_OK;
 };
@@ -38,41 +38,41 @@ private:
 int Watcher::run() {
     asio::signal_set signals(mIo, SIGINT, SIGTERM);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
-    mHost.start([this](Message const& message) { received(message); },
+    mHost.start([this](client::Message const& message) { received(message); },
                 [this](std::string const& reason) {
                     say(reason);
                     mStatus = EXIT_FAILED;
                     mIo.stop();
                 });
-    mHost.send(encodeMessage(MessageType::WATCH));
+    mHost.send(client::encodeMessage(client::MessageType::WATCH));
     query();
     mIo.run();
     return mStatus;
 }
 
 void Watcher::query() {
-    mHost.send(encodeMessage(MessageType::QUERY));
+    mHost.send(client::encodeMessage(client::MessageType::QUERY));
     mTimer.expires_after(std::chrono::seconds(1));
     mTimer.async_wait([this](asio::error_code const& error) {
         if (!error) query();
     });
 }
 
-void Watcher::received(Message const& message) {
-    if (message.type == MessageType::COUNTERS) {
-        if (auto const counters = Counters::decode(message.body)) printCounters(*counters);
+void Watcher::received(client::Message const& message) {
+    if (message.type == client::MessageType::COUNTERS) {
+        if (auto const counters = client::Counters::decode(message.body)) printCounters(*counters);
     } else {
         printChange(message);
     }
     std::fflush(stdout);  // whoever reads this through a pipe wants it now
 }
 
-void Watcher::printChange(Message const& message) {
-    auto const change = ChangeMessage::decode(message.type, message.body);
+void Watcher::printChange(client::Message const& message) {
+    auto const change = client::ChangeMessage::decode(message.type, message.body);
     if (!change) return;
     std::string const topic = hostkit::FrameText::escape(change->topic);
     char const* what = change->added ? "added" : "removed";
-    if (message.type == MessageType::TOPIC) {
+    if (message.type == client::MessageType::TOPIC) {
         std::printf("topic %s %s\n", topic.c_str(), what);
     } else {
         std::printf("provider %s/%s %s\n", topic.c_str(),
@@ -80,7 +80,7 @@ void Watcher::printChange(Message const& message) {
     }
 }
 
-void Watcher::printCounters(Counters const& counters) {
+void Watcher::printCounters(client::Counters const& counters) {
     auto const print = [](char const* name, uint64_t value, char const* end) {
         std::printf("%s %llu%s", name, static_cast<unsigned long long>(value), end);
     };
@@ -104,7 +104,7 @@ void Watcher::printCounters(Counters const& counters) {
 
 int runWatch(std::string const& host) {
     asio::io_context io;
-    return Watcher(io, parseUnixPath("--host", host)).run();
+    return Watcher(io, hostkit::parseUnixPath("--host", host)).run();
 }
 
 }  // namespace vesk::tool

@@ -13,13 +13,13 @@
 #include <vesk/hostkit/FrameReader.h>
 #include <asio/write.hpp>
 
+#include <vesk/client/ClientProtocol.h>
 #include "ChildProcess.h"
-#include "ClientProtocol.h"
 #include "UnixListener.h"
 
 namespace vesk::e2e {
 
-using tool::Bytes;
+using client::Bytes;
 
 /**
  * One end of a connection in the test's hands: of a client socket, as its client or as its host, or
@@ -56,10 +56,10 @@ private:
             if (error == asio::error::operation_aborted) return;
             mClosed = static_cast<bool>(error);
             mKind == FRAMES ? mFrames.feed(mChunk, size) : mMessages.append(mChunk, size);
-            for (tool::Message next;
-                 mMessages.next(next) == tool::MessageReader::Result::MESSAGE;) {
+            for (client::Message next;
+                 mMessages.next(next) == client::MessageReader::Result::MESSAGE;) {
                 mHeard.push_back(
-                        tool::encodeMessage(next.type, {next.body.begin(), next.body.end()}));
+                        client::encodeMessage(next.type, {next.body.begin(), next.body.end()}));
             }
             if (!mClosed) read();
         });
@@ -76,7 +76,7 @@ private:
     uint8_t mChunk[65536];
     VeskConfig const mCatalogue;
     hostkit::FrameReader mFrames{mCatalogue, [this](auto const& frame) { take(*frame); }};
-    tool::MessageReader mMessages;
+    client::MessageReader mMessages;
     std::vector<Bytes> mHeard;
     bool mClosed = false;
 };
@@ -110,7 +110,7 @@ struct Process : tool::ChildProcess {
  */
 class Scene : public ::testing::Test {
 protected:
-    using Type = tool::MessageType;
+    using Type = client::MessageType;
     static constexpr int CONSUMER = 1, PROVIDER = 2;
 
     Scene() {
@@ -138,7 +138,7 @@ protected:
     }
 
     /** Waits for somebody to connect to a socket of the test's. */
-    Line& accept(tool::UnixListener& listener, Line::Kind kind) {
+    Line& accept(hostkit::UnixListener& listener, Line::Kind kind) {
         int descriptor = -1;
         listener.acceptor().async_accept([&](auto, auto end) { descriptor = end.release(); });
         await("a connection", [&] { return descriptor >= 0; });
@@ -182,13 +182,13 @@ protected:
     }
 
     static Bytes joining(int role, char const* topic = "test", char const* business = "test") {
-        return tool::JoinMessage{role, topic, business}.encode();
+        return client::JoinMessage{role, topic, business}.encode();
     }
 
     /** A REQUEST or REPLY. */
     static Bytes data(Type type, uint16_t session, int msgId, std::string const& payload) {
-        return tool::DataMessage::encode(type, session, static_cast<uint16_t>(msgId),
-                                         {payload.begin(), payload.end()});
+        return client::DataMessage::encode(type, session, static_cast<uint16_t>(msgId),
+                                           {payload.begin(), payload.end()});
     }
 
     asio::io_context mIo;

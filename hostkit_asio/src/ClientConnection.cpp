@@ -4,7 +4,7 @@
 
 #include <asio/post.hpp>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 ClientConnection::ClientConnection(uint32_t id, asio::local::stream_protocol::socket socket,
                                    Owner& owner)
@@ -26,15 +26,15 @@ void ClientConnection::process() {
     while (!mClosed && !mRefused) {
         if (!mParked) {
             switch (mReader.next(mMessage)) {
-                case MessageReader::Result::MESSAGE:
+                case client::MessageReader::Result::MESSAGE:
                     break;
-                case MessageReader::Result::NEED_MORE:
+                case client::MessageReader::Result::NEED_MORE:
                     return read();
-                case MessageReader::Result::EMPTY:
+                case client::MessageReader::Result::EMPTY:
                     return mOwner.onBadMessage(*this, "a message without a type");
-                case MessageReader::Result::TOO_LONG:
+                case client::MessageReader::Result::TOO_LONG:
                     return mOwner.onBadMessage(*this, "a message is too long; a payload has " +
-                                                              std::to_string(MAX_PAYLOAD) +
+                                                              std::to_string(MAX_PAYLOAD_SIZE) +
                                                               " bytes at most");
             }
         }
@@ -44,7 +44,7 @@ void ClientConnection::process() {
     }
 }
 
-void ClientConnection::send(Bytes const& message) {
+void ClientConnection::send(client::Bytes const& message) {
     if (mClosed || mRefused) return;
     if (backlog() + message.size() > LIMIT) return evict("it does not read");
     mWaiting.insert(mWaiting.end(), message.begin(), message.end());
@@ -53,7 +53,7 @@ void ClientConnection::send(Bytes const& message) {
 }
 
 void ClientConnection::refuse(std::string const& reason) {
-    send(encodeMessage(MessageType::REFUSED, reason));
+    send(client::encodeMessage(client::MessageType::REFUSED, reason));
     mRefused = true;
 }
 
@@ -126,4 +126,4 @@ void ClientConnection::close(std::string const& reason) {
                [self = shared_from_this(), reason] { self->mOwner.onClosed(*self, reason); });
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

@@ -1,4 +1,4 @@
-#include "HostClient.h"
+#include <vesk/client/HostClient.h>
 
 #include <poll.h>
 
@@ -10,10 +10,9 @@
 #include <asio/system_error.hpp>
 #include <asio/write.hpp>
 
-#include "Errors.h"
-#include "UnixConnect.h"
+#include <vesk/client/UnixConnect.h>
 
-namespace vesk::tool {
+namespace vesk::client {
 
 namespace {
 
@@ -44,7 +43,7 @@ HostClient::HostClient(asio::io_context& io, std::string const& path,
 
 uint16_t HostClient::join(int role, BusinessName const& business) {
     Message const answer = ask(JoinMessage{role, business.topic, business.business}.encode());
-    if (answer.type == MessageType::REFUSED) throw UsageError(text(answer));
+    if (answer.type == MessageType::REFUSED) throw std::invalid_argument(text(answer));
     auto const joined = JoinedMessage::decode(answer.body);
     if (answer.type != MessageType::JOINED || !joined) throwNotUnderstood();
     return joined->session;
@@ -152,4 +151,4 @@ void HostClient::closed(std::string const& reason) {
     if (mOnClosed) std::exchange(mOnClosed, nullptr)(reason);
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::client

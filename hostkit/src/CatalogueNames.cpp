@@ -1,26 +1,14 @@
-#include "BusinessName.h"
+#include <vesk/hostkit/CatalogueNames.h>
 
-#include "Errors.h"
+#include <cstdint>
+#include <utility>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 namespace {
 // On the wire a topic and a business are one byte each, so no catalogue can hold more.
-constexpr int MAX_ID = 255;
+constexpr int MAX_ID = UINT8_MAX;
 }  // namespace
-
-BusinessName BusinessName::parse(std::string const& text) {
-    size_t const slash = text.find('/');
-    if (slash == std::string::npos || slash == 0 || slash + 1 == text.size()) {
-        throw UsageError("'" + text + "' is no business; write TOPIC/BUSINESS, like test/test");
-    }
-    BusinessName name{text.substr(0, slash), text.substr(slash + 1)};
-    if (name.topic.size() > 255 || name.business.size() > 255) {
-        throw UsageError("the names in '" + text.substr(0, 40) +
-                         "...' are too long; a topic and a business have 255 bytes at most");
-    }
-    return name;
-}
 
 std::vector<std::string> topicNames(VeskConfig const& catalogue) {
     std::vector<std::string> names;
@@ -50,4 +38,4 @@ std::string joinNames(std::vector<std::string> const& names) {
     return all;
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

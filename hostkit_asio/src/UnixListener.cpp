@@ -5,9 +5,9 @@
 
 #include <stdexcept>
 
-#include "UnixConnect.h"
+#include <vesk/client/UnixConnect.h>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 namespace {
 
@@ -18,7 +18,7 @@ void removeStaleSocket(asio::io_context& io, std::string const& path) {
         throw std::runtime_error("'" + path + "' exists and is no socket; choose another path");
     }
     asio::local::stream_protocol::socket probe(io);
-    asio::error_code const error = connectUnix(probe, path, std::chrono::milliseconds(1));
+    asio::error_code const error = client::connectUnix(probe, path, std::chrono::milliseconds(1));
     if (error == asio::error::connection_refused) {
         ::unlink(path.c_str());
     } else if (!error || error == asio::error::timed_out) {
@@ -50,4 +50,4 @@ UnixListener::~UnixListener() {
     ::unlink(mPath.c_str());
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

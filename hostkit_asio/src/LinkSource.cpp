@@ -5,15 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 #include <type_traits>
 #include <utility>
 
 #include <asio/connect.hpp>
 #include <asio/post.hpp>
 
-#include "Errors.h"
-
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 namespace {
 
@@ -35,17 +34,18 @@ bool configureTty(int fd, unsigned baud) {
 
 }  // namespace
 
-LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool listen)
-    : mIo(io), mEndpoint(endpoint), mResolver(io) {
+LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool listen, Report report)
+    : mIo(io), mEndpoint(endpoint), mReport(std::move(report)), mResolver(io) {
     if (!listen) return;
     switch (endpoint.kind) {
         case Endpoint::Kind::TTY:
-            throw UsageError("--listen makes no sense with '" + endpoint.toString() +
-                             "': a device is opened, nobody connects to it");
+            throw std::invalid_argument("--listen makes no sense with '" + endpoint.toString() +
+                                        "': a device is opened, nobody connects to it");
         case Endpoint::Kind::UNIX:
             mUnixListener.emplace(io, endpoint.path);
-            mUnixLoop.emplace(mUnixListener->acceptor(),
-                              [this](auto socket) { accepted(std::move(socket)); });
+            mUnixLoop.emplace(
+                    mUnixListener->acceptor(), [this](auto socket) { accepted(std::move(socket)); },
+                    mReport);
             break;
         case Endpoint::Kind::TCP:
             listenTcp();
@@ -72,7 +72,7 @@ void LinkSource::open(Handler handler) {
 template <typename Socket>
 void LinkSource::accepted(Socket socket) {
     if (mHandler) return adopt(std::move(socket));
-    say("turned away a second peer of the channel " + mEndpoint.toString());
+    mReport("turned away a second peer of the channel " + mEndpoint.toString());
 }
 
 template <typename Socket>
@@ -98,7 +98,8 @@ void LinkSource::listenTcp() {
     if (!error) mTcpAcceptor->bind(local, error);
     if (!error) mTcpAcceptor->listen(asio::socket_base::max_listen_connections, error);
     if (error) throw std::runtime_error("cannot listen on '" + where + "': " + error.message());
-    mTcpLoop.emplace(*mTcpAcceptor, [this](auto socket) { accepted(std::move(socket)); });
+    mTcpLoop.emplace(
+            *mTcpAcceptor, [this](auto socket) { accepted(std::move(socket)); }, mReport);
 }
 
 void LinkSource::connectUnix() {
@@ -138,4 +139,4 @@ void LinkSource::answer(std::shared_ptr<Link> link, asio::error_code const& erro
     std::exchange(mHandler, nullptr)(std::move(link), error);
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

@@ -5,7 +5,7 @@
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 /**
  * A listening Unix socket: replaces the file that a dead process left, refuses to take the place of
@@ -26,4 +26,4 @@ private:
     asio::local::stream_protocol::acceptor mAcceptor;
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

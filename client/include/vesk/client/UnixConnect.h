@@ -5,7 +5,7 @@
 
 #include <asio/local/stream_protocol.hpp>
 
-namespace vesk::tool {
+namespace vesk::client {
 
 /**
  * Connects to the socket at `path`, for so long at most: its owner may live and not accept, and
@@ -14,4 +14,4 @@ namespace vesk::tool {
 asio::error_code connectUnix(asio::local::stream_protocol::socket& socket, std::string const& path,
                              std::chrono::milliseconds limit);
 
-}  // namespace vesk::tool
+}  // namespace vesk::client

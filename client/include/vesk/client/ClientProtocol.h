@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
-namespace vesk::tool {
+#include <vesk/VeskProtocol.h>
+
+namespace vesk::client {
 
 /**
  * What a host and its clients say to each other over the Unix socket.
@@ -52,11 +54,8 @@ enum class MessageType : uint8_t {
     COUNTERS,
 };
 
-/** What the length field of a frame can carry. */
-constexpr size_t MAX_PAYLOAD = 65535;
-
 /** Of the size field: type, session, msgId and the greatest payload. */
-constexpr size_t MAX_MESSAGE_SIZE = 1 + 2 + 2 + MAX_PAYLOAD;
+constexpr size_t MAX_MESSAGE_SIZE = 1 + 2 + 2 + MAX_PAYLOAD_SIZE;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -78,7 +77,7 @@ struct JoinedMessage {
 
 /** REQUEST or REPLY. */
 struct DataMessage {
-    /** REQUIRES: the payload has MAX_PAYLOAD bytes at most. */
+    /** REQUIRES: the payload has MAX_PAYLOAD_SIZE bytes at most. */
     static Bytes encode(MessageType type, uint16_t session, uint16_t msgId, Bytes const& payload);
     static std::optional<DataMessage> decode(Bytes const& body);
 
@@ -146,4 +145,4 @@ private:
     size_t mRead = 0;  // up to here mBytes has been consumed
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::client

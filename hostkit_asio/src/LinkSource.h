@@ -4,15 +4,16 @@
 #include <memory>
 #include <optional>
 
+#include <vesk/hostkit_asio/Endpoint.h>
+#include <vesk/hostkit_asio/Report.h>
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 
 #include "AcceptLoop.h"
-#include "Endpoint.h"
 #include "UnixListener.h"
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 /** An open byte channel, whatever it is made of. */
 using Link = asio::posix::stream_descriptor;
@@ -30,8 +31,8 @@ public:
     /** Gets the link, or null and the reason why there is none. */
     using Handler = std::function<void(std::shared_ptr<Link> link, asio::error_code const& error)>;
 
-    /** Throws UsageError or std::runtime_error where it cannot listen. */
-    LinkSource(asio::io_context& io, Endpoint const& endpoint, bool listen);
+    /** Throws std::invalid_argument or std::runtime_error where it cannot listen. */
+    LinkSource(asio::io_context& io, Endpoint const& endpoint, bool listen, Report report);
 
     /**
      * Asks for the next link. A listening source answers when a peer has arrived, however long that
@@ -52,6 +53,7 @@ private:
 
     asio::io_context& mIo;
     Endpoint const mEndpoint;
+    Report const mReport;
     std::optional<UnixListener> mUnixListener;
     std::optional<asio::ip::tcp::acceptor> mTcpAcceptor;
     std::optional<AcceptLoop<asio::local::stream_protocol::acceptor>> mUnixLoop;
@@ -60,4 +62,4 @@ private:
     Handler mHandler;  // empty while nobody waits
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

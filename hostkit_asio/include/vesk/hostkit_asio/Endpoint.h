@@ -3,13 +3,13 @@
 #include <cstdint>
 #include <string>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 /** Where a byte channel is found: unix:PATH, tcp:[HOST:]PORT or tty:DEVICE[,BAUD]. */
 struct Endpoint {
     enum class Kind { UNIX, TCP, TTY };
 
-    /** Throws UsageError, which says what was wrong with the text and what would be right. */
+    /** Throws std::invalid_argument, which says what was wrong with the text and what would be right. */
     static Endpoint parse(std::string const& text);
 
     std::string toString() const;
@@ -21,7 +21,7 @@ struct Endpoint {
     unsigned baud = 115200;
 };
 
-/** The path of a unix:PATH; throws UsageError. `option` is named in the error. */
+/** The path of a unix:PATH; throws std::invalid_argument. `option` is named in the error. */
 std::string parseUnixPath(std::string const& option, std::string const& text);
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

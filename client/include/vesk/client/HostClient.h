@@ -9,10 +9,10 @@
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
 
-#include "BusinessName.h"
-#include "ClientProtocol.h"
+#include <vesk/client/BusinessName.h>
+#include <vesk/client/ClientProtocol.h>
 
-namespace vesk::tool {
+namespace vesk::client {
 
 /**
  * A client's end of its connection to a host.
@@ -38,7 +38,7 @@ public:
     HostClient& operator=(HostClient const&) = delete;
 
     /**
-     * Joins a business and waits for the answer. Returns the session id; throws UsageError with the
+     * Joins a business and waits for the answer. Returns the session id; throws std::invalid_argument with the
      * host's words when it refuses and std::runtime_error when it goes away.
      */
     uint16_t join(int role, BusinessName const& business);
@@ -72,4 +72,4 @@ private:
     Bytes mLeaving;  // not empty while a write runs
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::client

@@ -1,18 +1,13 @@
-#include "ClientServer.h"
+#include "Clients.h"
 
 #include <algorithm>
 
 #include <vesk/Vesk.h>
+#include <vesk/hostkit/CatalogueNames.h>
 
-#include "BusinessName.h"
-#include "Errors.h"
-
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 namespace {
-
-constexpr uint8_t TYPE_REQUEST = 2;
-constexpr uint8_t TYPE_REPLY = 3;
 
 // Room also comes without an event, by the expiry of what was never acknowledged.
 constexpr std::chrono::milliseconds PARKED_POLL{10};
@@ -23,21 +18,23 @@ char const* roleName(int role) {
 
 }  // namespace
 
-ClientServer::ClientServer(asio::io_context& io, std::string const& path,
-                           std::set<std::string> localTopics, Services services)
+Clients::Clients(asio::io_context& io, std::string const& path, std::set<std::string> localTopics,
+                 Services services)
     : mListener(io, path),
-      mAcceptLoop(mListener.acceptor(), [this](auto socket) { accepted(std::move(socket)); }),
+      mAcceptLoop(
+              mListener.acceptor(), [this](auto socket) { accepted(std::move(socket)); },
+              services.report),
       mLocalTopics(std::move(localTopics)),
       mServices(std::move(services)),
       mParkedTimer(io) {}
 
-ClientServer::~ClientServer() {
+Clients::~Clients() {
     for (auto const& [id, client] : mClients) {
         Vesk::getInstance()->getSessionManager()->removeSessionByClient(id);
     }
 }
 
-void ClientServer::accepted(asio::local::stream_protocol::socket socket) {
+void Clients::accepted(asio::local::stream_protocol::socket socket) {
     uint32_t const id = ++mLastClientId;
     ClientConnection::Owner& owner = *this;
     auto const connection = std::make_shared<ClientConnection>(id, std::move(socket), owner);
@@ -45,17 +42,17 @@ void ClientServer::accepted(asio::local::stream_protocol::socket socket) {
     connection->start();
 }
 
-bool ClientServer::onMessage(ClientConnection& connection, Message const& message) {
+bool Clients::onMessage(ClientConnection& connection, client::Message const& message) {
     Client& client = mClients.at(connection.id());
     switch (message.type) {
-        case MessageType::JOIN:
+        case client::MessageType::JOIN:
             join(client, message);
             return true;
-        case MessageType::REQUEST:
-        case MessageType::REPLY:
+        case client::MessageType::REQUEST:
+        case client::MessageType::REPLY:
             return publish(client, message);
-        case MessageType::WATCH:
-        case MessageType::QUERY:
+        case client::MessageType::WATCH:
+        case client::MessageType::QUERY:
             answer(client, message.type);
             return true;
         default:
@@ -65,17 +62,17 @@ bool ClientServer::onMessage(ClientConnection& connection, Message const& messag
     }
 }
 
-void ClientServer::onBadMessage(ClientConnection& connection, std::string const& reason) {
+void Clients::onBadMessage(ClientConnection& connection, std::string const& reason) {
     refuse(connection, reason);
 }
 
-void ClientServer::refuse(ClientConnection& connection, std::string const& reason) {
+void Clients::refuse(ClientConnection& connection, std::string const& reason) {
     ++mRefused;
-    say("refused client " + std::to_string(connection.id()) + ": " + reason);
+    mServices.report("refused client " + std::to_string(connection.id()) + ": " + reason);
     connection.refuse(reason);
 }
 
-void ClientServer::onCongestion(ClientConnection& connection) {
+void Clients::onCongestion(ClientConnection& connection) {
     uint32_t const changed = connection.id();
     connection.congested() ? (void)mCongested.insert(changed) : (void)mCongested.erase(changed);
     mServices.holdChannel(std::any_of(mCongested.begin(), mCongested.end(), [this](uint32_t id) {
@@ -84,20 +81,20 @@ void ClientServer::onCongestion(ClientConnection& connection) {
     }));
 }
 
-void ClientServer::onClosed(ClientConnection& connection, std::string const& reason) {
+void Clients::onClosed(ClientConnection& connection, std::string const& reason) {
     auto const found = mClients.find(connection.id());
     Client const client = std::move(found->second);
     mClients.erase(found);
     if (connection.evicted()) ++mEvicted;
     // A client that came for a look and leaves as it should is not worth a line.
     if (client.session || connection.evicted()) {
-        say("client " + std::to_string(connection.id()) + " is gone: " + reason);
+        mServices.report("client " + std::to_string(connection.id()) + " is gone: " + reason);
     }
     Vesk::getInstance()->getSessionManager()->removeSessionByClient(connection.id());
 }
 
-void ClientServer::join(Client& client, Message const& message) {
-    std::optional<JoinMessage> const join = JoinMessage::decode(message.body);
+void Clients::join(Client& client, client::Message const& message) {
+    std::optional<client::JoinMessage> const join = client::JoinMessage::decode(message.body);
     if (!join) return refuse(*client.connection, "a JOIN message is not of its form");
     if (client.session) return refuse(*client.connection, "this client has joined already");
     std::string const why = whyNoSession(*join);
@@ -110,12 +107,12 @@ void ClientServer::join(Client& client, Message const& message) {
     if (sessionId < 0) return refuse(*client.connection, "every session id is in use");
     client.session = sessions.getSession(static_cast<uint16_t>(sessionId));
     client.local = mLocalTopics.count(join->topic) > 0;
-    say("client " + std::to_string(id) + " is a " + roleName(join->role) + " of " + join->topic +
-        "/" + join->business + ", session " + std::to_string(sessionId));
-    client.connection->send(JoinedMessage{static_cast<uint16_t>(sessionId)}.encode());
+    mServices.report("client " + std::to_string(id) + " is a " + roleName(join->role) + " of " +
+                     join->topic + "/" + join->business + ", session " + std::to_string(sessionId));
+    client.connection->send(client::JoinedMessage{static_cast<uint16_t>(sessionId)}.encode());
 }
 
-std::string ClientServer::whyNoSession(JoinMessage const& join) const {
+std::string Clients::whyNoSession(client::JoinMessage const& join) const {
     VeskConfig const& catalogue = *Vesk::getInstance()->getConfig();
     int const topicId = catalogue.getTopicIdByName(join.topic);
     if (join.role != VeskSessionManager::CONSUMER && join.role != VeskSessionManager::PROVIDER) {
@@ -138,8 +135,8 @@ std::string ClientServer::whyNoSession(JoinMessage const& join) const {
 }
 
 // A consumer's request carries its own session id, so that the reply finds its way back.
-bool ClientServer::publish(Client& client, Message const& message) {
-    bool const request = message.type == MessageType::REQUEST;
+bool Clients::publish(Client& client, client::Message const& message) {
+    bool const request = message.type == client::MessageType::REQUEST;
     int const role = request ? VeskSessionManager::CONSUMER : VeskSessionManager::PROVIDER;
     if (!client.session || client.session->type() != role) {
         refuse(*client.connection, std::string("only a ") + roleName(role) +
@@ -151,7 +148,7 @@ bool ClientServer::publish(Client& client, Message const& message) {
         park(client);
         return false;
     }
-    std::optional<DataMessage> data = DataMessage::decode(message.body);
+    std::optional<client::DataMessage> data = client::DataMessage::decode(message.body);
     if (!data) {
         refuse(*client.connection, "a REQUEST or REPLY message is not of its form");
         return true;
@@ -159,7 +156,7 @@ bool ClientServer::publish(Client& client, Message const& message) {
     std::shared_ptr<VeskFrame> const frame = VeskFrame::obtainFrame(true);
     frame->topicId = static_cast<uint8_t>(client.session->topicId());
     frame->businessId = static_cast<uint8_t>(client.session->businessId());
-    frame->msgType = request ? TYPE_REQUEST : TYPE_REPLY;
+    frame->msgType = request ? REQUEST : REPLY;
     frame->reply = request ? client.session->sessionId() : data->session;
     frame->msgId = data->msgId;
     frame->data = std::move(data->payload);
@@ -167,7 +164,7 @@ bool ClientServer::publish(Client& client, Message const& message) {
     return true;
 }
 
-bool ClientServer::hasRoomFor(Client const& sender) const {
+bool Clients::hasRoomFor(Client const& sender) const {
     if (!sender.local && !mServices.admitsFrame()) return false;
     return std::none_of(mCongested.begin(), mCongested.end(),
                         [&](uint32_t id) { return holdsUp(mClients.at(id), sender); });
@@ -176,7 +173,7 @@ bool ClientServer::hasRoomFor(Client const& sender) const {
 // A provider that is parked waits until its replies can leave; requests would bury it meanwhile,
 // here or, where two hosts wait for each other, at the peer. A consumer that is parked waits for
 // providers, whose replies it has to take.
-bool ClientServer::holdsUp(Client const& slow, Client const& sender) const {
+bool Clients::holdsUp(Client const& slow, Client const& sender) const {
     if (!slow.session || &slow == &sender || slow.local != sender.local) return false;
     bool const request = sender.session->type() == VeskSessionManager::CONSUMER;
     if (slow.session->type() == VeskSessionManager::PROVIDER) {
@@ -185,13 +182,13 @@ bool ClientServer::holdsUp(Client const& slow, Client const& sender) const {
     return (request || sender.local) && slow.connection->holds();
 }
 
-void ClientServer::park(Client const& client) {
+void Clients::park(Client const& client) {
     mParked.push_back(client.connection->id());
     if (mParked.size() == 1) pollParked();
 }
 
 // Who has waited longest goes first, and behind the others when it has more than there is room for.
-void ClientServer::resumeParked() {
+void Clients::resumeParked() {
     std::deque<uint32_t> parked;
     std::deque<uint32_t> waiting;
     parked.swap(mParked);
@@ -211,7 +208,7 @@ void ClientServer::resumeParked() {
     if (!mParked.empty()) pollParked();
 }
 
-void ClientServer::pollParked() {
+void Clients::pollParked() {
     mParkedTimer.expires_after(PARKED_POLL);
     mParkedTimer.async_wait([this](asio::error_code const& error) {
         if (!error) resumeParked();
@@ -219,26 +216,28 @@ void ClientServer::pollParked() {
 }
 
 // Unlike requests, questions would let a client that does not read pile up answers at once.
-void ClientServer::answer(Client& client, MessageType question) {
+void Clients::answer(Client& client, client::MessageType question) {
     if (client.connection->congested()) {
         return refuse(*client.connection, "read what waits for this client before asking for more");
     }
-    question == MessageType::WATCH ? watch(client) : answerQuery(client);
+    question == client::MessageType::WATCH ? watch(client) : answerQuery(client);
 }
 
-void ClientServer::watch(Client& client) {
+void Clients::watch(Client& client) {
     if (client.watches) return;
     client.watches = true;
     for (std::string const& topic : mTopics) {
-        client.connection->send(ChangeMessage{true, topic, {}}.encode(MessageType::TOPIC));
+        client.connection->send(
+                client::ChangeMessage{true, topic, {}}.encode(client::MessageType::TOPIC));
     }
     for (auto const& [topic, business] : mProviders) {
-        client.connection->send(ChangeMessage{true, topic, business}.encode(MessageType::PROVIDER));
+        client.connection->send(
+                client::ChangeMessage{true, topic, business}.encode(client::MessageType::PROVIDER));
     }
 }
 
-void ClientServer::answerQuery(Client& client) {
-    Counters counters;
+void Clients::answerQuery(Client& client) {
+    client::Counters counters;
     counters.clients = mClients.size();
     counters.providers = mProviders.size();
     counters.refused = mRefused;
@@ -247,34 +246,35 @@ void ClientServer::answerQuery(Client& client) {
     client.connection->send(counters.encode());
 }
 
-void ClientServer::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {
+void Clients::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {
     auto const found = mClients.find(clientId);
     if (found == mClients.end()) return;
-    bool const request = frame.msgType == TYPE_REQUEST;
+    bool const request = frame.msgType == REQUEST;
     uint16_t const session = request ? frame.reply : static_cast<uint16_t>(sessionId);
-    MessageType const type = request ? MessageType::REQUEST : MessageType::REPLY;
-    found->second.connection->send(DataMessage::encode(type, session, frame.msgId, frame.data));
+    client::MessageType const type =
+            request ? client::MessageType::REQUEST : client::MessageType::REPLY;
+    found->second.connection->send(
+            client::DataMessage::encode(type, session, frame.msgId, frame.data));
 }
 
-void ClientServer::topicChanged(bool added, std::string const& topic) {
+void Clients::topicChanged(bool added, std::string const& topic) {
     added ? (void)mTopics.insert(topic) : (void)mTopics.erase(topic);
-    broadcast(ChangeMessage{added, topic, {}}.encode(MessageType::TOPIC));
+    broadcast(client::ChangeMessage{added, topic, {}}.encode(client::MessageType::TOPIC));
 }
 
-void ClientServer::providerChanged(bool added, std::string const& topic,
-                                   std::string const& business) {
+void Clients::providerChanged(bool added, std::string const& topic, std::string const& business) {
     if (added) {
         mProviders.emplace(topic, business);
     } else if (auto const found = mProviders.find({topic, business}); found != mProviders.end()) {
         mProviders.erase(found);
     }
-    broadcast(ChangeMessage{added, topic, business}.encode(MessageType::PROVIDER));
+    broadcast(client::ChangeMessage{added, topic, business}.encode(client::MessageType::PROVIDER));
 }
 
-void ClientServer::broadcast(Bytes const& message) {
+void Clients::broadcast(client::Bytes const& message) {
     for (auto const& [id, client] : mClients) {
         if (client.watches) client.connection->send(message);
     }
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

@@ -6,12 +6,11 @@
 #include <memory>
 #include <string>
 
+#include <vesk/client/ClientProtocol.h>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
 
-#include "ClientProtocol.h"
-
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 /**
  * The host's end of one client's connection: messages in, messages out.
@@ -40,7 +39,7 @@ public:
     class Owner {
     public:
         /** Returns false to get the same message again from resume(). */
-        virtual bool onMessage(ClientConnection& client, Message const& message) = 0;
+        virtual bool onMessage(ClientConnection& client, client::Message const& message) = 0;
         /** Bytes that are no messages came; refuse() is expected. */
         virtual void onBadMessage(ClientConnection& client, std::string const& reason) = 0;
         /** congested() or holds() has changed. */
@@ -62,7 +61,7 @@ public:
     /** Offers the message that the owner left for later, and goes on reading. */
     void resume() { process(); }
 
-    void send(Bytes const& message);
+    void send(client::Bytes const& message);
 
     /** Tells the client why, and closes when that has been written. */
     void refuse(std::string const& reason);
@@ -94,12 +93,12 @@ private:
     asio::local::stream_protocol::socket mSocket;
     Owner& mOwner;
     std::array<uint8_t, size_t{64} * 1024> mChunk{};
-    MessageReader mReader;
-    Message mMessage;
+    client::MessageReader mReader;
+    client::Message mMessage;
     bool mParked = false;  // mMessage waits for the owner to take it
-    Bytes mWaiting;
-    Bytes mLeaving;    // not empty while a write runs
-    size_t mLeft = 0;  // this much of mLeaving has been taken
+    client::Bytes mWaiting;
+    client::Bytes mLeaving;  // not empty while a write runs
+    size_t mLeft = 0;        // this much of mLeaving has been taken
     asio::steady_timer mPatience;
     bool mCongested = false;
     bool mLetGo = false;
@@ -108,4 +107,4 @@ private:
     bool mEvicted = false;
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

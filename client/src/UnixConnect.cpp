@@ -1,11 +1,11 @@
-#include "UnixConnect.h"
+#include <vesk/client/UnixConnect.h>
 
 #include <sys/socket.h>
 #include <sys/time.h>
 
 #include <cerrno>
 
-namespace vesk::tool {
+namespace vesk::client {
 
 namespace {
 
@@ -34,4 +34,4 @@ asio::error_code connectUnix(asio::local::stream_protocol::socket& socket, std::
     return error == asio::error::try_again ? asio::error::timed_out : error;
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::client

@@ -1,8 +1,8 @@
-#include "ClientProtocol.h"
+#include <vesk/client/ClientProtocol.h>
 
 #include <iterator>
 
-namespace vesk::tool {
+namespace vesk::client {
 
 namespace {
 
@@ -200,4 +200,4 @@ MessageReader::Result MessageReader::next(Message& message) {
     return Result::MESSAGE;
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::client

@@ -3,12 +3,11 @@
 #include <chrono>
 #include <functional>
 
+#include <vesk/hostkit_asio/Report.h>
 #include <asio/error.hpp>
 #include <asio/steady_timer.hpp>
 
-#include "Errors.h"
-
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 /**
  * Accepts one connection after the other, for as long as it lives. Where that fails, as it does
@@ -22,8 +21,11 @@ public:
     using Socket = typename Acceptor::protocol_type::socket;
 
     /** `acceptor` listens and outlives the loop. */
-    AcceptLoop(Acceptor& acceptor, std::function<void(Socket)> onAccepted)
-        : mAcceptor(acceptor), mTimer(acceptor.get_executor()), mOnAccepted(std::move(onAccepted)) {
+    AcceptLoop(Acceptor& acceptor, std::function<void(Socket)> onAccepted, Report report)
+        : mAcceptor(acceptor),
+          mTimer(acceptor.get_executor()),
+          mOnAccepted(std::move(onAccepted)),
+          mReport(std::move(report)) {
         accept();
     }
     AcceptLoop(AcceptLoop const&) = delete;
@@ -43,7 +45,7 @@ private:
     }
 
     void acceptLater(asio::error_code const& error) {
-        if (!mFailed) say("cannot accept a connection: " + error.message() + "; trying again");
+        if (!mFailed) mReport("cannot accept a connection: " + error.message() + "; trying again");
         mFailed = true;
         mTimer.expires_after(PAUSE);
         mTimer.async_wait([this](asio::error_code const& aborted) {
@@ -54,7 +56,8 @@ private:
     Acceptor& mAcceptor;
     asio::steady_timer mTimer;
     std::function<void(Socket)> const mOnAccepted;
+    Report const mReport;
     bool mFailed = false;
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

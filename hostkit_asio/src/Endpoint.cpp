@@ -1,14 +1,13 @@
-#include "Endpoint.h"
+#include <vesk/hostkit_asio/Endpoint.h>
 
 #include <sys/un.h>
 #include <termios.h>
 
 #include <charconv>
 #include <optional>
+#include <stdexcept>
 
-#include "Errors.h"
-
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 namespace {
 
@@ -23,12 +22,13 @@ std::optional<unsigned> parseNumber(std::string const& text) {
 
 std::string checkedUnixPath(std::string const& path, std::string const& text) {
     if (path.empty()) {
-        throw UsageError("'" + text + "' names no socket; write unix:PATH");
+        throw std::invalid_argument("'" + text + "' names no socket; write unix:PATH");
     }
     if (path.size() > MAX_UNIX_PATH) {
-        throw UsageError("the socket path in '" + text + "' has " + std::to_string(path.size()) +
-                         " bytes; the system takes " + std::to_string(MAX_UNIX_PATH) +
-                         " at most, so choose a shorter one");
+        throw std::invalid_argument("the socket path in '" + text + "' has " +
+                                    std::to_string(path.size()) + " bytes; the system takes " +
+                                    std::to_string(MAX_UNIX_PATH) +
+                                    " at most, so choose a shorter one");
     }
     return path;
 }
@@ -38,8 +38,9 @@ void parseTcp(std::string const& rest, std::string const& text, Endpoint& endpoi
     std::optional<unsigned> const port =
             parseNumber(colon == std::string::npos ? rest : rest.substr(colon + 1));
     if (!port || *port == 0 || *port > 65535) {
-        throw UsageError("'" + text + "' names no port; write tcp:HOST:PORT or, for the loopback " +
-                         "interface, tcp:PORT, with a port from 1 to 65535");
+        throw std::invalid_argument("'" + text +
+                                    "' names no port; write tcp:HOST:PORT or, for the loopback " +
+                                    "interface, tcp:PORT, with a port from 1 to 65535");
     }
     endpoint.port = static_cast<uint16_t>(*port);
     if (colon == std::string::npos || colon == 0) return;
@@ -53,14 +54,16 @@ void parseTty(std::string const& rest, std::string const& text, Endpoint& endpoi
     size_t const comma = rest.find(',');
     endpoint.path = rest.substr(0, comma);
     if (endpoint.path.empty()) {
-        throw UsageError("'" + text + "' names no device; write tty:DEVICE or tty:DEVICE,BAUD");
+        throw std::invalid_argument("'" + text +
+                                    "' names no device; write tty:DEVICE or tty:DEVICE,BAUD");
     }
     if (comma == std::string::npos) return;
     std::optional<unsigned> const baud = parseNumber(rest.substr(comma + 1));
     termios probe{};
     if (!baud || *baud == 0 || cfsetspeed(&probe, *baud) != 0) {
-        throw UsageError("'" + rest.substr(comma + 1) + "' in '" + text +
-                         "' is no speed of a serial line; write one like 9600, 115200 or 921600");
+        throw std::invalid_argument(
+                "'" + rest.substr(comma + 1) + "' in '" + text +
+                "' is no speed of a serial line; write one like 9600, 115200 or 921600");
     }
     endpoint.baud = *baud;
 }
@@ -82,8 +85,9 @@ Endpoint Endpoint::parse(std::string const& text) {
         endpoint.kind = Kind::TTY;
         parseTty(text.substr(4), text, endpoint);
     } else {
-        throw UsageError("'" + text + "' is no channel; write unix:PATH, tcp:HOST:PORT or " +
-                         "tty:DEVICE[,BAUD]");
+        throw std::invalid_argument("'" + text +
+                                    "' is no channel; write unix:PATH, tcp:HOST:PORT or " +
+                                    "tty:DEVICE[,BAUD]");
     }
     return endpoint;
 }
@@ -102,9 +106,10 @@ std::string Endpoint::toString() const {
 
 std::string parseUnixPath(std::string const& option, std::string const& text) {
     if (!startsWith(text, "unix:")) {
-        throw UsageError(option + " '" + text + "' is no client socket; write unix:PATH");
+        throw std::invalid_argument(option + " '" + text +
+                                    "' is no client socket; write unix:PATH");
     }
     return checkedUnixPath(text.substr(5), text);
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+namespace vesk::client {
+
+/** A business as people write it: TOPIC/BUSINESS. */
+struct BusinessName {
+    /** Throws std::invalid_argument. Whether there is such a business is for the host to say. */
+    static BusinessName parse(std::string const& text);
+
+    std::string toString() const { return topic + "/" + business; }
+
+    std::string topic;
+    std::string business;
+};
+
+}  // namespace vesk::client

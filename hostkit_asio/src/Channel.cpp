@@ -1,0 +1,254 @@
+#include <vesk/hostkit_asio/Channel.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <utility>
+
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/write.hpp>
+
+#include "LinkSource.h"
+
+namespace vesk::hostkit {
+
+namespace {
+
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr size_t CHUNK_SIZE = size_t{256} * 1024;
+// Long enough not to burn a core on a dead peer, short enough for a person who watches.
+constexpr Milliseconds BACK_OFF_FIRST{100};
+constexpr Milliseconds BACK_OFF_LAST{3200};
+// A peer that pauses this long inside a frame will not complete it.
+constexpr Milliseconds SILENCE{1000};
+
+}  // namespace
+
+class Channel::Impl {
+public:
+    Impl(asio::io_context& io, Endpoint const& endpoint, bool listen, VeskConfig const& catalogue,
+         Events events);
+
+    void open();
+    void hold(bool held);
+    bool up() const { return mLink != nullptr; }
+    Outbox& outbox() { return mOutbox; }
+    FrameReader const& reader() const { return mReader; }
+    uint64_t reconnects() const { return mOpened > 0 ? mOpened - 1 : 0; }
+
+private:
+    void opened(std::shared_ptr<Link> link, asio::error_code const& error);
+    void openLater();
+    void drop(std::string const& reason);
+    void read();
+    void received(size_t size);
+    void watchSilence();
+    bool hasUnread();
+    void flush();
+    void reportSkipped();
+
+    asio::io_context& mIo;
+    Endpoint const mEndpoint;
+    bool const mListens;
+    Events const mEvents;
+    LinkSource mSource;
+    FrameReader mReader;
+    Outbox mOutbox;
+    std::shared_ptr<Link> mLink;  // null while the channel is down
+    asio::steady_timer mRetry;
+    asio::steady_timer mSilence;
+    bool mHeld = false;
+    bool mReading = false;
+    bool mWriting = false;
+    Milliseconds mBackOff = BACK_OFF_FIRST;
+    std::vector<uint8_t> mChunk;
+    uint64_t mOpened = 0;
+    uint64_t mReportedSkipped = 0;
+    std::string mLastError;
+};
+
+Channel::Impl::Impl(asio::io_context& io, Endpoint const& endpoint, bool listen,
+                    VeskConfig const& catalogue, Events events)
+    : mIo(io),
+      mEndpoint(endpoint),
+      mListens(listen),
+      mEvents(std::move(events)),
+      mSource(io, endpoint, listen, mEvents.report),
+      mReader(catalogue, mEvents.onFrame),
+      mOutbox([this] { asio::post(mIo, [this] { flush(); }); }),
+      mRetry(io),
+      mSilence(io),
+      mChunk(CHUNK_SIZE) {
+    mOutbox.close();
+}
+
+void Channel::Impl::open() {
+    mSource.open([this](std::shared_ptr<Link> link, asio::error_code const& error) {
+        opened(std::move(link), error);
+    });
+}
+
+void Channel::Impl::opened(std::shared_ptr<Link> link, asio::error_code const& error) {
+    if (error) {
+        // Said once, not at each attempt.
+        if (mLastError != error.message()) {
+            mEvents.report("cannot open the channel " + mEndpoint.toString() + ": " +
+                           error.message() + "; trying again");
+        }
+        mLastError = error.message();
+        openLater();
+        return;
+    }
+    mLastError.clear();
+    mLink = std::move(link);
+    ++mOpened;
+    mOutbox.open();
+    mEvents.report("channel up: " + mEndpoint.toString());
+    mEvents.onState(true);
+    read();
+}
+
+void Channel::Impl::openLater() {
+    mRetry.expires_after(mBackOff);
+    mBackOff = std::min(mBackOff * 2, BACK_OFF_LAST);
+    mRetry.async_wait([this](asio::error_code const& error) {
+        if (!error) open();
+    });
+}
+
+void Channel::Impl::drop(std::string const& reason) {
+    mLink->close();
+    mLink.reset();
+    mReading = false;
+    mSilence.cancel();
+    mReader.reset();
+    reportSkipped();
+    size_t const lost = mOutbox.close();
+    mEvents.report("channel down: " + reason + "; " + std::to_string(lost) +
+                   " bytes on their way out are lost; clients stay and wait");
+    mEvents.onState(false);
+    // Only an attempt of our own costs anything: a listener just waits for the peer.
+    mListens ? open() : openLater();
+}
+
+void Channel::Impl::hold(bool held) {
+    if (held == mHeld) return;
+    mHeld = held;
+    if (held) {
+        mSilence.cancel();
+    } else if (mLink) {
+        watchSilence();
+        read();
+    }
+}
+
+void Channel::Impl::read() {
+    if (!mLink || mHeld || mReading) return;
+    mReading = true;
+    mLink->async_read_some(
+            asio::buffer(mChunk), [this, link = mLink](asio::error_code const& error, size_t size) {
+                if (link != mLink) return;
+                if (error)
+                    return drop(error == asio::error::eof ? "the peer closed it" : error.message());
+                received(size);
+                mReading = false;
+                read();
+            });
+}
+
+void Channel::Impl::received(size_t size) {
+    mBackOff = BACK_OFF_FIRST;  // there is somebody: next time it is worth asking soon
+    uint64_t const skipped = mReader.skippedBytes();
+    mReader.feed(mChunk.data(), size);
+    // While garbage goes on coming, its end is not worth a line yet.
+    if (mReader.skippedBytes() == skipped) reportSkipped();
+    watchSilence();
+    mEvents.onProgress();
+}
+
+void Channel::Impl::watchSilence() {
+    if (mHeld) return;  // the silence would be of our own making
+    if (!mReader.incomplete() && mReportedSkipped == mReader.skippedBytes()) {
+        mSilence.cancel();
+        return;
+    }
+    mSilence.expires_after(SILENCE);
+    mSilence.async_wait([this](asio::error_code const& error) {
+        if (error || mHeld || hasUnread()) return;
+        mReader.abandon();
+        reportSkipped();
+        mEvents.onProgress();
+    });
+}
+
+// Bytes that have come and were not read yet: the silence was this host's, not the peer's.
+bool Channel::Impl::hasUnread() {
+    asio::posix::descriptor_base::bytes_readable waiting;
+    asio::error_code unknown;
+    mLink->io_control(waiting, unknown);
+    return waiting.get() > 0;
+}
+
+void Channel::Impl::reportSkipped() {
+    uint64_t const skipped = mReader.skippedBytes();
+    if (skipped == mReportedSkipped) return;
+    mEvents.report("skipped " + std::to_string(skipped - mReportedSkipped) +
+                   " bytes on the channel that belong to no frame");
+    mReportedSkipped = skipped;
+}
+
+// Whatever has gathered meanwhile leaves in one write. One that was on its way when the channel
+// dropped ends with an error, and what has come for the next link leaves behind it.
+void Channel::Impl::flush() {
+    if (mWriting || !mLink) return;
+    Outbox::Batch const batch = mOutbox.take();
+    if (batch.size == 0) return;
+    mWriting = true;
+    asio::async_write(*mLink, asio::buffer(batch.data, batch.size),
+                      [this, link = mLink](asio::error_code const& error, size_t size) {
+                          mWriting = false;
+                          mOutbox.written(size);
+                          if (error && link == mLink) drop(error.message());
+                          if (error) mOutbox.failed();
+                          flush();
+                          mEvents.onProgress();
+                      });
+}
+
+Channel::Channel(asio::io_context& io, Endpoint const& endpoint, bool listen,
+                 VeskConfig const& catalogue, Events events)
+    : mImpl(std::make_unique<Impl>(io, endpoint, listen, catalogue, std::move(events))) {}
+
+Channel::~Channel() = default;
+
+void Channel::start() {
+    mImpl->open();
+}
+
+void Channel::write(std::vector<uint8_t> bytes) {
+    mImpl->outbox().put(std::move(bytes));
+}
+
+void Channel::hold(bool held) {
+    mImpl->hold(held);
+}
+
+bool Channel::up() const {
+    return mImpl->up();
+}
+
+Outbox const& Channel::outbox() const {
+    return mImpl->outbox();
+}
+
+FrameReader const& Channel::reader() const {
+    return mImpl->reader();
+}
+
+uint64_t Channel::reconnects() const {
+    return mImpl->reconnects();
+}
+
+}  // namespace vesk::hostkit
