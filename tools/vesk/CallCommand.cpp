@@ -1,24 +1,22 @@
 #include "CallCommand.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <deque>
+#include <list>
 #include <unordered_map>
-#include <vector>
 
 #include <vesk/client/HostClient.h>
 #include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
-#include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
 #include "CallReport.h"
+#include "EndSignals.h"
 #include "Errors.h"
+#include "LatencyHistogram.h"
 #include "PayloadSource.h"
 
 namespace vesk::tool {
@@ -41,9 +39,11 @@ public:
 private:
     enum class IdState : uint8_t { FREE, OUTSTANDING, GIVEN_UP };
     struct Request {
+        uint16_t msgId;
         Clock::time_point sent;
         client::Bytes payload;  // kept for verification only
     };
+    using Requests = std::list<Request>;
 
     void sendMore();
     void sendOne();
@@ -66,9 +66,10 @@ private:
     uint16_t mSession = 0;
     uint16_t mNextMsgId;
     std::array<IdState, 65536> mIds{};
-    std::unordered_map<uint16_t, Request> mOutstanding;
-    std::deque<std::pair<uint16_t, Clock::time_point>> mDeadlines;  // in the order of sending
-    std::vector<uint32_t> mLatencies;                               // in microseconds
+    Requests mRequests;  // that are outstanding, in the order of sending
+    std::unordered_map<uint16_t, Requests::iterator> mOutstanding;
+    bool mWatchesTimeout = false;
+    LatencyHistogram mLatencies;
     CallReport mReport;
     Clock::time_point mNextProgress = Clock::now();
     Clock::time_point const mStart = Clock::now();
@@ -87,7 +88,7 @@ Caller::Caller(asio::io_context& io, CallOptions const& options)
 
 int Caller::run() {
     mSession = mHost.join(client::HostClient::CONSUMER, mBusiness);
-    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    EndSignals signals(mIo);
     signals.async_wait([this](asio::error_code const& error, int) {
         if (error) return;
         mFailed = true;
@@ -115,11 +116,10 @@ void Caller::sendOne() {
     client::Bytes payload = mPayloads.next();
     auto const now = Clock::now();
     mHost.send(client::DataMessage::encode(client::MessageType::REQUEST, mSession, msgId, payload));
-    if (!mOptions.verify) payload.clear();
-    mOutstanding[msgId] = Request{now, std::move(payload)};
-    mDeadlines.emplace_back(msgId, now + std::chrono::milliseconds(mOptions.timeoutMillis));
+    if (!mOptions.verify) payload = {};
+    mOutstanding[msgId] = mRequests.insert(mRequests.end(), {msgId, now, std::move(payload)});
     ++mReport.requests;
-    if (mDeadlines.size() == 1) watchTimeout();
+    if (!mWatchesTimeout) watchTimeout();
 }
 
 uint16_t Caller::takeMsgId() {
@@ -139,15 +139,16 @@ void Caller::received(client::Message const& message) {
     mIds[reply->msgId] = IdState::FREE;
     if (state != IdState::OUTSTANDING) return;  // too late, or never asked for
     auto const found = mOutstanding.find(reply->msgId);
-    accept(*reply, found->second);
+    accept(*reply, *found->second);
+    mRequests.erase(found->second);
     mOutstanding.erase(found);
     sendMore();
 }
 
 void Caller::accept(client::DataMessage const& reply, Request const& request) {
     auto const latency = Clock::now() - request.sent;
-    mLatencies.push_back(static_cast<uint32_t>(
-            std::chrono::duration_cast<std::chrono::microseconds>(latency).count()));
+    auto const micros = std::chrono::duration_cast<std::chrono::microseconds>(latency).count();
+    mLatencies.add(static_cast<uint64_t>(micros));
     ++mReport.replies;
     if (mOptions.verify && reply.payload != request.payload) ++mReport.wrong;
     if (mOptions.report) return reportProgress();
@@ -166,27 +167,24 @@ void Caller::require(bool written) {
 
 // All requests have the same time, so the oldest is the first to run out of it.
 void Caller::watchTimeout() {
-    mTimer.expires_at(mDeadlines.front().second);
+    mWatchesTimeout = true;
+    mTimer.expires_at(mRequests.front().sent + std::chrono::milliseconds(mOptions.timeoutMillis));
     mTimer.async_wait([this](asio::error_code const& error) {
+        mWatchesTimeout = false;
         if (!error) expire();
     });
 }
 
 void Caller::expire() {
-    while (!mDeadlines.empty()) {
-        auto const [msgId, deadline] = mDeadlines.front();
-        auto const found = mOutstanding.find(msgId);
-        // The id may be in use again by a request that is younger than this deadline.
-        auto const timeout = std::chrono::milliseconds(mOptions.timeoutMillis);
-        bool const waits = found != mOutstanding.end() && found->second.sent + timeout == deadline;
-        if (waits && deadline > Clock::now()) break;
-        mDeadlines.pop_front();
-        if (!waits) continue;
+    auto const late = Clock::now() - std::chrono::milliseconds(mOptions.timeoutMillis);
+    while (!mRequests.empty() && mRequests.front().sent <= late) {
+        uint16_t const msgId = mRequests.front().msgId;
         mIds[msgId] = IdState::GIVEN_UP;
-        mOutstanding.erase(found);
+        mOutstanding.erase(msgId);
+        mRequests.pop_front();
         ++mReport.lost;
     }
-    if (!mDeadlines.empty()) watchTimeout();
+    if (!mRequests.empty()) watchTimeout();
     sendMore();
 }
 
@@ -204,9 +202,8 @@ void Caller::reportProgress() {
 
 int Caller::conclude() {
     mReport.lost += mOutstanding.size();
-    std::sort(mLatencies.begin(), mLatencies.end());
-    mReport.p50Micros = percentile(mLatencies, 50);
-    mReport.p99Micros = percentile(mLatencies, 99);
+    mReport.p50Micros = mLatencies.percentile(50);
+    mReport.p99Micros = mLatencies.percentile(99);
     if (mOptions.report) std::printf("%s\n", mReport.line().c_str());
     require(std::fflush(stdout) == 0);
     if (mOptions.stats) {

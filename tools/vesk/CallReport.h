@@ -1,12 +1,11 @@
 #pragma once
 
-#include <algorithm>
+#include <cinttypes>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace vesk::tool {
 
@@ -16,8 +15,8 @@ struct CallReport {
     size_t replies = 0;
     size_t lost = 0;   // no reply in time
     size_t wrong = 0;  // replies that were not what the request said
-    unsigned long p50Micros = 0;
-    unsigned long p99Micros = 0;
+    uint64_t p50Micros = 0;
+    uint64_t p99Micros = 0;
 
     bool complete() const { return replies == requests && lost == 0 && wrong == 0; }
 
@@ -30,21 +29,15 @@ struct CallReport {
 
     static std::optional<CallReport> parse(std::string const& line) {
         CallReport report;
-        int const fields = std::sscanf(line.c_str(), "result %zu %zu %zu %zu %lu %lu",
+        int const fields = std::sscanf(line.c_str(), "result %zu %zu %zu %zu %" SCNu64 " %" SCNu64,
                                        &report.requests, &report.replies, &report.lost,
                                        &report.wrong, &report.p50Micros, &report.p99Micros);
         return fields == 6 ? std::optional<CallReport>(report) : std::nullopt;
     }
 };
 
-/** The value that `percent` of the sorted values do not exceed; 0 where there are none. */
-inline unsigned long percentile(std::vector<uint32_t> const& sorted, size_t percent) {
-    if (sorted.empty()) return 0;
-    return sorted[std::min(sorted.size() - 1, sorted.size() * percent / 100)];
-}
-
 /** "870 us" or "12.3 ms" */
-inline std::string formatMicros(unsigned long micros) {
+inline std::string formatMicros(uint64_t micros) {
     if (micros < 1000) return std::to_string(micros) + " us";
     char text[32];
     std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(micros) / 1000);

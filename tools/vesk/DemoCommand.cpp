@@ -16,13 +16,14 @@
 #include <vesk/client/BusinessName.h>
 #include <vesk/client/HostClient.h>
 #include <vesk/hostkit/CatalogueNames.h>
+#include <vesk/hostkit/FrameText.h>
 #include <asio/io_context.hpp>
 #include <asio/read_until.hpp>
-#include <asio/signal_set.hpp>
 #include <asio/streambuf.hpp>
 
 #include "ChildProcess.h"
 #include "DemoReport.h"
+#include "EndSignals.h"
 #include "Errors.h"
 
 namespace vesk::tool {
@@ -127,13 +128,13 @@ private:
     std::string const mNear = mDirectory.file("near");
     std::string const mFar = mDirectory.file("far");
     asio::io_context mIo;
-    asio::signal_set mSignals;
+    EndSignals mSignals;
     bool mInterrupted = false;
     std::vector<std::unique_ptr<ChildProcess>> mServants;  // hosts and providers
     std::vector<std::unique_ptr<Consumer>> mConsumers;
 };
 
-Demo::Demo(DemoOptions const& options) : mOptions(options), mSignals(mIo, SIGINT, SIGTERM) {
+Demo::Demo(DemoOptions const& options) : mOptions(options), mSignals(mIo) {
     mSignals.async_wait([this](asio::error_code const& error, int) { mInterrupted = !error; });
     VeskConfig const catalogue;
     for (std::string const& topic : hostkit::topicNames(catalogue)) {
@@ -203,7 +204,7 @@ void Demo::startConsumers() {
             "%zu consumers send %zu requests each, of 0 to 65535 bytes, through two hosts to "
             "%zu providers\n",
             mBusinesses.size(), mOptions.requests, mBusinesses.size());
-    std::fflush(stdout);
+    flushOutput();
     for (std::string const& business : mBusinesses) {
         ChildProcess::Options options =
                 vesk({"call", "--host", "unix:" + mNear, business, "--random-size", "65535",
@@ -299,7 +300,7 @@ void Demo::printErrors() const {
     std::ifstream errors(mDirectory.file("errors"));
     std::string line;
     while (std::getline(errors, line))
-        std::fprintf(stderr, "%s\n", line.c_str());
+        std::fprintf(stderr, "%s\n", hostkit::FrameText::escape(line).c_str());
 }
 
 }  // namespace

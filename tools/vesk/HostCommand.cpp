@@ -1,7 +1,6 @@
 #include "HostCommand.h"
 
 #include <algorithm>
-#include <csignal>
 #include <memory>
 #include <set>
 
@@ -11,8 +10,8 @@
 #include <vesk/hostkit_asio/Channel.h>
 #include <vesk/hostkit_asio/ClientServer.h>
 #include <asio/io_context.hpp>
-#include <asio/signal_set.hpp>
 
+#include "EndSignals.h"
 #include "Errors.h"
 #include "HostCallback.h"
 
@@ -124,7 +123,7 @@ HostOptions withTopics(HostOptions options) {
 
 int runHost(HostOptions const& options) {
     asio::io_context io;
-    asio::signal_set signals(io, SIGINT, SIGTERM);
+    EndSignals signals(io);
     signals.async_wait([&io](asio::error_code const&, int) { io.stop(); });
     Host const host(io, withTopics(options));
     io.run();

@@ -1,11 +1,12 @@
 #pragma once
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdint>
-#include <fstream>
-#include <iostream>
-#include <istream>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -29,10 +30,11 @@ public:
             mFixed.assign(options.data->begin(), options.data->end());
             checkSize(mFixed.size(), "--data");
         } else if (!options.file.empty()) {
-            std::ifstream file(options.file, std::ios::binary);
-            read(file, "'" + options.file + "'");
+            std::unique_ptr<FILE, int (*)(FILE*)> const file(std::fopen(options.file.c_str(), "rb"),
+                                                             &std::fclose);
+            read(file.get(), "'" + options.file + "'");
         } else {
-            read(std::cin, "stdin");
+            read(stdin, "stdin");
         }
     }
 
@@ -51,13 +53,13 @@ public:
 
 private:
     // Reads one byte more than may be, to tell the longest payload from one that is too long.
-    void read(std::istream& in, std::string const& name) {
-        if (!in) throw UsageError("cannot read " + name + "; name a file that is there");
+    void read(FILE* in, std::string const& name) {
         mFixed.resize(MAX_PAYLOAD_SIZE + 1);
-        in.read(reinterpret_cast<char*>(mFixed.data()),
-                static_cast<std::streamsize>(mFixed.size()));
-        if (in.bad()) throw UsageError("cannot read " + name + "; name a file that is there");
-        mFixed.resize(static_cast<size_t>(in.gcount()));
+        if (in) mFixed.resize(std::fread(mFixed.data(), 1, mFixed.size(), in));
+        if (!in || std::ferror(in) != 0) {
+            throw UsageError("cannot read the payload from " + name + ": " + std::strerror(errno) +
+                             "; give it with --data TEXT, --file FILE or on stdin");
+        }
         if (mFixed.size() > MAX_PAYLOAD_SIZE) {
             throw UsageError("the payload from " + name + " is longer than " +
                              std::to_string(MAX_PAYLOAD_SIZE) + " bytes, which is all that one " +

@@ -1,6 +1,5 @@
 #include "ProvideCommand.h"
 
-#include <csignal>
 #include <deque>
 #include <memory>
 #include <set>
@@ -9,8 +8,8 @@
 #include <vesk/client/HostClient.h>
 #include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
-#include <asio/signal_set.hpp>
 
+#include "EndSignals.h"
 #include "Errors.h"
 #include "ExecJob.h"
 
@@ -54,7 +53,7 @@ Provider::Provider(asio::io_context& io, ProvideOptions const& options)
 int Provider::run() {
     uint16_t const session = mHost.join(client::HostClient::PROVIDER, mBusiness);
     say("providing " + mBusiness.toString() + " as session " + std::to_string(session));
-    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    EndSignals signals(mIo);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
     mHost.start([this](client::Message const& message) { requested(message); },
                 [this](std::string const& reason) {

@@ -1,16 +1,15 @@
 #include "WatchCommand.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 
 #include <vesk/client/HostClient.h>
 #include <vesk/hostkit/FrameText.h>
 #include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
-#include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "EndSignals.h"
 #include "Errors.h"
 
 namespace vesk::tool {
@@ -36,7 +35,7 @@ private:
 };
 
 int Watcher::run() {
-    asio::signal_set signals(mIo, SIGINT, SIGTERM);
+    EndSignals signals(mIo);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
     mHost.start([this](client::Message const& message) { received(message); },
                 [this](std::string const& reason) {
@@ -64,7 +63,7 @@ void Watcher::received(client::Message const& message) {
     } else {
         printChange(message);
     }
-    std::fflush(stdout);  // whoever reads this through a pipe wants it now
+    flushOutput();  // whoever reads this through a pipe wants it now, or has seen enough
 }
 
 void Watcher::printChange(client::Message const& message) {

@@ -1,11 +1,13 @@
+#include <charconv>
 #include <csignal>
-#include <cstdio>
 #include <exception>
 #include <functional>
+#include <iostream>
+#include <sstream>
 #include <string>
 
 #include <quillex/Log.h>
-#include <vesk/hostkit/FrameText.h>
+#include <vesk/VeskProtocol.h>
 #include <CLI/CLI.hpp>
 
 #include "CallCommand.h"
@@ -21,9 +23,34 @@ namespace {
 
 using Command = std::function<int()>;
 
-void printLogLine(char const* tag, char const* message) {
-    std::fprintf(stderr, "%s: %s\n", tag, hostkit::FrameText::escape(message).c_str());
-}
+/**
+ * For options with a whole number. The number is decimal, also with zeros in front, which CLI11
+ * would take for octal.
+ */
+class WholeNumber : public CLI::Validator {
+public:
+    WholeNumber(size_t min, size_t max) {
+        desc_function_ = [min, max] { return range(min, max); };
+        func_ = [min, max](std::string& text) {
+            size_t number = 0;
+            auto const [end, error] =
+                    std::from_chars(text.data(), text.data() + text.size(), number);
+            bool const whole = error == std::errc() && end == text.data() + text.size();
+            if (!whole || number < min || number > max) {
+                return "'" + text + "' is no whole number from " + range(min, max);
+            }
+            text = std::to_string(number);
+            return std::string();
+        };
+    }
+
+private:
+    static std::string range(size_t min, size_t max) {
+        return std::to_string(min) + " to " + std::to_string(max);
+    }
+};
+
+constexpr size_t DAY = 86400000;  // in milliseconds
 
 std::string const EXIT_STATUSES = "Exit status: 0 success, 1 failure, 2 wrong usage.";
 
@@ -54,7 +81,7 @@ void addProvide(CLI::App& app, ProvideOptions& options, Command& command) {
                        "With what this shell command writes when it reads the request on stdin");
     answer->require_option(1);
     sub->add_option("--jobs", options.jobs, "Commands of --exec that run at once")
-            ->check(CLI::Range(1, 256))
+            ->transform(WholeNumber(1, 256))
             ->capture_default_str();
     sub->callback([&] { command = [&] { return runProvide(options); }; });
 }
@@ -71,20 +98,21 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
     payload->add_option("--data", options.data, "This text");
     payload->add_option("--file", options.file, "The content of this file");
     payload->add_option("--random-size", options.randomSize,
-                        "Random bytes, another length up to this one for each request");
+                        "Random bytes, another length up to this one for each request")
+            ->transform(WholeNumber(0, MAX_PAYLOAD_SIZE));
     payload->require_option(0, 1);
     sub->add_option("--count", options.count, "Number of requests")
-            ->check(CLI::Range(size_t{1}, size_t{1000000000}))
+            ->transform(WholeNumber(1, 1000000000))
             ->capture_default_str();
     sub->add_option("--window", options.window, "Requests that may be outstanding")
-            ->check(CLI::Range(1, 32768))
+            ->transform(WholeNumber(1, 32768))
             ->capture_default_str();
     sub->add_option("--timeout", options.timeoutMillis, "Milliseconds to wait for each reply")
-            ->check(CLI::Range(1, 86400000))
+            ->transform(WholeNumber(1, DAY))
             ->capture_default_str();
     sub->add_option("--join-timeout", options.joinTimeoutMillis,
                     "Milliseconds to wait for the host to accept, and then to answer")
-            ->check(CLI::Range(1, 86400000))
+            ->transform(WholeNumber(1, DAY))
             ->capture_default_str();
     sub->add_flag("--verify", options.verify, "Count a reply that is no echo as a failure");
     sub->add_flag("--stats", options.stats, "Print count, lost, p50 and p99 to stderr");
@@ -105,13 +133,23 @@ void addDemo(CLI::App& app, DemoOptions& options, Command& command) {
     CLI::App* sub = app.add_subcommand(
             "demo", "Shows it all: two hosts, a provider and a consumer for every business");
     sub->add_option("--requests", options.requests, "Requests for each business")
-            ->check(CLI::Range(1, 1000000))
+            ->transform(WholeNumber(1, 1000000))
             ->capture_default_str();
     sub->add_option("--program", options.program,
                     "What to start the processes with, where an emulator is wanted for this one")
             ->envname("VESK_PROGRAM")
             ->capture_default_str();
     sub->callback([&] { command = [&] { return runDemo(options); }; });
+}
+
+// Help goes to stdout, what is wrong with the command line to stderr.
+int explain(CLI::App const& app, CLI::ParseError const& error) {
+    std::stringstream wrong;
+    int const status = app.exit(error, std::cout, wrong);
+    flushOutput();
+    for (std::string line; std::getline(wrong, line);)
+        say(line);
+    return status == 0 ? EXIT_OK : EXIT_USAGE;
 }
 
 int run(int argc, char** argv) {
@@ -136,11 +174,13 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {
-        return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+        return explain(app, error);
     }
     if (verbose) quillex::Log::setSink(printLogLine);
     demo.verbose = verbose;
-    return command();
+    int const status = command();
+    flushOutput();
+    return status;
 }
 
 }  // namespace
@@ -148,6 +188,7 @@ int run(int argc, char** argv) {
 }  // namespace vesk::tool
 
 int main(int argc, char** argv) {
+    vesk::tool::openStandardStreams();
     std::signal(SIGPIPE, SIG_IGN);  // a peer that is gone shows as an error of the write
     try {
         return vesk::tool::run(argc, argv);
