@@ -71,11 +71,36 @@ std::string FrameText::escape(std::string const& text) {
     return hostkit::escape({text.begin(), text.end()}, text.size(), Escapes::TEXT).text;
 }
 
-std::string FrameText::line(VeskFrame const& frame, Prefix const& prefix) const {
+std::string FrameText::prefix(Prefix const& prefix) {
     std::string text;
     if (prefix.millis) text += seconds(*prefix.millis);
     if (prefix.direction) text += *prefix.direction == Direction::IN ? "in  " : "out ";
-    text += type(frame);
+    return text;
+}
+
+std::string FrameText::ignored(VeskFrame const& frame) const {
+    if (isAcknowledgement(frame)) {
+        return frame.reply == entryCount(frame) ? ""
+                                                : "dropped, its reply field is not its number of "
+                                                  "entries";
+    }
+    if (frame.msgType == ACKNOWLEDGEMENT) {
+        return "dropped, an acknowledgement has topic and business " + to_string(ACK_ID);
+    }
+    if (!mCatalogue.isBussinessSupport(frame.topicId, frame.businessId)) {
+        return "dropped, the catalogue has no such business";
+    }
+    if (frame.msgType != REQUEST && frame.msgType != REPLY) {
+        return "acknowledged and dropped, there is no such type";
+    }
+    bool const hasSession = frame.reply != 0 && frame.reply != UINT16_MAX;
+    return frame.msgType == REQUEST || hasSession
+                   ? ""
+                   : "acknowledged and dropped, no session has this id";
+}
+
+std::string FrameText::line(VeskFrame const& frame, Prefix const& prefix) const {
+    std::string text = FrameText::prefix(prefix) + type(frame);
     if (isAcknowledgement(frame)) return text + entries(frame);
     return text + " " + business(frame.topicId, frame.businessId) + sessionWord(frame.msgType) +
            to_string(frame.reply) + ", msg " + to_string(frame.msgId) + ", serial " +

@@ -11,9 +11,11 @@
 #include <CLI/CLI.hpp>
 
 #include "CallCommand.h"
+#include "DecodeCommand.h"
 #include "DemoCommand.h"
 #include "Errors.h"
 #include "HostCommand.h"
+#include "ListCommand.h"
 #include "ProvideCommand.h"
 #include "WatchCommand.h"
 
@@ -129,6 +131,25 @@ void addWatch(CLI::App& app, std::string& host, Command& command) {
     sub->callback([&] { command = [&] { return runWatch(host); }; });
 }
 
+void addList(CLI::App& app, ListOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand("list", "Prints the topics and businesses that there are");
+    sub->add_flag("--json", options.json, "As one JSON object");
+    sub->callback([&] { command = [&] { return runList(options); }; });
+}
+
+void addDecode(CLI::App& app, DecodeOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand("decode",
+                                       "Prints a line for each frame in the bytes of a channel, or "
+                                       "in a capture; succeeds only "
+                                       "when every byte is in a frame that a peer acts on");
+    sub->add_option("file", options.file, "Where the bytes are; - is stdin")->capture_default_str();
+    sub->add_flag("--hex", options.hex,
+                  "The bytes are hex digits, or the output of xxd or hexdump -C");
+    sub->add_flag("--json", options.json, "Print JSON objects, one in a line");
+    sub->add_flag("--follow", options.follow, "Wait for more at the end of the file");
+    sub->callback([&] { command = [&] { return runDecode(options); }; });
+}
+
 void addDemo(CLI::App& app, DemoOptions& options, Command& command) {
     CLI::App* sub = app.add_subcommand(
             "demo", "Shows it all: two hosts, a provider and a consumer for every business");
@@ -159,6 +180,8 @@ int run(int argc, char** argv) {
     ProvideOptions provide;
     CallOptions call;
     std::string watched;
+    ListOptions list;
+    DecodeOptions decode;
     DemoOptions demo;
     Command command;
     app.set_version_flag("--version", "vesk " VESK_VERSION);
@@ -170,6 +193,8 @@ int run(int argc, char** argv) {
     addProvide(app, provide, command);
     addCall(app, call, command);
     addWatch(app, watched, command);
+    addList(app, list, command);
+    addDecode(app, decode, command);
     addDemo(app, demo, command);
     try {
         app.parse(argc, argv);

@@ -69,6 +69,16 @@ public:
      */
     static std::string type(VeskFrame const& frame);
 
+    /** What stands before a frame in line(); ends with a blank where it is not empty. */
+    static std::string prefix(Prefix const& prefix);
+
+    /**
+     * Why a peer's library would not act on this frame as its type says; empty where it would:
+     * "dropped, ..." for what it does not even acknowledge, "acknowledged and dropped, ...".
+     * Whether there is a session for the frame only the peer knows.
+     */
+    std::string ignored(VeskFrame const& frame) const;
+
     /**
      * Foreign text for a log or a terminal: control characters (C0, DEL, C1), those that change the
      * direction of writing, line separators, backslashes, quotes and what is no UTF-8 become
