@@ -1,6 +1,7 @@
 #include <vesk/client/ClientProtocol.h>
 
 #include <iterator>
+#include <stdexcept>
 
 namespace vesk::client {
 
@@ -126,6 +127,13 @@ std::optional<JoinedMessage> JoinedMessage::decode(Bytes const& body) {
     JoinedMessage joined;
     joined.session = reader.number<uint16_t>(2);
     return whole(reader, joined);
+}
+
+void DataMessage::checkSize(size_t payload) {
+    if (payload <= MAX_PAYLOAD_SIZE) return;
+    throw std::invalid_argument("the payload has " + std::to_string(payload) +
+                                " bytes; one message carries " + std::to_string(MAX_PAYLOAD_SIZE) +
+                                " at most, so send it in parts");
 }
 
 Bytes DataMessage::encode(MessageType type, uint16_t session, uint16_t msgId,

@@ -2,8 +2,13 @@
 
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <system_error>
 
 namespace vesk::client {
 
@@ -16,22 +21,28 @@ void limitSends(int socket, std::chrono::milliseconds limit) {
     ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
 }
 
+[[noreturn]] void fail(int error, std::string const& path) {
+    // The system says "try again" where the time is over.
+    throw std::system_error(error == EAGAIN ? ETIMEDOUT : error, std::generic_category(), path);
+}
+
 }  // namespace
 
-// Asio's connect takes the system's EAGAIN, which is how the limit shows, for a connection.
-asio::error_code connectUnix(asio::local::stream_protocol::socket& socket, std::string const& path,
-                             std::chrono::milliseconds limit) {
-    asio::error_code error;
-    asio::local::stream_protocol::endpoint const endpoint(path);
-    socket.open(endpoint.protocol(), error);
-    if (error) return error;
-    limitSends(socket.native_handle(), limit);
-    if (::connect(socket.native_handle(), endpoint.data(),
-                  static_cast<socklen_t>(endpoint.size())) != 0) {
-        error.assign(errno, asio::error::get_system_category());
+int connectUnix(std::string const& path, std::chrono::milliseconds limit) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) fail(ENAMETOOLONG, path);
+    std::memcpy(address.sun_path, path.data(), path.size());
+    int const socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (socket < 0) fail(errno, path);
+    limitSends(socket, std::max(limit, std::chrono::milliseconds(1)));
+    if (::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        int const error = errno;
+        ::close(socket);
+        fail(error, path);
     }
-    limitSends(socket.native_handle(), std::chrono::milliseconds(0));
-    return error == asio::error::try_again ? asio::error::timed_out : error;
+    limitSends(socket, std::chrono::milliseconds(0));
+    return socket;
 }
 
 }  // namespace vesk::client

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <stdexcept>
+#include <system_error>
 
 #include <vesk/client/UnixConnect.h>
 
@@ -11,17 +12,24 @@ namespace vesk::hostkit {
 
 namespace {
 
-void removeStaleSocket(asio::io_context& io, std::string const& path) {
+// Unlinks the file of one that is not: the process that listened there is dead.
+bool isServed(std::string const& path) {
+    try {
+        ::close(client::connectUnix(path, std::chrono::milliseconds(1)));
+        return true;
+    } catch (std::system_error const& error) {
+        if (error.code() == std::errc::connection_refused) ::unlink(path.c_str());
+        return error.code() == std::errc::timed_out;
+    }
+}
+
+void removeStaleSocket(std::string const& path) {
     struct stat info {};
     if (::lstat(path.c_str(), &info) != 0) return;
     if (!S_ISSOCK(info.st_mode)) {
         throw std::runtime_error("'" + path + "' exists and is no socket; choose another path");
     }
-    asio::local::stream_protocol::socket probe(io);
-    asio::error_code const error = client::connectUnix(probe, path, std::chrono::milliseconds(1));
-    if (error == asio::error::connection_refused) {
-        ::unlink(path.c_str());
-    } else if (!error || error == asio::error::timed_out) {
+    if (isServed(path)) {
         throw std::runtime_error("another process serves '" + path +
                                  "'; stop it or choose another path");
     }
@@ -31,7 +39,7 @@ void removeStaleSocket(asio::io_context& io, std::string const& path) {
 
 UnixListener::UnixListener(asio::io_context& io, std::string const& path)
     : mPath(path), mAcceptor(io) {
-    removeStaleSocket(io, path);
+    removeStaleSocket(path);
     asio::error_code error;
     mAcceptor.open(asio::local::stream_protocol(), error);
     if (!error) mAcceptor.bind(path, error);

@@ -1,17 +1,13 @@
 #include "CallCommand.h"
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <list>
-#include <unordered_map>
+#include <optional>
+#include <utility>
 
-#include <vesk/client/HostClient.h>
-#include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 
 #include "CallReport.h"
 #include "EndSignals.h"
@@ -28,8 +24,7 @@ using Clock = std::chrono::steady_clock;
 /**
  * One consumer: keeps up to `window` requests outstanding until all are answered or given up.
  *
- * A msgId that was given up is not used again until its late reply has come, so that no late reply
- * is ever taken for a newer request's.
+ * Threads: what is below run() belongs to the client's thread, until that has ended.
  */
 class Caller {
 public:
@@ -37,22 +32,12 @@ public:
     int run();
 
 private:
-    enum class IdState : uint8_t { FREE, OUTSTANDING, GIVEN_UP };
-    struct Request {
-        uint16_t msgId;
-        Clock::time_point sent;
-        client::Bytes payload;  // kept for verification only
-    };
-    using Requests = std::list<Request>;
-
     void sendMore();
-    void sendOne();
-    uint16_t takeMsgId();
-    void received(client::Message const& message);
-    void accept(client::DataMessage const& reply, Request const& request);
-    void expire();
-    void watchTimeout();
-    void finishWhenDone();
+    bool sendOne();
+    void ended(client::Client::Reply const& reply, Clock::time_point sent,
+               client::Bytes const& payload);
+    void accept(client::Bytes const& reply, Clock::time_point sent, client::Bytes const& payload);
+    void fail(std::string const& reason);
     void reportProgress();
     void require(bool written);
     int conclude();
@@ -61,14 +46,8 @@ private:
     CallOptions const& mOptions;
     client::BusinessName const mBusiness;
     PayloadSource mPayloads;
-    client::HostClient mHost;
-    asio::steady_timer mTimer;
-    uint16_t mSession = 0;
-    uint16_t mNextMsgId;
-    std::array<IdState, 65536> mIds{};
-    Requests mRequests;  // that are outstanding, in the order of sending
-    std::unordered_map<uint16_t, Requests::iterator> mOutstanding;
-    bool mWatchesTimeout = false;
+    std::optional<client::Client> mHost;
+    size_t mOutstanding = 0;
     LatencyHistogram mLatencies;
     CallReport mReport;
     Clock::time_point mNextProgress = Clock::now();
@@ -80,116 +59,89 @@ Caller::Caller(asio::io_context& io, CallOptions const& options)
     : mIo(io),
       mOptions(options),
       mBusiness(client::BusinessName::parse(options.business)),
-      mPayloads(options),
-      mHost(io, hostkit::parseUnixPath("--host", options.host),
-            std::chrono::milliseconds(options.joinTimeoutMillis)),
-      mTimer(io),
-      mNextMsgId(mPayloads.firstMsgId()) {}
+      mPayloads(options) {
+    client::Client::Options how = options.address.options();
+    how.limit = std::chrono::milliseconds(options.joinTimeoutMillis);
+    how.onLost = [this](std::string const& reason) { fail(reason); };
+    mHost.emplace(options.address.path(), how);
+}
 
 int Caller::run() {
-    mSession = mHost.join(client::HostClient::CONSUMER, mBusiness);
+    mHost->join(mBusiness);
+    bool interrupted = false;
     EndSignals signals(mIo);
-    signals.async_wait([this](asio::error_code const& error, int) {
+    signals.async_wait([&](asio::error_code const& error, int) {
         if (error) return;
-        mFailed = true;
+        interrupted = true;
         mIo.stop();
     });
-    mHost.start([this](client::Message const& message) { received(message); },
-                [this](std::string const& reason) {
-                    say(reason);
-                    mFailed = true;
-                    mIo.stop();
-                });
-    sendMore();
+    mHost->post([this] { sendMore(); });
     mIo.run();
+    mHost.reset();  // and with it the client's thread; what was outstanding is lost
+    mFailed = mFailed || interrupted;
     return conclude();
 }
 
 void Caller::sendMore() {
-    while (mReport.requests < mOptions.count && mOutstanding.size() < mOptions.window)
-        sendOne();
-    finishWhenDone();
-}
-
-void Caller::sendOne() {
-    uint16_t const msgId = takeMsgId();
-    client::Bytes payload = mPayloads.next();
-    auto const now = Clock::now();
-    mHost.send(client::DataMessage::encode(client::MessageType::REQUEST, mSession, msgId, payload));
-    if (!mOptions.verify) payload = {};
-    mOutstanding[msgId] = mRequests.insert(mRequests.end(), {msgId, now, std::move(payload)});
-    ++mReport.requests;
-    if (!mWatchesTimeout) watchTimeout();
-}
-
-uint16_t Caller::takeMsgId() {
-    for (size_t tried = 0; tried < mIds.size(); ++tried) {
-        uint16_t const msgId = mNextMsgId++;
-        if (mIds[msgId] != IdState::FREE) continue;
-        mIds[msgId] = IdState::OUTSTANDING;
-        return msgId;
+    while (!mFailed && mReport.requests < mOptions.count && mOutstanding < mOptions.window) {
+        if (!sendOne()) break;
     }
-    throw std::runtime_error("no message id is left: too many requests got no reply");
+    if (mReport.requests == mOptions.count && mOutstanding == 0) mIo.stop();
 }
 
-void Caller::received(client::Message const& message) {
-    std::optional<client::DataMessage> const reply = client::DataMessage::decode(message.body);
-    if (message.type != client::MessageType::REPLY || !reply) return;
-    IdState const state = mIds[reply->msgId];
-    mIds[reply->msgId] = IdState::FREE;
-    if (state != IdState::OUTSTANDING) return;  // too late, or never asked for
-    auto const found = mOutstanding.find(reply->msgId);
-    accept(*reply, *found->second);
-    mRequests.erase(found->second);
-    mOutstanding.erase(found);
+bool Caller::sendOne() {
+    using Sent = client::Client::Sent;
+    client::Bytes payload = mPayloads.next();
+    client::Bytes kept = mOptions.verify ? payload : client::Bytes();
+    client::Client::Done done = [this, sent = Clock::now(),
+                                 kept = std::move(kept)](client::Client::Reply const& reply) {
+        ended(reply, sent, kept);
+    };
+    auto const timeout = std::chrono::milliseconds(mOptions.timeoutMillis);
+    Sent const sent = mHost->call(std::move(payload), timeout, std::move(done));
+    if (sent == Sent::YES) {
+        ++mOutstanding;
+        ++mReport.requests;
+    } else if (sent == Sent::NO_ID) {
+        fail("no message id is left: too many requests got no reply");
+    } else if (sent == Sent::FULL && mOutstanding == 0) {
+        fail("the host does not take any more requests; see whether it is stopped");
+    }
+    return sent == Sent::YES;
+}
+
+void Caller::ended(client::Client::Reply const& reply, Clock::time_point sent,
+                   client::Bytes const& payload) {
+    --mOutstanding;
+    if (reply.outcome == client::Client::Outcome::REPLIED) {
+        accept(reply.payload, sent, payload);
+    } else {
+        ++mReport.lost;
+    }
     sendMore();
 }
 
-void Caller::accept(client::DataMessage const& reply, Request const& request) {
-    auto const latency = Clock::now() - request.sent;
+void Caller::accept(client::Bytes const& reply, Clock::time_point sent,
+                    client::Bytes const& payload) {
+    auto const latency = Clock::now() - sent;
     auto const micros = std::chrono::duration_cast<std::chrono::microseconds>(latency).count();
     mLatencies.add(static_cast<uint64_t>(micros));
     ++mReport.replies;
-    if (mOptions.verify && reply.payload != request.payload) ++mReport.wrong;
+    if (mOptions.verify && reply != payload) ++mReport.wrong;
     if (mOptions.report) return reportProgress();
-    size_t const size = reply.payload.size();
-    require(std::fwrite(reply.payload.data(), 1, size, stdout) == size &&
+    require(std::fwrite(reply.data(), 1, reply.size(), stdout) == reply.size() &&
             std::fputc('\n', stdout) != EOF);
 }
 
 // Whoever reads the replies may have seen enough of them.
 void Caller::require(bool written) {
-    if (written || mFailed) return;
-    say(std::string("cannot write to stdout: ") + std::strerror(errno));
+    if (!written) fail(std::string("cannot write to stdout: ") + std::strerror(errno));
+}
+
+void Caller::fail(std::string const& reason) {
+    if (!mFailed) say(reason);
     mFailed = true;
     mIo.stop();
-}
-
-// All requests have the same time, so the oldest is the first to run out of it.
-void Caller::watchTimeout() {
-    mWatchesTimeout = true;
-    mTimer.expires_at(mRequests.front().sent + std::chrono::milliseconds(mOptions.timeoutMillis));
-    mTimer.async_wait([this](asio::error_code const& error) {
-        mWatchesTimeout = false;
-        if (!error) expire();
-    });
-}
-
-void Caller::expire() {
-    auto const late = Clock::now() - std::chrono::milliseconds(mOptions.timeoutMillis);
-    while (!mRequests.empty() && mRequests.front().sent <= late) {
-        uint16_t const msgId = mRequests.front().msgId;
-        mIds[msgId] = IdState::GIVEN_UP;
-        mOutstanding.erase(msgId);
-        mRequests.pop_front();
-        ++mReport.lost;
-    }
-    if (!mRequests.empty()) watchTimeout();
-    sendMore();
-}
-
-void Caller::finishWhenDone() {
-    if (mReport.requests == mOptions.count && mOutstanding.empty()) mIo.stop();
 }
 
 void Caller::reportProgress() {
@@ -201,7 +153,6 @@ void Caller::reportProgress() {
 }
 
 int Caller::conclude() {
-    mReport.lost += mOutstanding.size();
     mReport.p50Micros = mLatencies.percentile(50);
     mReport.p99Micros = mLatencies.percentile(99);
     if (mOptions.report) std::printf("%s\n", mReport.line().c_str());

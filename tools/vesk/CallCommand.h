@@ -4,10 +4,12 @@
 #include <optional>
 #include <string>
 
+#include "HostAddress.h"
+
 namespace vesk::tool {
 
 struct CallOptions {
-    std::string host;                 // unix:PATH
+    HostAddress address;
     std::string business;             // TOPIC/BUSINESS
     std::optional<std::string> data;  // the payload; else the file's content; else stdin's
     std::string file;

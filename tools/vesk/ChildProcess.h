@@ -15,7 +15,7 @@ namespace vesk::tool {
  * A process of our own with its pipes, in a process group of its own, which ends with this object
  * at the latest and with the process that started it.
  *
- * REQUIRES: the starting process has one thread.
+ * Threads: the one that runs the io_context; the process ends with the thread that started it.
  */
 class ChildProcess {
 public:

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include <vesk/client/BusinessName.h>
-#include <vesk/client/HostClient.h>
+#include <vesk/client/Client.h>
 #include <vesk/hostkit/CatalogueNames.h>
 #include <vesk/hostkit/FrameText.h>
 #include <asio/io_context.hpp>
@@ -277,7 +277,7 @@ void Demo::await(char const* what, std::function<bool()> const& reached) {
 // Empty while the host is not there yet.
 std::optional<client::Counters> Demo::query(std::string const& path) {
     try {
-        return client::HostClient(mIo, path).query();
+        return client::Client(path).query();
     } catch (std::runtime_error const&) {
         return std::nullopt;
     }

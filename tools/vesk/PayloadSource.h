@@ -49,8 +49,6 @@ public:
         return bytes;
     }
 
-    uint16_t firstMsgId() { return static_cast<uint16_t>(mRandom()); }
-
 private:
     // Reads one byte more than may be, to tell the longest payload from one that is too long.
     void read(FILE* in, std::string const& name) {

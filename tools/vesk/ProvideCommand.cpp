@@ -1,13 +1,15 @@
 #include "ProvideCommand.h"
 
+#include <atomic>
 #include <deque>
+#include <future>
 #include <memory>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
-#include <vesk/client/HostClient.h>
-#include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
+#include <asio/post.hpp>
 
 #include "EndSignals.h"
 #include "Errors.h"
@@ -20,6 +22,9 @@ namespace {
 /**
  * Reads every request at once and keeps those that wait for a free job, so that its need of memory
  * is bounded by what its consumers have outstanding.
+ *
+ * Threads: requests come on the client's thread; jobs belong to the one that runs the io_context,
+ *          where processes are started.
  */
 class Provider {
 public:
@@ -29,79 +34,100 @@ public:
     int run();
 
 private:
-    void requested(client::Message const& message);
-    void reply(client::DataMessage const& request, client::Bytes const& payload);
+    struct Request {
+        client::Bytes payload;
+        client::Responder responder;
+    };
+
+    client::Client::Options connection();
+    void requested(Request request);
     void startJobs();
-    void startJob(client::DataMessage request);
-    void giveUp(client::DataMessage const& request, std::string const& error);
+    void startJob(Request request);
+    static void giveUp(client::Responder const& request, std::string const& error);
+    void sayProviding(uint16_t session) const;
 
     asio::io_context& mIo;
     ProvideOptions const& mOptions;
     client::BusinessName const mBusiness;
-    client::HostClient mHost;
-    std::deque<client::DataMessage> mWaiting;
+    std::deque<Request> mWaiting;
     std::set<std::shared_ptr<ExecJob>> mJobs;
-    int mStatus = EXIT_OK;
+    std::atomic<int> mStatus{EXIT_OK};
+    client::Client mHost;
 };
 
 Provider::Provider(asio::io_context& io, ProvideOptions const& options)
     : mIo(io),
       mOptions(options),
       mBusiness(client::BusinessName::parse(options.business)),
-      mHost(io, hostkit::parseUnixPath("--host", options.host)) {}
+      mHost(options.address.path(), connection()) {}
+
+client::Client::Options Provider::connection() {
+    client::Client::Options options = mOptions.address.options();
+    options.onLost = [this](std::string const& reason) {
+        say(reason);
+        if (mOptions.address.reconnect) return;
+        mStatus = EXIT_FAILED;
+        mIo.stop();
+    };
+    options.onBack = [this](uint16_t session) { sayProviding(session); };
+    return options;
+}
 
 int Provider::run() {
-    uint16_t const session = mHost.join(client::HostClient::PROVIDER, mBusiness);
-    say("providing " + mBusiness.toString() + " as session " + std::to_string(session));
+    std::promise<void> readyForSignals;
+    uint16_t const session =
+            mHost.serve(mBusiness, [this, ready = readyForSignals.get_future().share()](
+                                           client::Bytes payload, client::Responder responder) {
+                ready.wait();
+                requested({std::move(payload), std::move(responder)});
+            });
     EndSignals signals(mIo);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
-    mHost.start([this](client::Message const& message) { requested(message); },
-                [this](std::string const& reason) {
-                    say(reason);
-                    mStatus = EXIT_FAILED;
-                    mIo.stop();
-                });
+    readyForSignals.set_value();
+    sayProviding(session);
     mIo.run();
     return mStatus;
 }
 
-void Provider::requested(client::Message const& message) {
-    std::optional<client::DataMessage> request = client::DataMessage::decode(message.body);
-    if (message.type != client::MessageType::REQUEST || !request) return;
-    if (mOptions.echo) return reply(*request, request->payload);
-    mWaiting.push_back(std::move(*request));
-    startJobs();
+void Provider::sayProviding(uint16_t session) const {
+    say("providing " + mBusiness.toString() + " as session " + std::to_string(session));
 }
 
-void Provider::reply(client::DataMessage const& request, client::Bytes const& payload) {
-    mHost.send(client::DataMessage::encode(client::MessageType::REPLY, request.session,
-                                           request.msgId, payload));
+void Provider::requested(Request request) {
+    if (mOptions.echo) {
+        request.responder.reply(request.payload);
+        return;
+    }
+    asio::post(mIo, [this, request = std::move(request)]() mutable {
+        mWaiting.push_back(std::move(request));
+        startJobs();
+    });
 }
 
 void Provider::startJobs() {
     while (!mWaiting.empty() && mJobs.size() < mOptions.jobs) {
-        client::DataMessage const request = std::move(mWaiting.front());
+        Request request = std::move(mWaiting.front());
         mWaiting.pop_front();
+        client::Responder const responder = request.responder;
         try {
-            startJob(request);
+            startJob(std::move(request));
         } catch (std::runtime_error const& error) {
-            giveUp(request, error.what());
+            giveUp(responder, error.what());
         }
     }
 }
 
-void Provider::giveUp(client::DataMessage const& request, std::string const& error) {
-    say("no reply to message " + std::to_string(request.msgId) + " of session " +
-        std::to_string(request.session) + ": " + error);
+void Provider::giveUp(client::Responder const& request, std::string const& error) {
+    say("no reply to message " + std::to_string(request.msgId()) + " of session " +
+        std::to_string(request.session()) + ": " + error);
 }
 
-void Provider::startJob(client::DataMessage request) {
+void Provider::startJob(Request request) {
     auto const job = std::make_shared<ExecJob>(mIo, mOptions.command, std::move(request.payload));
-    request.payload.clear();
     mJobs.insert(job);
-    job->run([this, request, key = std::weak_ptr<ExecJob>(job)](client::Bytes const& bytes,
-                                                                std::string const& error) {
-        error.empty() ? reply(request, bytes) : giveUp(request, error);
+    job->run([this, responder = std::move(request.responder), key = std::weak_ptr<ExecJob>(job)](
+                     client::Bytes const& bytes, std::string const& error) {
+        error.empty() ? (void)responder.reply(bytes) : giveUp(responder, error);
         mJobs.erase(key.lock());
         startJobs();
     });

@@ -3,10 +3,12 @@
 #include <cstddef>
 #include <string>
 
+#include "HostAddress.h"
+
 namespace vesk::tool {
 
 struct ProvideOptions {
-    std::string host;      // unix:PATH
+    HostAddress address;
     std::string business;  // TOPIC/BUSINESS
     bool echo = false;     // answer each request with its own payload
     std::string command;   // or with what this shell command makes of it
@@ -15,7 +17,7 @@ struct ProvideOptions {
 
 /**
  * vesk provide: answers the requests of one business until SIGINT or SIGTERM, or until the host
- * goes away, which is a failure.
+ * goes away, which is a failure unless it is to be waited for.
  */
 int runProvide(ProvideOptions const& options);
 

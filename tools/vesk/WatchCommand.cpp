@@ -1,11 +1,14 @@
 #include "WatchCommand.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <utility>
 
-#include <vesk/client/HostClient.h>
 #include <vesk/hostkit/FrameText.h>
-#include <vesk/hostkit_asio/Endpoint.h>
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 
@@ -16,66 +19,87 @@ namespace vesk::tool {
 
 namespace {
 
+/** Prints on the client's thread. */
 class Watcher {
 public:
-    Watcher(asio::io_context& io, std::string const& path) : mIo(io), mHost(io, path), mTimer(io) {}
+    Watcher(asio::io_context& io, HostAddress const& address);
 
     int run();
 
 private:
-    void received(client::Message const& message);
-    void printChange(client::Message const& message);
-    void printCounters(client::Counters const& counters);
+    void lost(std::string const& reason);
     void query();
+    void fail(std::string const& reason);
+    void printChange(char const* what, std::string const& name, bool added);
+    static void printCounters(client::Counters const& counters);
+    void flush();
 
     asio::io_context& mIo;
-    client::HostClient mHost;
+    bool const mWaitsForHost;
     asio::steady_timer mTimer;
-    int mStatus = EXIT_OK;
+    std::atomic<int> mStatus{EXIT_OK};
+    client::Client mHost;
 };
+
+client::Client::Options withLost(HostAddress const& address,
+                                 std::function<void(std::string const& reason)> onLost) {
+    client::Client::Options options = address.options();
+    options.onLost = std::move(onLost);
+    return options;
+}
+
+Watcher::Watcher(asio::io_context& io, HostAddress const& address)
+    : mIo(io),
+      mWaitsForHost(address.reconnect),
+      mTimer(io),
+      mHost(address.path(),
+            withLost(address, [this](std::string const& reason) { lost(reason); })) {}
 
 int Watcher::run() {
     EndSignals signals(mIo);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
-    mHost.start([this](client::Message const& message) { received(message); },
-                [this](std::string const& reason) {
-                    say(reason);
-                    mStatus = EXIT_FAILED;
-                    mIo.stop();
-                });
-    mHost.send(client::encodeMessage(client::MessageType::WATCH));
+    mHost.watch(
+            {[this](bool added, std::string const& topic) { printChange("topic", topic, added); },
+             [this](bool added, client::BusinessName const& business) {
+                 printChange("provider", business.toString(), added);
+             }});
     query();
     mIo.run();
     return mStatus;
 }
 
+void Watcher::lost(std::string const& reason) {
+    mWaitsForHost ? say(reason) : fail(reason);
+}
+
+void Watcher::fail(std::string const& reason) {
+    if (mStatus.exchange(EXIT_FAILED) == EXIT_OK) say(reason);
+    mIo.stop();
+}
+
 void Watcher::query() {
-    mHost.send(client::encodeMessage(client::MessageType::QUERY));
+    mHost.query([this](std::optional<client::Counters> const& counters) {
+        if (counters) printCounters(*counters);
+        flush();
+    });
     mTimer.expires_after(std::chrono::seconds(1));
     mTimer.async_wait([this](asio::error_code const& error) {
         if (!error) query();
     });
 }
 
-void Watcher::received(client::Message const& message) {
-    if (message.type == client::MessageType::COUNTERS) {
-        if (auto const counters = client::Counters::decode(message.body)) printCounters(*counters);
-    } else {
-        printChange(message);
-    }
-    flushOutput();  // whoever reads this through a pipe wants it now, or has seen enough
+void Watcher::printChange(char const* what, std::string const& name, bool added) {
+    std::printf("%s %s %s\n", what, hostkit::FrameText::escape(name).c_str(),
+                added ? "added" : "removed");
+    flush();
 }
 
-void Watcher::printChange(client::Message const& message) {
-    auto const change = client::ChangeMessage::decode(message.type, message.body);
-    if (!change) return;
-    std::string const topic = hostkit::FrameText::escape(change->topic);
-    char const* what = change->added ? "added" : "removed";
-    if (message.type == client::MessageType::TOPIC) {
-        std::printf("topic %s %s\n", topic.c_str(), what);
-    } else {
-        std::printf("provider %s/%s %s\n", topic.c_str(),
-                    hostkit::FrameText::escape(change->business).c_str(), what);
+// Whoever reads this through a pipe wants it now, or has seen enough.
+void Watcher::flush() {
+    try {
+        flushOutput();
+    } catch (std::runtime_error const& error) {
+        fail(error.what());
     }
 }
 
@@ -101,9 +125,9 @@ void Watcher::printCounters(client::Counters const& counters) {
 
 }  // namespace
 
-int runWatch(std::string const& host) {
+int runWatch(HostAddress const& address) {
     asio::io_context io;
-    return Watcher(io, hostkit::parseUnixPath("--host", host)).run();
+    return Watcher(io, address).run();
 }
 
 }  // namespace vesk::tool

@@ -1,13 +1,14 @@
 #pragma once
 
-#include <string>
+#include "HostAddress.h"
 
 namespace vesk::tool {
 
 /**
  * vesk watch: prints the topics and providers of a host, each change among them and, once a second,
- * the host's counters, until SIGINT or SIGTERM, or until the host goes away, which is a failure.
+ * the host's counters, until SIGINT or SIGTERM, or until the host goes away, which is a failure
+ * unless it is to be waited for.
  */
-int runWatch(std::string const& host);
+int runWatch(HostAddress const& address);
 
 }  // namespace vesk::tool

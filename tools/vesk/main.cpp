@@ -54,6 +54,17 @@ private:
 
 constexpr size_t DAY = 86400000;  // in milliseconds
 
+void addHostAddress(CLI::App* sub, HostAddress& address) {
+    sub->add_option("--host", address.host, "The host's client socket: unix:PATH")->required();
+    sub->add_flag("--any-owner", address.anyOwner,
+                  "Talk also to a host of another user, who can read everything");
+}
+
+void addReconnect(CLI::App* sub, HostAddress& address) {
+    sub->add_flag("--reconnect", address.reconnect,
+                  "When the host goes away, wait until it is back and go on");
+}
+
 std::string const EXIT_STATUSES = "Exit status: 0 success, 1 failure, 2 wrong usage.";
 
 void addHost(CLI::App& app, HostOptions& options, Command& command) {
@@ -75,7 +86,7 @@ void addHost(CLI::App& app, HostOptions& options, Command& command) {
 
 void addProvide(CLI::App& app, ProvideOptions& options, Command& command) {
     CLI::App* sub = app.add_subcommand("provide", "Answers the requests of one business");
-    sub->add_option("--host", options.host, "The host's client socket: unix:PATH")->required();
+    addHostAddress(sub, options.address);
     sub->add_option("business", options.business, "TOPIC/BUSINESS")->required();
     CLI::Option_group* answer = sub->add_option_group("answer", "How to answer; one of");
     answer->add_flag("--echo", options.echo, "With the request's own bytes");
@@ -85,6 +96,7 @@ void addProvide(CLI::App& app, ProvideOptions& options, Command& command) {
     sub->add_option("--jobs", options.jobs, "Commands of --exec that run at once")
             ->transform(WholeNumber(1, 256))
             ->capture_default_str();
+    addReconnect(sub, options.address);
     sub->callback([&] { command = [&] { return runProvide(options); }; });
 }
 
@@ -93,7 +105,7 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
             "call",
             "Sends requests to a business and prints the replies; succeeds only when every "
             "reply came");
-    sub->add_option("--host", options.host, "The host's client socket: unix:PATH")->required();
+    addHostAddress(sub, options.address);
     sub->add_option("business", options.business, "TOPIC/BUSINESS")->required();
     CLI::Option_group* payload =
             sub->add_option_group("payload", "What to send, up to 65535 bytes (default: stdin)");
@@ -124,11 +136,12 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
     sub->callback([&] { command = [&] { return runCall(options); }; });
 }
 
-void addWatch(CLI::App& app, std::string& host, Command& command) {
+void addWatch(CLI::App& app, HostAddress& address, Command& command) {
     CLI::App* sub = app.add_subcommand(
             "watch", "Prints a host's topics, providers and, once a second, counters");
-    sub->add_option("--host", host, "The host's client socket: unix:PATH")->required();
-    sub->callback([&] { command = [&] { return runWatch(host); }; });
+    addHostAddress(sub, address);
+    addReconnect(sub, address);
+    sub->callback([&] { command = [&] { return runWatch(address); }; });
 }
 
 void addList(CLI::App& app, ListOptions& options, Command& command) {
@@ -179,7 +192,7 @@ int run(int argc, char** argv) {
     HostOptions host;
     ProvideOptions provide;
     CallOptions call;
-    std::string watched;
+    HostAddress watched;
     ListOptions list;
     DecodeOptions decode;
     DemoOptions demo;

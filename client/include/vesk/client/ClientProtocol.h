@@ -77,6 +77,9 @@ struct JoinedMessage {
 
 /** REQUEST or REPLY. */
 struct DataMessage {
+    /** Throws std::invalid_argument for more than one message carries. */
+    static void checkSize(size_t payload);
+
     /** REQUIRES: the payload has MAX_PAYLOAD_SIZE bytes at most. */
     static Bytes encode(MessageType type, uint16_t session, uint16_t msgId, Bytes const& payload);
     static std::optional<DataMessage> decode(Bytes const& body);

@@ -3,15 +3,18 @@
 #include <chrono>
 #include <string>
 
-#include <asio/local/stream_protocol.hpp>
+#include <vesk/VeskExport.h>
 
 namespace vesk::client {
 
 /**
- * Connects to the socket at `path`, for so long at most: its owner may live and not accept, and
- * then there is no end to wait for. Blocks. Gives asio::error::timed_out in that case.
+ * Connects to the Unix socket at `path`, for so long at most: its owner may live and not accept,
+ * and then there is no end to wait for. Blocks.
+ *
+ * Returns the descriptor, which is the caller's. Throws std::system_error with the reason:
+ * std::errc::timed_out where nobody accepted in time, and std::errc::filename_too_long for a path
+ * that no socket can have.
  */
-asio::error_code connectUnix(asio::local::stream_protocol::socket& socket, std::string const& path,
-                             std::chrono::milliseconds limit);
+VESK_EXPORT int connectUnix(std::string const& path, std::chrono::milliseconds limit);
 
 }  // namespace vesk::client

@@ -1,0 +1,480 @@
+#include "ClientImpl.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <random>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "ResponderTarget.h"
+
+namespace vesk::client {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds BACK_OFF_FIRST{100};
+constexpr milliseconds BACK_OFF_LAST{3200};
+// A host that does not accept at once is tried again later: meanwhile the thread has to see whether
+// it is to end.
+constexpr milliseconds RECONNECT_LIMIT{100};
+// What waits behind a slow callback leaves at least this often.
+constexpr milliseconds FLUSH_INTERVAL{1};
+
+constexpr char const* NOT_UNDERSTOOD =
+        "the host's messages are not understood; is it another version of vesk?";
+constexpr char const* NO_ANSWER = "the host does not answer; see whether it is stopped";
+
+std::string textOf(Message const& message) {
+    return {message.body.begin(), message.body.end()};
+}
+
+template <typename Future>
+auto await(Future future, milliseconds limit) {
+    if (future.wait_for(limit) != std::future_status::ready) throw std::runtime_error(NO_ANSWER);
+    return future.get();
+}
+
+}  // namespace
+
+class Client::Impl::Request : public Responder::Target {
+public:
+    Request(std::weak_ptr<Impl> client, uint64_t connection, DataMessage const& data)
+        : Target(data.session, data.msgId), mClient(std::move(client)), mConnection(connection) {}
+
+private:
+    bool send(Bytes const& payload) override {
+        auto const client = mClient.lock();
+        return client && client->reply(mConnection, session(), msgId(), payload);
+    }
+
+    std::weak_ptr<Impl> const mClient;
+    uint64_t const mConnection;
+};
+
+Client::Impl::Impl(std::string path, Options options)
+    : mPath(std::move(path)),
+      mOptions(std::move(options)),
+      mBackOff(BACK_OFF_FIRST),
+      mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      mCalls(static_cast<uint16_t>(std::random_device()())) {
+    if (mWake.get() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    mConnection.open(mPath, mOptions.limit, mOptions.anyOwner);
+}
+
+void Client::Impl::start() {
+    mThread = std::thread([self = shared_from_this()] { self->run(); });
+}
+
+void Client::Impl::stop() {
+    bool isThread;
+    {
+        Lock const lock(mMutex);
+        mStopping = true;
+        isThread = mThreadId == std::this_thread::get_id();
+        mUp = false;
+        ::eventfd_write(mWake.get(), 1);
+    }
+    if (isThread) {
+        mThread.detach();
+        abandonAll();
+    } else {
+        mThread.join();
+    }
+}
+
+void Client::Impl::refuseToWait() const {
+    if (mThreadId == std::this_thread::get_id()) {
+        throw std::logic_error(
+                "a callback of a client cannot wait for an answer that comes through its own "
+                "thread; use the form that takes a callback, or another thread");
+    }
+}
+
+uint16_t Client::Impl::join(Role role, BusinessName const& business, Handler handler) {
+    std::future<uint16_t> session;
+    {
+        Lock const lock(mMutex);
+        refuseToWait();
+        if (mRole != Role::NONE) {
+            throw std::logic_error("this client has joined already; make another one");
+        }
+        if (!mUp) throw std::runtime_error(mWhyLost);
+        mRole = role;
+        mBusiness = business;
+        mHandler = std::make_shared<Handler const>(std::move(handler));
+        session = mJoining.emplace().get_future();
+        send(JoinMessage{static_cast<int>(role), business.topic, business.business}.encode());
+    }
+    return await(std::move(session), mOptions.limit);
+}
+
+Client::Sent Client::Impl::call(Bytes const& payload, milliseconds timeout, Done& done) {
+    DataMessage::checkSize(payload.size());
+    Lock const lock(mMutex);
+    if (mRole != Role::CONSUMER) throw std::logic_error("join() a business before you call it");
+    if (!isUp()) return Sent::NOT_CONNECTED;
+    if (backlog() > mOptions.maxBacklog) return Sent::FULL;
+    std::optional<uint16_t> const msgId = mCalls.add(Clock::now() + timeout, done);
+    if (!msgId) return Sent::NO_ID;
+    send(DataMessage::encode(MessageType::REQUEST, mSession, *msgId, payload));
+    return Sent::YES;
+}
+
+bool Client::Impl::reply(uint64_t connection, uint16_t session, uint16_t msgId,
+                         Bytes const& payload) {
+    Lock const lock(mMutex);
+    if (!mUp || connection != mConnections) return false;
+    send(DataMessage::encode(MessageType::REPLY, session, msgId, payload));
+    return true;
+}
+
+void Client::Impl::watch(Watcher watcher) {
+    Lock const lock(mMutex);
+    if (mWatcher) throw std::logic_error("this client watches already; make another one");
+    mWatcher = std::make_shared<Watcher const>(std::move(watcher));
+    if (mUp) send(encodeMessage(MessageType::WATCH));
+}
+
+Counters Client::Impl::query() {
+    auto const promise = std::make_shared<std::promise<std::optional<Counters>>>();
+    {
+        Lock const lock(mMutex);
+        refuseToWait();
+    }
+    query([promise](std::optional<Counters> const& counters) { promise->set_value(counters); });
+    std::optional<Counters> const counters = await(promise->get_future(), mOptions.limit);
+    Lock const lock(mMutex);
+    if (!counters) throw std::runtime_error(mWhyLost);
+    return *counters;
+}
+
+void Client::Impl::query(QueryDone done) {
+    {
+        Lock const lock(mMutex);
+        if (mUp) {
+            mQueries.push_back(std::move(done));
+            send(encodeMessage(MessageType::QUERY));
+            return;
+        }
+    }
+    done(std::nullopt);
+}
+
+void Client::Impl::post(std::function<void()> task) {
+    Lock const lock(mMutex);
+    mTasks.push_back(std::move(task));
+    wake();
+}
+
+bool Client::Impl::connected() const {
+    Lock const lock(mMutex);
+    return isUp();
+}
+
+void Client::Impl::send(Bytes const& message) {
+    mWaiting.insert(mWaiting.end(), message.begin(), message.end());
+    wake();
+}
+
+// The thread looks by itself before it sleeps.
+void Client::Impl::wake() {
+    if (std::exchange(mAsleep, false)) ::eventfd_write(mWake.get(), 1);
+}
+
+void Client::Impl::run() {
+    {
+        Lock const lock(mMutex);
+        mThreadId = std::this_thread::get_id();
+    }
+    while (!mStopping)
+        turn();
+    // What was said last is given the chance to leave.
+    if (mConnection.isOpen()) flush();
+    abandonAll();
+}
+
+void Client::Impl::turn() {
+    runTasks();
+    flush();
+    // While there is something to read nobody asks the system whether there is.
+    if (!mConnection.isOpen() || !receive()) sleep();
+    expire();
+    if (!mConnection.isOpen() && mOptions.reconnect && Clock::now() >= mRetry) reconnect();
+}
+
+void Client::Impl::runTasks() {
+    std::deque<std::function<void()>> tasks;
+    {
+        Lock const lock(mMutex);
+        tasks.swap(mTasks);
+    }
+    for (auto const& task : tasks) {
+        if (!mStopping) task();
+    }
+}
+
+/** Returns whether anything came. */
+bool Client::Impl::receive() {
+    {
+        // A provider that cannot get rid of its replies takes no further request.
+        Lock const lock(mMutex);
+        if (mRole == Role::PROVIDER && backlog() > mOptions.maxBacklog) return false;
+    }
+    switch (mConnection.read(mReader)) {
+        case Connection::Result::WOULD_BLOCK:
+            return false;
+        case Connection::Result::CLOSED:
+            lose("the host is gone: " + mConnection.whyClosed());
+            return true;
+        case Connection::Result::DONE:
+            break;
+    }
+    Message message;
+    while (mConnection.isOpen() && !mStopping) {
+        MessageReader::Result const result = mReader.next(message);
+        if (result == MessageReader::Result::NEED_MORE) break;
+        if (result != MessageReader::Result::MESSAGE) {
+            lose(NOT_UNDERSTOOD);
+            break;
+        }
+        dispatch(message);
+        flushAfterWhile();
+    }
+    return true;
+}
+
+void Client::Impl::dispatch(Message const& message) {
+    switch (message.type) {
+        case MessageType::JOINED:
+            return joined(message);
+        case MessageType::REFUSED:
+            return refused(message);
+        case MessageType::REPLY:
+            return replied(message);
+        case MessageType::REQUEST:
+            return requested(message);
+        case MessageType::TOPIC:
+        case MessageType::PROVIDER:
+            return changed(message);
+        case MessageType::COUNTERS:
+            return counted(message);
+        default:
+            return;  // a newer host's, which nobody here has asked for
+    }
+}
+
+void Client::Impl::joined(Message const& message) {
+    auto const joined = JoinedMessage::decode(message.body);
+    if (!joined) return lose(NOT_UNDERSTOOD);
+    bool isBack;
+    {
+        Lock const lock(mMutex);
+        if (mRole == Role::NONE || mJoined) return;
+        mJoined = true;
+        mSession = joined->session;
+        isBack = mIsBack;
+        if (mJoining) std::exchange(mJoining, std::nullopt)->set_value(joined->session);
+    }
+    mBackOff = BACK_OFF_FIRST;
+    if (isBack && mOptions.onBack) mOptions.onBack(joined->session);
+}
+
+void Client::Impl::refused(Message const& message) {
+    std::string const text = textOf(message);
+    {
+        Lock const lock(mMutex);
+        endJoining(std::make_exception_ptr(std::invalid_argument(text)));
+    }
+    lose("the host refused: " + text);
+}
+
+void Client::Impl::replied(Message const& message) {
+    std::optional<DataMessage> reply = DataMessage::decode(message.body);
+    if (!reply) return;
+    Done done;
+    {
+        Lock const lock(mMutex);
+        done = mCalls.take(reply->msgId);
+    }
+    if (done) done({Outcome::REPLIED, std::move(reply->payload)});
+}
+
+void Client::Impl::requested(Message const& message) {
+    std::optional<DataMessage> request = DataMessage::decode(message.body);
+    std::shared_ptr<Handler const> handler;
+    uint64_t connection;
+    {
+        Lock const lock(mMutex);
+        if (!request || !mJoined || mRole != Role::PROVIDER) return;
+        handler = mHandler;
+        connection = mConnections;
+    }
+    Responder const responder(std::make_shared<Request>(weak_from_this(), connection, *request));
+    (*handler)(std::move(request->payload), responder);
+}
+
+void Client::Impl::changed(Message const& message) {
+    auto change = ChangeMessage::decode(message.type, message.body);
+    std::shared_ptr<Watcher const> watcher;
+    {
+        Lock const lock(mMutex);
+        watcher = mWatcher;
+    }
+    if (!change || !watcher) return;
+    if (message.type == MessageType::TOPIC) {
+        if (watcher->onTopic) watcher->onTopic(change->added, change->topic);
+    } else if (watcher->onProvider) {
+        watcher->onProvider(change->added, {change->topic, change->business});
+    }
+}
+
+void Client::Impl::counted(Message const& message) {
+    auto const counters = Counters::decode(message.body);
+    if (!counters) return lose(NOT_UNDERSTOOD);
+    if (QueryDone const done = takeQuery()) done(counters);
+}
+
+// Whatever has gathered leaves in one write.
+void Client::Impl::flush() {
+    {
+        Lock const lock(mMutex);
+        if (mLeaving.empty()) mLeaving.swap(mWaiting);
+    }
+    if (mLeaving.empty() || !mConnection.isOpen()) return;
+    mLastFlush = Clock::now();
+    if (mConnection.write(mLeaving, mSent) == Connection::Result::CLOSED) {
+        // Why the host does not take it any more, reading will tell.
+        mLeaving.clear();
+        mSent = 0;
+    }
+    Lock const lock(mMutex);
+    mUnsent = mLeaving.size() - mSent;
+}
+
+void Client::Impl::flushAfterWhile() {
+    if (Clock::now() - mLastFlush >= FLUSH_INTERVAL) flush();
+}
+
+void Client::Impl::sleep() {
+    pollfd waited[2] = {{mWake.get(), POLLIN, 0}, {mConnection.descriptor(), 0, 0}};
+    timespec time{};
+    bool hasTime = false;
+    {
+        Lock const lock(mMutex);
+        bool const canSend = mConnection.isOpen() && mLeaving.empty() && !mWaiting.empty();
+        if (mStopping || canSend || !mTasks.empty()) return;
+        bool const full = mRole == Role::PROVIDER && backlog() > mOptions.maxBacklog;
+        waited[1].events =
+                static_cast<short>((full ? 0 : POLLIN) | (mLeaving.empty() ? 0 : POLLOUT));
+        if (auto const next = nextTurn()) {
+            auto const left = std::max(*next - Clock::now(), Clock::duration::zero());
+            time.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
+            time.tv_nsec = (left % std::chrono::seconds(1)).count();
+            hasTime = true;
+        }
+        mAsleep = true;
+    }
+    ::ppoll(waited, 2, hasTime ? &time : nullptr, nullptr);
+    eventfd_t ignored;
+    if (waited[0].revents != 0) ::eventfd_read(mWake.get(), &ignored);
+    Lock const lock(mMutex);
+    mAsleep = false;
+}
+
+std::optional<Client::Impl::Clock::time_point> Client::Impl::nextTurn() const {
+    if (mUp) return mCalls.nextDeadline();
+    return mOptions.reconnect ? std::optional<Clock::time_point>(mRetry) : std::nullopt;
+}
+
+// One after the other: a callback may destroy the client, and then abandons the rest.
+void Client::Impl::expire() {
+    for (Done done;; done({Outcome::TIMED_OUT, {}})) {
+        Lock const lock(mMutex);
+        done = mCalls.expire(Clock::now());
+        if (!done) return;
+    }
+}
+
+void Client::Impl::abandonAll() {
+    for (Done done;; done({Outcome::LOST, {}})) {
+        Lock const lock(mMutex);
+        done = mCalls.abandon();
+        if (!done) break;
+    }
+    while (QueryDone const done = takeQuery())
+        done(std::nullopt);
+}
+
+Client::Impl::QueryDone Client::Impl::takeQuery() {
+    Lock const lock(mMutex);
+    if (mQueries.empty()) return nullptr;
+    QueryDone done = std::move(mQueries.front());
+    mQueries.pop_front();
+    return done;
+}
+
+void Client::Impl::lose(std::string const& reason) {
+    mConnection.close();
+    mReader = {};
+    mLeaving.clear();
+    mSent = 0;
+    mRetry = Clock::now() + mBackOff;
+    mBackOff = std::min(mBackOff * 2, BACK_OFF_LAST);
+    bool wasUp;
+    {
+        Lock const lock(mMutex);
+        wasUp = isUp();
+        mUp = false;
+        mJoined = false;
+        mWhyLost = reason;
+        mWaiting.clear();
+        mUnsent = 0;
+        endJoining(std::make_exception_ptr(
+                std::runtime_error("the host went away before it answered (" + reason +
+                                   "); see why it ended, start it again and repeat the command")));
+    }
+    abandonAll();
+    if (wasUp && !mStopping && mOptions.onLost) mOptions.onLost(reason);
+}
+
+void Client::Impl::endJoining(std::exception_ptr why) {
+    if (!mJoining) return;
+    std::exchange(mJoining, std::nullopt)->set_exception(std::move(why));
+    mRole = Role::NONE;
+}
+
+void Client::Impl::reconnect() {
+    try {
+        mConnection.open(mPath, std::min(mOptions.limit, RECONNECT_LIMIT), mOptions.anyOwner);
+    } catch (std::runtime_error const&) {
+        mConnection.close();
+        mRetry = Clock::now() + mBackOff;
+        mBackOff = std::min(mBackOff * 2, BACK_OFF_LAST);
+        return;
+    }
+    bool joins;
+    {
+        Lock const lock(mMutex);
+        mUp = true;
+        mIsBack = true;
+        ++mConnections;
+        joins = mRole != Role::NONE;
+        if (joins) {
+            send(JoinMessage{static_cast<int>(mRole), mBusiness.topic, mBusiness.business}
+                         .encode());
+        }
+        if (mWatcher) send(encodeMessage(MessageType::WATCH));
+    }
+    if (joins) return;  // joined() goes on
+    mBackOff = BACK_OFF_FIRST;
+    if (mOptions.onBack) mOptions.onBack(0);
+}
+
+}  // namespace vesk::client
