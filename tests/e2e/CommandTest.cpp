@@ -132,9 +132,10 @@ TEST_F(CommandTest, AProviderAnswersEachRequestOnce) {
         awaitClosed(line);
         EXPECT_EQ(line.heard().size(), *answer ? 2U : 1U);
     }
-    // Each job tells how many its provider has at that time.
-    auto const [busy, line] =
-            startJoined("provide --jobs 2 --exec 'wc -w </proc/$PPID/task/$PPID/children'");
+    // Each job tells how many its provider has at that time. Its parent is its keeper.
+    auto const [busy, line] = startJoined(
+            "provide --jobs 2 --exec 'read -r pid name state parent all </proc/$PPID/stat; "
+            "wc -w </proc/$parent/task/$parent/children'");
     Bytes requests;
     for (int i = 0; i < 6; ++i) {
         for (uint8_t const byte : data(Type::REQUEST, 1, i, ""))

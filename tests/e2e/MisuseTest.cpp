@@ -1,5 +1,8 @@
 // Wrong, huge and hostile use of the commands, and trouble around them.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include "LatencyHistogram.h"
 #include "support/Scene.h"
 
@@ -40,6 +43,37 @@ TEST_F(MisuseTest, NumbersAreDecimalAndWithinTheirRange) {
         expectEnd(start(at("call test/test") + " --window=" + wrong), 2,
                   "is no whole number from 1 to 32768");
     }
+}
+
+TEST_F(MisuseTest, AJobEndsWithItsCommandItsTimeOrItsProvider) {
+    startHost();
+    ASSERT_EQ(::mkfifo(path("held").c_str(), 0600), 0);
+    int const held = ::open(path("held").c_str(), O_RDONLY | O_NONBLOCK);
+    // Each job leaves a process that holds its stdout. As long as one of its processes runs, "held"
+    // has no end.
+    for (auto const& [end, limit, answer, error] :
+         {std::tuple{"echo done", "3600000", "done\n\n", ""},
+          {"wait", "50", "", "the command did not end within 50 ms; --job-timeout gives"},
+          {"echo x >&9; wait", "3600000", "", ""}}) {
+        Process& provider =
+                start(at("provide test/test --job-timeout " + std::string(limit) +
+                         " --exec 'exec 9>" + path("held") + "; sleep 1000 & " + end + "'"));
+        awaitText(provider, "providing");
+        Process& call = start(at("call test/test") + " --timeout " + (*error ? "1" : "50000"));
+        char byte = 0;
+        if (*answer || *error) {
+            expectEnd(call, *error ? 1 : 0);
+            EXPECT_EQ(call.output(), answer);
+            awaitText(provider, error);
+        } else {
+            await("the job", [&] { return ::read(held, &byte, 1) == 1; });
+            provider.signal(SIGKILL);
+        }
+        await("the job's end", [&] { return ::read(held, &byte, 1) == 0; });
+        provider.signal(SIGTERM);
+        await("the provider's end", [&] { return !provider.ending().empty(); });
+    }
+    ::close(held);
 }
 
 TEST_F(MisuseTest, APercentileIsNeverTooLowAndHardlyTooHigh) {

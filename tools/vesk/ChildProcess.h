@@ -1,8 +1,8 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/wait.h>
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,7 +13,8 @@ namespace vesk::tool {
 
 /**
  * A process of our own with its pipes, in a process group of its own, which ends with this object
- * at the latest and with the process that started it.
+ * at the latest and with the process that started it. Whatever it has left running in its group
+ * ends as soon as its own end is noticed.
  *
  * Threads: the one that runs the io_context; the process ends with the thread that started it.
  */
@@ -24,13 +25,14 @@ public:
         bool pipeInput = false;
         bool pipeOutput = false;
         std::string errorFile;  // takes its stderr; shared with ours when empty
+        bool kept = false;      // see ended()
     };
 
     /** Throws std::runtime_error where no process can be made. */
     ChildProcess(asio::io_context& io, Options const& options);
 
-    /** Kills the whole group, where it still runs, and waits for the process. */
-    ~ChildProcess();
+    /** As kill() does. */
+    ~ChildProcess() { kill(); }
     ChildProcess(ChildProcess const&) = delete;
     ChildProcess& operator=(ChildProcess const&) = delete;
 
@@ -38,21 +40,37 @@ public:
     asio::posix::stream_descriptor& input() { return mInput; }
     asio::posix::stream_descriptor& output() { return mOutput; }
 
-    /** Sends it a signal, unless it has ended. */
+    /**
+     * Can be read, without any bytes, as soon as a `kept` process has ended. Such a one has a
+     * keeper: a process that leads its group, ends when it does and as it does, and kills the group
+     * when the starting process ends, be it by SIGKILL.
+     */
+    asio::posix::stream_descriptor& ended() { return mEnded; }
+
+    /** Kills the whole group, where it still runs, and waits for the process. */
+    void kill();
+
+    /** Sends it a signal, unless it has ended. REQUIRES: it is not `kept`. */
     void signal(int number);
 
     /** "exit status 3" or "signal 9" when it has ended; empty while it runs. */
-    std::string const& ending();
+    std::string const& ending() { return reap(WNOHANG); }
+
+    /** The same, for which it waits. */
+    std::string const& awaitEnding() { return reap(0); }
 
     /** Whether it has ended with status 0. */
     bool succeeded() { return !ending().empty() && mStatus == 0; }
 
 private:
+    std::string const& reap(int options);
+
     pid_t mPid = -1;
     int mStatus = 0;
     std::string mEnding;
     asio::posix::stream_descriptor mInput;
     asio::posix::stream_descriptor mOutput;
+    asio::posix::stream_descriptor mEnded;
 };
 
 }  // namespace vesk::tool

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,17 +25,24 @@ public:
     using Done = std::function<void(client::Bytes const& reply, std::string const& error)>;
 
     /** Starts the command. Throws std::runtime_error where it cannot. */
-    ExecJob(asio::io_context& io, std::string const& command, client::Bytes payload);
+    ExecJob(asio::io_context& io, std::string const& command, client::Bytes payload,
+            std::chrono::milliseconds limit);
 
-    /** Keeps the job alive until `done` has been called, once. */
+    /**
+     * Keeps the job alive until `done` has been called, once: when the command itself has ended,
+     * whoever else may hold its stdout, or was killed because it had not within the limit.
+     */
     void run(Done done);
 
 private:
-    void read();
+    void awaitOutput();
+    bool takeOutput();
     void awaitEnd();
+    void awaitLimit();
     void finish(std::string const& error);
 
     ChildProcess mProcess;
+    std::chrono::milliseconds const mLimit;
     asio::steady_timer mTimer;
     client::Bytes const mPayload;
     client::Bytes mReply;

@@ -1,6 +1,7 @@
 #include "ProvideCommand.h"
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <future>
 #include <memory>
@@ -123,7 +124,9 @@ void Provider::giveUp(client::Responder const& request, std::string const& error
 }
 
 void Provider::startJob(Request request) {
-    auto const job = std::make_shared<ExecJob>(mIo, mOptions.command, std::move(request.payload));
+    auto const job =
+            std::make_shared<ExecJob>(mIo, mOptions.command, std::move(request.payload),
+                                      std::chrono::milliseconds(mOptions.jobTimeoutMillis));
     mJobs.insert(job);
     job->run([this, responder = std::move(request.responder), key = std::weak_ptr<ExecJob>(job)](
                      client::Bytes const& bytes, std::string const& error) {

@@ -13,10 +13,11 @@ struct ProvideOptions {
     bool echo = false;     // answer each request with its own payload
     std::string command;   // or with what this shell command makes of it
     size_t jobs = 4;       // commands that run at once
+    size_t jobTimeoutMillis = 60000;
 };
 
 /**
- * vesk provide: answers the requests of one business until SIGINT or SIGTERM, or until the host
+ * vesk provide: answers the requests of one business until a signal ends it, or until the host
  * goes away, which is a failure unless it is to be waited for.
  */
 int runProvide(ProvideOptions const& options);

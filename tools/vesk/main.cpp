@@ -90,11 +90,17 @@ void addProvide(CLI::App& app, ProvideOptions& options, Command& command) {
     sub->add_option("business", options.business, "TOPIC/BUSINESS")->required();
     CLI::Option_group* answer = sub->add_option_group("answer", "How to answer; one of");
     answer->add_flag("--echo", options.echo, "With the request's own bytes");
-    answer->add_option("--exec", options.command,
-                       "With what this shell command writes when it reads the request on stdin");
+    answer->add_option(
+            "--exec", options.command,
+            "With what this shell command writes when it reads the request on stdin; what "
+            "it leaves running, but for that with a session of its own, ends with it");
     answer->require_option(1);
     sub->add_option("--jobs", options.jobs, "Commands of --exec that run at once")
             ->transform(WholeNumber(1, 256))
+            ->capture_default_str();
+    sub->add_option("--job-timeout", options.jobTimeoutMillis,
+                    "Milliseconds that each of them has; then it is killed")
+            ->transform(WholeNumber(1, DAY))
             ->capture_default_str();
     addReconnect(sub, options.address);
     sub->callback([&] { command = [&] { return runProvide(options); }; });
@@ -228,6 +234,8 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     vesk::tool::openStandardStreams();
     std::signal(SIGPIPE, SIG_IGN);  // a peer that is gone shows as an error of the write
+    std::signal(SIGCHLD,
+                SIG_DFL);  // ignored, as some parents leave it, would hide how a child ends
     try {
         return vesk::tool::run(argc, argv);
     } catch (vesk::tool::UsageError const& error) {
