@@ -108,6 +108,7 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     reply(line, 1, "x");
     expectEnd(unread, 1, "cannot write to stdout");
     auto const [watch, news] = startClient("watch");
+    awaitHeard(news, 1);
     news.say(client::ChangeMessage{true, "a\x1B", "b\x9B"}.encode(Type::PROVIDER));
     awaitText(watch, "provider a\\x1B/b\\x9B added\n");
     mListener.acceptor().listen(0);  // who does not accept has room for one that waits
