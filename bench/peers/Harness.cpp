@@ -30,7 +30,9 @@ long peakKiB(std::string const& process) {
     return 0;
 }
 
-Options parse(int argc, char** argv) {
+}  // namespace
+
+Options optionsFrom(int argc, char** argv) {
     Options options;
     double payload = 64, window = 1, requests = 0;
     std::map<std::string, double*> const numbers{{"--payload", &payload},
@@ -54,10 +56,8 @@ Options parse(int argc, char** argv) {
     return options;
 }
 
-}  // namespace
-
 int run(int argc, char** argv, Serve serve, Ask ask) {
-    Options const options = parse(argc, argv);
+    Options const options = optionsFrom(argc, argv);
     char folder[] = "/tmp/vesk-peers-XXXXXX";
     require(mkdtemp(folder) != nullptr, "no folder for the socket");
     int ends[2];

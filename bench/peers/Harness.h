@@ -23,6 +23,9 @@ using Ask = void (*)(Channel const& channel, Options const& options, Load& load)
  */
 int run(int argc, char** argv, Serve serve, Ask ask);
 
+/** What the arguments behind the program's name ask for; a wrong one ends the process. */
+Options optionsFrom(int argc, char** argv);
+
 /** Writes everything; a failure ends the process. */
 void writeAll(int channel, uint8_t const* bytes, size_t size);
 /** Reads what there is, at least a byte; the end of the stream ends the process. */

@@ -1,0 +1,1 @@
+"""What the scripts that measure have in common, and what they do besides their main purpose."""

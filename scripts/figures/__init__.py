@@ -1,1 +1,0 @@
-"""What the scripts that measure print: tables and plots, with the machine and the date."""
