@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <vesk/Vesk.h>
 #include <vesk/hostkit/FrameReader.h>
+#include <vesk/hostkit/Outbox.h>
 #include <vesk/hostkit/Requester.h>
 #include <vesk/hostkit/Responder.h>
 
@@ -18,8 +19,13 @@ using Bytes = std::vector<uint8_t>;
 
 struct Host : VeskCallback {
     explicit Host(int channel) : mChannel(channel) {}
-    void sendToChannel(Bytes bytes) override {  // a blocking socket takes all of it
-        send(mChannel, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    void sendToChannel(Bytes bytes) override {
+        mOutbox.put(std::move(bytes));
+        if (mOutbox.moreComes(*mQueue)) return;  // the next call writes it too
+        for (auto batch = mOutbox.take(); batch.size > 0; batch = mOutbox.take()) {
+            send(mChannel, batch.data, batch.size, MSG_NOSIGNAL);  // a blocking one takes all of it
+            mOutbox.written(batch.size);
+        }
     }
     void receive(uint32_t, uint32_t id, bool, std::shared_ptr<VeskFrame> const& frame) override {
         if (mRequester.received(frame)) return;
@@ -29,9 +35,8 @@ struct Host : VeskCallback {
     void notifyBusinessChanged(bool, std::string, std::string) override {}
 
     void serve() {  // until the channel ends
-        auto const queue = Vesk::getInstance()->getQueue();
         hostkit::FrameReader reader(*Vesk::getInstance()->getConfig(),
-                                    [&](auto const& frame) { queue->receiveFromChannel(frame); });
+                                    [&](auto const& frame) { mQueue->receiveFromChannel(frame); });
         pollfd readable{mChannel, POLLIN, 0};
         for (Bytes bytes(65536);;) {
             bool const silent = poll(&readable, 1, reader.incomplete() ? 1000 : -1) == 0;
@@ -42,6 +47,8 @@ struct Host : VeskCallback {
         Vesk::getInstance()->onChannelAvailable(false);  // drops what cannot leave any more
     }
     int const mChannel;
+    std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
+    hostkit::Outbox mOutbox{nullptr};
     hostkit::Requester mRequester;
 };
 

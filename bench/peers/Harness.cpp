@@ -83,9 +83,10 @@ int run(int argc, char** argv, Serve serve, Ask ask) {
     Load load(options, clocks);
     ask(channel, options, load);
     std::printf(
-            "{\"rate\": %.0f, \"p50\": %.2f, \"p99\": %.2f, \"cpu\": %.3f, \"kib\": %ld, "
+            "{\"rate\": %.0f, \"p50\": %.2f, \"p99\": %.2f, \"max\": %.2f, \"cpu\": %.3f, \"kib\": "
+            "%ld, "
             "\"requests\": %llu}\n",
-            load.requestsPerSecond(), load.percentile(50), load.percentile(99),
+            load.requestsPerSecond(), load.percentile(50), load.percentile(99), load.longest(),
             processor / double(load.measured()) * 1e6,
             peakKiB("self") + peakKiB(std::to_string(server)),
             static_cast<unsigned long long>(load.measured()));

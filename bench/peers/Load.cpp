@@ -1,5 +1,6 @@
 #include "Load.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,7 +63,9 @@ bool Load::replied(size_t conversation, void const* data, size_t size) {
     ++mReplies;
     if (mMeasuring) {
         ++mMeasured;
-        ++mLatencies[stepOf(uint64_t((now - slot.sent).count()))];
+        auto const nanos = uint64_t((now - slot.sent).count());
+        ++mLatencies[stepOf(nanos)];
+        mLongest = std::max(mLongest, nanos);
     }
     watchTime(now);
     return !mStopping;

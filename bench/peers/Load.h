@@ -49,6 +49,7 @@ public:
     uint64_t measured() const { return mMeasured; }
     /** In microseconds; steps of less than a hundredth. */
     double percentile(double percent) const;
+    double longest() const { return double(mLongest) / 1000; }
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -71,6 +72,7 @@ private:
     uint64_t mRequests = 0;
     uint64_t mReplies = 0;
     uint64_t mMeasured = 0;
+    uint64_t mLongest = 0;  // ns
     bool mMeasuring = false;
     bool mStopping = false;
     Clock::time_point mStart;

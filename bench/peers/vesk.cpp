@@ -69,10 +69,7 @@ public:
     void sendToChannel(std::vector<uint8_t> bytes) override {
         if (!mCoalesces) return peers::writeAll(mChannel, bytes.data(), bytes.size());
         mOutbox.put(std::move(bytes));
-        if (mQueue->size() <= 1 || mOutbox.backlog() > 65536) flush();
-    }
-
-    void flush() {
+        if (mOutbox.moreComes(*mQueue)) return;
         for (auto batch = mOutbox.take(); batch.size > 0; batch = mOutbox.take()) {
             peers::writeAll(mChannel, batch.data, batch.size);
             mOutbox.written(batch.size);

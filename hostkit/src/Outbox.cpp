@@ -6,6 +6,12 @@ namespace vesk::hostkit {
 
 using Guard = std::lock_guard<std::mutex>;
 
+namespace {
+// Beyond these a write costs little beside what it carries.
+constexpr size_t MAX_FRAMES_LEFT = 64;
+constexpr size_t MAX_BYTES_LEFT = size_t{64} * 1024;
+}  // namespace
+
 Outbox::Outbox(std::function<void()> wake) : mWake(std::move(wake)) {}
 
 void Outbox::put(Bytes bytes) {
@@ -23,6 +29,7 @@ bool Outbox::accept(Bytes& bytes) {
         mLost += bytes.size();
         return false;
     }
+    ++mFramesWaiting;
     bool const wakes = mWaiting.empty() && mBatch.empty() && !bytes.empty();
     if (mWaiting.empty() && bytes.size() > mWaiting.capacity()) {
         mWaiting.swap(bytes);
@@ -32,10 +39,19 @@ bool Outbox::accept(Bytes& bytes) {
     return wakes;
 }
 
+bool Outbox::moreComes(VeskQueue const& queue) const {
+    if (queue.size() <= 1) return false;  // the one that is being sent counts
+    Guard const guard(mMutex);
+    return mFramesWaiting < MAX_FRAMES_LEFT && mWaiting.size() < MAX_BYTES_LEFT;
+}
+
 Outbox::Batch Outbox::take() {
     Guard const guard(mMutex);
     if (mBatchIsLost) return {nullptr, 0};
-    if (mBatch.empty()) mBatch.swap(mWaiting);
+    if (mBatch.empty()) {
+        mBatch.swap(mWaiting);
+        mFramesWaiting = 0;
+    }
     return {mBatch.data() + mWritten, unwritten()};
 }
 
@@ -55,6 +71,7 @@ size_t Outbox::close() {
     Guard const guard(mMutex);
     size_t const lost = mWaiting.size() + (mBatchIsLost ? 0 : unwritten());
     mWaiting.clear();
+    mFramesWaiting = 0;
     mBatchIsLost = !mBatch.empty();
     mOpen = false;
     mLost += lost;

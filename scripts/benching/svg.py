@@ -3,7 +3,7 @@ import html
 import math
 
 INK, PALE, OURS, THEIRS = "#24292f", "#d0d7de", "#0b6e4f", "#8c959f"
-LINES = ["#0b6e4f", "#b45309", "#1d4ed8", "#be123c", "#6d28d9"]
+LINES = ["#0b6e4f", "#b45309", "#1d4ed8", "#be123c", "#6d28d9", "#57606a"]
 FONT = 'font-family="sans-serif" font-size="13"'
 
 
@@ -78,16 +78,16 @@ class Axes:
         for power in range(self.y[0], self.y[1] + 1):
             y = self.at(1, 10 ** power)[1]
             self.drawing.line([(self.left + 60, y), (self.left + 460, y)], PALE)
-            self.drawing.text(self.left + 54, y + 4, f"{10 ** power:,g}", "end", 11)
+            self.drawing.text(self.left + 54, y + 4, f"{10 ** power:,}", "end", 11)
         for power in range(self.x[0], self.x[1] + 1):
             x = self.at(10 ** power, 1)[0]
             self.drawing.line([(x, self.top + 30), (x, self.top + 200)], PALE)
-            self.drawing.text(x, self.top + 216, f"{10 ** power:,g}", "middle", 11)
+            self.drawing.text(x, self.top + 216, f"{10 ** power:,}", "middle", 11)
 
 
 def lines(path, title, note, panels):
     """Each panel: (title, x label, y label, [(name, [(x, y)])]); two panels a row."""
-    tall = 280
+    tall = 310
     drawing = Drawing(1040, 50 + math.ceil(len(panels) / 2) * tall + 30, title, note)
     for index, (caption, x_label, y_label, series) in enumerate(panels):
         points = [point for _, line in series for point in line]
@@ -100,8 +100,8 @@ def lines(path, title, note, panels):
             drawing.line(places, colour, 2)
             for x, y in places:
                 drawing.box(x - 2.5, y - 2.5, 5, 5, colour)
-            x = axes.left + 66 + number % 3 * 140
-            y = axes.top + 252 + number // 3 * 16
+            x = axes.left + 66 + number % 2 * 220
+            y = axes.top + 254 + number // 2 * 16
             drawing.box(x, y - 9, 10, 10, colour)
             drawing.text(x + 14, y, name, size=11)
     drawing.write(path)

@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include <vesk/hostkit/HostStatus.h>
 #include <vesk/hostkit/SendGate.h>
@@ -58,6 +59,29 @@ void send(VeskQueue& queue, int priority, uint16_t first, uint16_t last) {
         frame->data.resize(frame->msgType);
         queue.enqueue(priority, true, frame);
     }
+}
+
+TEST(OutboxTest, LeavesFramesWaitingOnlyWhileMoreCome) {
+    auto const queue = std::make_shared<VeskQueue>();
+    testkit::ShiftedClock clock(queue);
+    Outbox outbox(nullptr);
+    size_t frames = 0;
+    std::vector<size_t> writes;  // of so many frames
+    android::sp<testkit::RecordingCallback> const host = new testkit::RecordingCallback;
+    host->onSend([&](Bytes const& bytes) {
+        if (++frames == 1 && writes.empty()) send(*queue, 1, 257, 385);
+        outbox.put(bytes);
+        if (outbox.moreComes(*queue)) return;
+        outbox.written(outbox.take().size);
+        writes.push_back(std::exchange(frames, 0));
+    });
+    Vesk::getInstance()->init(host);
+    for (uint16_t alone = 1; alone <= 2; ++alone) {
+        send(*queue, 1, alone, alone);
+        clock.settle();
+    }
+    Vesk::getInstance()->init(new testkit::RecordingCallback);
+    EXPECT_EQ(writes, std::vector<size_t>({64, 64, 2, 1}));
 }
 
 TEST(SendGateTest, SaysHowManyFramesMayBeSentAndWhatStandsAgainstIt) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <vesk/VeskExport.h>
+#include <vesk/VeskQueue.h>
 #include <vesk/VeskThreadAnnotations.h>
 
 namespace vesk::hostkit {
@@ -45,6 +46,19 @@ public:
 
     /** Appends bytes, as VeskCallback::sendToChannel() brings them. While closed they are lost. */
     void put(Bytes bytes) VESK_EXCLUDES(mMutex);
+
+    /**
+     * For a host that writes in VeskCallback::sendToChannel() itself, on the library's looper, and
+     * needs no other thread for it: whether to leave what was put there to the call for the next
+     * frame, which follows at once. Where this says no, the host writes all that is waiting: a
+     * frame behind which none is pending is written in its own call. No more than 64 frames, or 64
+     * KiB, are left waiting, so that with 1000 awaiting acknowledgement most are with the peer.
+     *
+     * REQUIRES: all that is pending is of priority 1, as what sessions send is; another packet may
+     *           be held back for 2000 ms, and what waits here with it. A host that takes pending
+     *           packets out of the queue writes what waits here itself.
+     */
+    bool moreComes(VeskQueue const& queue) const VESK_EXCLUDES(mMutex);
 
     /**
      * What is to be written now: the rest of the batch that is with the writer, or else all that is
@@ -93,6 +107,7 @@ private:
     Bytes mBatch VESK_GUARDED_BY(mMutex);  // with the writer, where not empty
     size_t mWritten VESK_GUARDED_BY(mMutex) = 0;
     bool mBatchIsLost VESK_GUARDED_BY(mMutex) = false;  // closed before the writer reported
+    size_t mFramesWaiting VESK_GUARDED_BY(mMutex) = 0;
     bool mOpen VESK_GUARDED_BY(mMutex) = true;
     uint64_t mLost VESK_GUARDED_BY(mMutex) = 0;
 };
