@@ -27,8 +27,9 @@ struct Host : VeskCallback {
             mOutbox.written(batch.size);
         }
     }
-    void receive(uint32_t, uint32_t id, bool, std::shared_ptr<VeskFrame> const& frame) override {
-        if (mRequester.received(frame)) return;
+    void receive(uint32_t, uint32_t id, bool local,
+                 std::shared_ptr<VeskFrame> const& frame) override {
+        if (mRequester.received(frame, local)) return;
         hostkit::Responder(*frame).send(id, frame->data);
     }
     void notifyTopicChanged(bool, std::string) override {}

@@ -1,6 +1,7 @@
 #include <vesk/hostkit/Requester.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -89,11 +90,28 @@ struct Requester::State {
     struct Request {
         Address address;
         Ticket ticket;
-        uint64_t deadline = 0;
+        uint64_t end = 0;  // ms of uptime
         Done done;
     };
-    using Table = std::unordered_map<uint16_t, Request>;
     using Requests = std::vector<Request>;
+
+    /** Requests by their message ids, and by their ends. */
+    class Table {
+    public:
+        bool empty() const { return mById.empty(); }
+        size_t size() const { return mById.size(); }
+        uint64_t firstEnd() const { return mByEnd.begin()->first; }
+        uint16_t first() const { return mByEnd.begin()->second; }
+        bool hasDue(uint64_t now) const { return !empty() && firstEnd() <= now; }
+        /** Null where there is none. */
+        Request const* find(uint16_t msgId) const;
+        void add(Request request);
+        Request take(uint16_t msgId);
+
+    private:
+        std::unordered_map<uint16_t, Request> mById;
+        std::set<std::pair<uint64_t, uint16_t>> mByEnd;
+    };
 
     State(MessageIds& messageIds, Send sender) : ids(messageIds), send(std::move(sender)) {}
 
@@ -104,49 +122,65 @@ struct Requester::State {
     Requests takeOne(Ticket const& ticket) VESK_EXCLUDES(mutex);
     /** Gives up what is due by then, and with `last` lets nothing in any more. */
     Requests takeDue(uint64_t now, bool last) VESK_EXCLUDES(mutex);
-    Request take(Table& table, uint16_t msgId) VESK_REQUIRES(mutex);
     Request giveUp(uint16_t msgId) VESK_REQUIRES(mutex);
+    void forgetLongGivenUp(uint64_t now) VESK_REQUIRES(mutex);
     void end(Requests const& ended, Outcome outcome) VESK_EXCLUDES(mutex);
 
     MessageIds& ids;
     Send const send;
+    std::atomic<std::thread::id> reader{};  // of the channel, as far as received() shows it
     mutable std::mutex mutex;
-    Table outstanding VESK_GUARDED_BY(mutex);
-    Table givenUp VESK_GUARDED_BY(mutex);  // the last one of each id, until its late reply comes
-    std::set<std::pair<uint64_t, uint16_t>> deadlines VESK_GUARDED_BY(mutex);
-    std::thread::id reader VESK_GUARDED_BY(mutex);
+    Table outstanding VESK_GUARDED_BY(mutex);  // end: when it times out
+    Table givenUp VESK_GUARDED_BY(mutex);      // end: until then its id is in use for no other
     uint64_t lateReplies VESK_GUARDED_BY(mutex) = 0;
     bool over VESK_GUARDED_BY(mutex) = false;
 };
 
+Requester::State::Request const* Requester::State::Table::find(uint16_t msgId) const {
+    auto const found = mById.find(msgId);
+    return found == mById.end() ? nullptr : &found->second;
+}
+
+void Requester::State::Table::add(Request request) {
+    uint16_t const msgId = request.ticket.msgId;
+    mByEnd.emplace(request.end, msgId);
+    mById.emplace(msgId, std::move(request));
+}
+
+Requester::State::Request Requester::State::Table::take(uint16_t msgId) {
+    auto const found = mById.find(msgId);
+    Request request = std::move(found->second);
+    mById.erase(found);
+    mByEnd.erase({request.end, msgId});
+    return request;
+}
+
 bool Requester::State::add(Request request) {
     Guard const guard(mutex);
     if (over) return false;
-    uint16_t const msgId = request.ticket.msgId;
-    givenUp.erase(msgId);
-    deadlines.emplace(request.deadline, msgId);
-    outstanding.emplace(msgId, std::move(request));
+    // Left there only by a clock that a test has put back; an id is in one table at a time.
+    if (givenUp.find(request.ticket.msgId)) givenUp.take(request.ticket.msgId);
+    outstanding.add(std::move(request));
     return true;
 }
 
 std::optional<Requester::State::Request> Requester::State::takeAnswered(VeskFrame const& reply) {
     Guard const guard(mutex);
-    for (Table* const table : {&outstanding, &givenUp}) {
-        auto const found = table->find(reply.msgId);
-        if (found == table->end() || !answers(reply, found->second.address)) continue;
-        if (table == &givenUp) ++lateReplies;
-        return take(*table, reply.msgId);
-    }
-    return std::nullopt;
+    Request const* request = outstanding.find(reply.msgId);
+    if (request && answers(reply, request->address)) return outstanding.take(reply.msgId);
+    // The id of one that was given up long ago may be another requester's by now, and so the reply.
+    forgetLongGivenUp(SystemClock::uptimeMillis());
+    request = givenUp.find(reply.msgId);
+    if (!request || !answers(reply, request->address)) return std::nullopt;
+    ++lateReplies;
+    return givenUp.take(reply.msgId);
 }
 
 Requester::State::Requests Requester::State::takeOne(Ticket const& ticket) {
     Requests taken;
     Guard const guard(mutex);
-    auto const found = outstanding.find(ticket.msgId);
-    if (found != outstanding.end() && found->second.ticket.use == ticket.use) {
-        taken.push_back(giveUp(ticket.msgId));
-    }
+    Request const* const request = outstanding.find(ticket.msgId);
+    if (request && request->ticket.use == ticket.use) taken.push_back(giveUp(ticket.msgId));
     return taken;
 }
 
@@ -154,29 +188,32 @@ Requester::State::Requests Requester::State::takeDue(uint64_t now, bool last) {
     Requests taken;
     Guard const guard(mutex);
     over = over || last;
-    while (!deadlines.empty() && deadlines.begin()->first <= now) {
-        taken.push_back(giveUp(deadlines.begin()->second));
+    while (outstanding.hasDue(now)) {
+        taken.push_back(giveUp(outstanding.first()));
     }
     return taken;
 }
 
-Requester::State::Request Requester::State::take(Table& table, uint16_t msgId) {
-    auto const found = table.find(msgId);
-    Request request = std::move(found->second);
-    table.erase(found);
-    deadlines.erase({request.deadline, msgId});
-    return request;
-}
-
 Requester::State::Request Requester::State::giveUp(uint16_t msgId) {
-    Request request = take(outstanding, msgId);
-    givenUp.insert_or_assign(msgId, Request{request.address, request.ticket, 0, nullptr});
+    uint64_t const now = SystemClock::uptimeMillis();
+    forgetLongGivenUp(now);
+    Request request = outstanding.take(msgId);
+    givenUp.add({request.address, request.ticket, now + MessageIds::LATE_REPLY_MS, nullptr});
     return request;
 }
 
+void Requester::State::forgetLongGivenUp(uint64_t now) {
+    while (givenUp.hasDue(now)) {
+        givenUp.take(givenUp.first());
+    }
+}
+
+/** All ids first: a callback may be the last to need what owns them, and this object. */
 void Requester::State::end(Requests const& ended, Outcome outcome) {
     for (Request const& request : ended) {
         ids.givenUp(request.ticket);
+    }
+    for (Request const& request : ended) {
         if (request.done) request.done(outcome, nullptr);
     }
 }
@@ -215,10 +252,7 @@ std::optional<Requester::Ticket> Requester::ask(Address const& address, Bytes pa
 
 Requester::Result Requester::call(Address const& address, Bytes payload, uint64_t timeout) {
     std::shared_ptr<State> const state = mState;
-    {
-        Guard const guard(state->mutex);
-        if (state->reader == std::this_thread::get_id()) return {Outcome::WRONG_THREAD, nullptr};
-    }
+    if (state->reader.load() == std::this_thread::get_id()) return {Outcome::WRONG_THREAD, nullptr};
     auto const arrival = std::make_shared<Arrival>();
     uint64_t const deadline = deadlineAfter(timeout);
     std::optional<Ticket> const ticket = ask(address, std::move(payload), timeout,
@@ -238,12 +272,9 @@ bool Requester::cancel(Ticket const& request) {
     return !taken.empty();
 }
 
-bool Requester::received(FramePtr const& frame) {
+bool Requester::received(FramePtr const& frame, bool local) {
     std::shared_ptr<State> const state = mState;
-    if (gSending == 0) {
-        Guard const guard(state->mutex);
-        state->reader = std::this_thread::get_id();
-    }
+    if (!local && gSending == 0) state->reader = std::this_thread::get_id();
     if (!frame || frame->msgType != REPLY) return false;
     std::optional<State::Request> const request = state->takeAnswered(*frame);
     if (!request) return false;
@@ -255,8 +286,8 @@ bool Requester::received(FramePtr const& frame) {
 std::optional<uint64_t> Requester::nextTimeout() const {
     uint64_t const now = SystemClock::uptimeMillis();
     Guard const guard(mState->mutex);
-    if (mState->deadlines.empty()) return std::nullopt;
-    uint64_t const first = mState->deadlines.begin()->first;
+    if (mState->outstanding.empty()) return std::nullopt;
+    uint64_t const first = mState->outstanding.firstEnd();
     return first > now ? first - now : 0;
 }
 

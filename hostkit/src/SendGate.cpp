@@ -21,9 +21,10 @@ SendGate::Look SendGate::look() const {
     // for a moment, so no look misses one.
     size_t const pending = static_cast<size_t>(mQueue.size());
     size_t const inFlight = pending + mQueue.awaitingAck();
+    bool const paused = isPaused();  // remembers the watermarks also behind another obstacle
     if (pending >= mLimits.maxPending) return {0, Obstacle::PENDING};
     if (inFlight >= mLimits.maxInFlight) return {0, Obstacle::IN_FLIGHT};
-    if (isPaused()) return {0, Obstacle::HIGH_WATERMARK};
+    if (paused) return {0, Obstacle::HIGH_WATERMARK};
     return {std::min(mLimits.maxPending - pending, mLimits.maxInFlight - inFlight), Obstacle::NONE};
 }
 

@@ -9,10 +9,11 @@ uint64_t TrafficCounters::undelivered() const {
     return in(REQUESTS).frames + in(REPLIES).frames + in(OTHERS).frames - delivered;
 }
 
-TrafficCounters::Kind TrafficCounters::kindOf(uint8_t msgType) {
+TrafficCounters::Kind TrafficCounters::kindOf(uint8_t msgType, uint8_t topicId,
+                                              uint8_t businessId) {
     switch (msgType) {
         case ACKNOWLEDGEMENT:
-            return ACKNOWLEDGEMENTS;
+            return topicId == ACK_ID && businessId == ACK_ID ? ACKNOWLEDGEMENTS : OTHERS;
         case REQUEST:
             return REQUESTS;
         case REPLY:

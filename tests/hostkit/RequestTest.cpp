@@ -88,6 +88,8 @@ TEST_F(RequestTest, CallIsRefusedToTheThreadThatReadsTheChannelAlone) {
     EXPECT_EQ(call(), Outcome::TIMED_OUT);
     requester->received(nullptr);
     EXPECT_EQ(call(), Outcome::WRONG_THREAD);
+    std::thread([&] { requester->received(nullptr, true); }).join();  // it has only sent
+    EXPECT_EQ(call(), Outcome::WRONG_THREAD);
     EXPECT_EQ(sent.size(), 2U);
     std::thread([&] { requester->received(nullptr); }).join();
     onSend = [&] { requester.reset(); };
@@ -121,4 +123,17 @@ TEST_F(RequestTest, AnIdIsInUseUntilNothingCanComeForItAnyMore) {
     reply(0);
     clock.jump(2000);
     EXPECT_EQ(ids.available(), 1U);
+    clock.jump(58000);
+    Requester other(ids, send);
+    free = 3;
+    for (int i = 0; i < 2; ++i) {
+        other.ask(SESSION, {}, 1, [&](Outcome, FramePtr const&) {
+            clock.jump(60000);  // all that were given up are free; an id that was not is in use
+            free = std::min(free, ids.available());
+        });
+    }
+    EXPECT_FALSE(reply(2) || reply(3));  // to the other's requests, whatever their ids were before
+    clock.jump(1);
+    other.expire();
+    EXPECT_EQ(free, 2U);
 }

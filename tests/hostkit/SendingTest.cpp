@@ -120,6 +120,15 @@ TEST(SendGateTest, SaysHowManyFramesMayBeSentAndWhatStandsAgainstIt) {
     expect(0, "high watermark");
     outbox.written(1);
     expect(256, "");
+    outbox.put(Bytes(mib));
+    send(*queue, 2, 1, 256);
+    expect(0, "pending");
+    outbox.take();
+    outbox.written(mib / 4);
+    outbox.take();
+    outbox.written(mib / 2);
+    clock.advance(2000);
+    expect(0, "high watermark");  // which was met behind the other obstacle
     outbox.close();
     expect(0, "down");
 }
@@ -166,7 +175,10 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
     feed({2, 1, 3, consumers[1], 1, 1, {1, 2}});
     for (uint16_t serial = 1; serial <= 3; ++serial)
         feed({2, 1, 2, 0, serial, 1, {}});
-    feed({9, 1, 4, 0, 1, 1, {}});
+    for (FarPeer::Frame const& other : {FarPeer::Frame{9, 1, 4, 0, 1, 1, {}},
+                                        {0xAA, 1, 1, 0, 1, 1, {}},  // no acknowledgements
+                                        {1, 0xAA, 1, 0, 1, 1, {}}})
+        feed(other);
     reader.feed(Bytes{'x'}.data(), 1);
     send(*vesk.getQueue(), 2, 1001, 2006);
     traffic.delivered(true);

@@ -45,7 +45,7 @@ public:
 
     /**
      * The one object for all requests of a process. It begins anywhere among the ids, so that a
-     * process that was started again does not ask with those that it used just before its end.
+     * process that was started again hardly asks with those that it used just before its end.
      */
     static MessageIds& ofProcess();
 

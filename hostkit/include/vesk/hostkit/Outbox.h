@@ -93,7 +93,10 @@ public:
     /** Bytes that are waiting or with the writer. */
     size_t backlog() const VESK_EXCLUDES(mMutex);
 
-    /** Bytes that were put and never left, since construction. */
+    /**
+     * Bytes that were put and had not been reported as written when they were lost, since
+     * construction. Of a batch that was with the writer when the channel went, some may have left.
+     */
     uint64_t lostBytes() const VESK_EXCLUDES(mMutex);
 
 private:

@@ -17,7 +17,8 @@ namespace vesk::hostkit {
  * Asks providers and says what came of it: the reply, or that none came in time.
  *
  * Each request has an id of its own, so a reply belongs to one request whatever was asked before
- * it; the reply to a request that was given up is known, counted and dropped.
+ * it; the reply to a request that was given up is known, counted and dropped, for as long as
+ * MessageIds keeps its id.
  *
  * Order of calls: the host hands every frame that VeskCallback::receive() brings to received(), and
  * its loop sleeps no longer than nextTimeout() and then calls expire(). A request of another thread
@@ -26,11 +27,13 @@ namespace vesk::hostkit {
  * Threads:   every operation may be called from any thread and from inside a callback.
  * Callbacks: a request's callback is called exactly once, by received(), expire(), cancel() or the
  *            destructor, on the thread that called these, or by a `send` that brings the reply
- *            before it returns. No lock is held then.
+ *            before it returns. No lock is held then. A callback may destroy this object, and the
+ *            ids too: nothing of either is needed after it.
  * Ownership: the destructor ends what is outstanding with CANCELLED, also a call() that blocks, and
  *            waits for nothing; a callback may run it. Callbacks of other threads may still be
  *            under way when it returns.
- * Times:     milliseconds of uptime, from quillex::SystemClock.
+ * Times:     milliseconds of uptime, from quillex::SystemClock. A call() that waits does not notice
+ *            that a test moves this clock; expire() then ends it.
  */
 class VESK_EXPORT Requester {
 public:
@@ -90,9 +93,10 @@ public:
      * Sends a request and waits for what comes of it. Keeps its time by itself: nobody needs to
      * call expire() for it.
      *
-     * The thread that called received() last, unless that was from inside a send of its own, is
-     * refused at once with WRONG_THREAD: it would wait for itself. Nor may the library's looper
-     * call this, which is to send the request.
+     * The thread that reads the channel is refused at once with WRONG_THREAD: it would wait for
+     * itself. It is the one that last called received() with a frame that was not local, or with
+     * null, as it may do before the first frame has come. Nor may the library's looper call this,
+     * which is to send the request.
      */
     Result call(Address const& address, Bytes payload, uint64_t timeout);
 
@@ -102,10 +106,13 @@ public:
     /**
      * Takes a frame that the library has delivered.
      *
+     * @param local as VeskCallback::receive() says it. A local frame comes on the thread that sent
+     *              it, which therefore need not be the one that reads the channel; so does a frame
+     *              that comes from inside a `send` of this object, whatever is said of it here.
      * @return whether it is the reply, in time or late, to a request of this object; any other
      *         frame is left to the caller.
      */
-    bool received(std::shared_ptr<VeskFrame> const& frame);
+    bool received(std::shared_ptr<VeskFrame> const& frame, bool local = false);
 
     /**
      * Ms until a request has to be given up, 0 where one is overdue; nothing: none is outstanding.

@@ -30,12 +30,15 @@ public:
 
     /** A frame has been read from the channel. */
     void in(VeskFrame const& frame) {
-        mIn[kindOf(frame.msgType)].add(VeskFrame::FRAME_HEAD_SIZE + frame.data.size());
+        mIn[kindOf(frame.msgType, frame.topicId, frame.businessId)].add(VeskFrame::FRAME_HEAD_SIZE +
+                                                                        frame.data.size());
     }
 
     /** A frame goes to the channel: the bytes that sendToChannel() has brought. */
     void out(std::vector<uint8_t> const& bytes) {
-        mOut[kindOf(bytes[VeskFrame::MSGTYPE_INDEX])].add(bytes.size());
+        mOut[kindOf(bytes[VeskFrame::MSGTYPE_INDEX], bytes[VeskFrame::TOPICID_INDEX],
+                    bytes[VeskFrame::BUSINESSID_INDEX])]
+                .add(bytes.size());
     }
 
     /** The library has delivered a frame; one that it looped back (`local`) does not count. */
@@ -63,7 +66,7 @@ private:
         Count read() const { return {frames, bytes}; }
     };
 
-    static Kind kindOf(uint8_t msgType);
+    static Kind kindOf(uint8_t msgType, uint8_t topicId, uint8_t businessId);
 
     std::array<Cell, KINDS> mIn;
     std::array<Cell, KINDS> mOut;
