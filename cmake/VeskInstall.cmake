@@ -80,6 +80,7 @@ if(TARGET vesk_tool)
         INSTALL_RPATH "$ORIGIN/${libraries_from_tool}"
         INSTALL_RPATH_USE_LINK_PATH ON)
     install(TARGETS vesk_tool)
+    install(FILES tools/wireshark/vesk.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/vesk)
 endif()
 
 # As they stand in the tree, so that the links among them hold.

@@ -12,7 +12,8 @@ constexpr uint32_t SECTION = 0x0A0D0D0A, INTERFACE = 1, ENHANCED_PACKET = 6;
 constexpr uint32_t BYTE_ORDER_MAGIC = 0x1A2B3C4D;
 constexpr uint16_t OPTION_END = 0, SECTION_APPLICATION = 4, INTERFACE_NAME = 2, PACKET_FLAGS = 2;
 constexpr uint32_t INBOUND = 1, OUTBOUND = 2;
-constexpr size_t BLOCK_FRAME = 12;  // type, length, and length again
+constexpr size_t BLOCK_FRAME = 12;            // type, length, and length again
+constexpr size_t PACKET_FRAME = 20 + 12 + 3;  // of a packet: its head, its options and padding
 
 /** One block, from its type to the length at its end. */
 class Block {
@@ -26,7 +27,7 @@ public:
     Block& u32(uint32_t value) { return number(value, 4); }
 
     Block& padded(uint8_t const* bytes, size_t size) {
-        mBytes.insert(mBytes.end(), bytes, bytes + size);
+        if (size > 0) mBytes.insert(mBytes.end(), bytes, bytes + size);
         mBytes.resize((mBytes.size() + 3) / 4 * 4);
         return *this;
     }
@@ -36,6 +37,13 @@ public:
         return u16(code)
                 .u16(static_cast<uint16_t>(size))
                 .padded(reinterpret_cast<uint8_t const*>(text.data()), size);
+    }
+
+    /** All of a packet block but its options. */
+    Block& packet(uint32_t link, uint64_t micros, uint8_t const* bytes, size_t size) {
+        u32(link).u32(static_cast<uint32_t>(micros >> 32)).u32(static_cast<uint32_t>(micros));
+        u32(static_cast<uint32_t>(size)).u32(static_cast<uint32_t>(size));
+        return padded(bytes, size);
     }
 
     CaptureWriter::Bytes finish() {
@@ -70,29 +78,26 @@ CaptureWriter::Bytes CaptureWriter::begin(std::string const& application) {
             .finish();
 }
 
-CaptureWriter::Bytes CaptureWriter::link(std::string const& name) {
-    ++mLinks;
-    return Block(INTERFACE)
-            .u16(LINK_TYPE)
-            .u16(0)
-            .u32(MAX_RECORD)
-            .option(INTERFACE_NAME, name)
-            .u32(OPTION_END)
-            .finish();
+CaptureWriter::Bytes CaptureWriter::link(std::string const& name, uint64_t micros) {
+    Bytes blocks = Block(INTERFACE)
+                           .u16(LINK_TYPE)
+                           .u16(0)
+                           .u32(MAX_RECORD)
+                           .option(INTERFACE_NAME, name)
+                           .u32(OPTION_END)
+                           .finish();
+    Bytes const opening = Block(ENHANCED_PACKET).packet(mLinks++, micros, nullptr, 0).finish();
+    blocks.insert(blocks.end(), opening.begin(), opening.end());
+    return blocks;
 }
 
 CaptureWriter::Bytes CaptureWriter::record(FrameText::Direction direction, uint64_t micros,
                                            uint8_t const* bytes, size_t size) const {
     Bytes blocks;
-    do {
-        auto const piece = static_cast<uint32_t>(std::min(size, MAX_RECORD));
-        Bytes const block = Block(ENHANCED_PACKET, piece + 40)
-                                    .u32(mLinks - 1)
-                                    .u32(static_cast<uint32_t>(micros >> 32))
-                                    .u32(static_cast<uint32_t>(micros))
-                                    .u32(piece)
-                                    .u32(piece)
-                                    .padded(bytes, piece)
+    while (size > 0) {
+        size_t const piece = std::min(size, MAX_RECORD);
+        Bytes const block = Block(ENHANCED_PACKET, piece + PACKET_FRAME)
+                                    .packet(mLinks - 1, micros, bytes, piece)
                                     .u16(PACKET_FLAGS)
                                     .u16(4)
                                     .u32(direction == FrameText::Direction::IN ? INBOUND : OUTBOUND)
@@ -101,7 +106,7 @@ CaptureWriter::Bytes CaptureWriter::record(FrameText::Direction direction, uint6
         blocks.insert(blocks.end(), block.begin(), block.end());
         bytes += piece;
         size -= piece;
-    } while (size > 0);
+    }
     return blocks;
 }
 

@@ -34,6 +34,7 @@ public:
     void open();
     void hold(bool held);
     bool up() const { return mLink != nullptr; }
+    void write(std::vector<uint8_t> bytes);
     Outbox& outbox() { return mOutbox; }
     FrameReader const& reader() const { return mReader; }
     uint64_t reconnects() const { return mOpened > 0 ? mOpened - 1 : 0; }
@@ -104,6 +105,7 @@ void Channel::Impl::opened(std::shared_ptr<Link> link, asio::error_code const& e
     mLastError.clear();
     mLink = std::move(link);
     ++mOpened;
+    if (mEvents.watcher) mEvents.watcher->opened(mEndpoint.toString());
     mOutbox.open();
     mEvents.report("channel up: " + mEndpoint.toString());
     mEvents.onState(true);
@@ -126,6 +128,7 @@ void Channel::Impl::drop(std::string const& reason) {
     mReader.reset();
     reportSkipped();
     size_t const lost = mOutbox.close();
+    if (mEvents.watcher) mEvents.watcher->closed();
     mEvents.report("channel down: " + reason + "; " + std::to_string(lost) +
                    " bytes on their way out are lost; clients stay and wait");
     mEvents.onState(false);
@@ -160,6 +163,9 @@ void Channel::Impl::read() {
 
 void Channel::Impl::received(size_t size) {
     mBackOff = BACK_OFF_FIRST;  // there is somebody: next time it is worth asking soon
+    if (mEvents.watcher) {
+        mEvents.watcher->carried(FrameText::Direction::IN, mChunk.data(), size);
+    }
     uint64_t const skipped = mReader.skippedBytes();
     mReader.feed(mChunk.data(), size);
     // While garbage goes on coming, its end is not worth a line yet.
@@ -199,6 +205,14 @@ void Channel::Impl::reportSkipped() {
     mReportedSkipped = skipped;
 }
 
+// Before they are handed over: the answer to them must not be seen first.
+void Channel::Impl::write(std::vector<uint8_t> bytes) {
+    if (mEvents.watcher) {
+        mEvents.watcher->carried(FrameText::Direction::OUT, bytes.data(), bytes.size());
+    }
+    mOutbox.put(std::move(bytes));
+}
+
 // Whatever has gathered meanwhile leaves in one write. One that was on its way when the channel
 // dropped ends with an error, and what has come for the next link leaves behind it.
 void Channel::Impl::flush() {
@@ -228,7 +242,7 @@ void Channel::start() {
 }
 
 void Channel::write(std::vector<uint8_t> bytes) {
-    mImpl->outbox().put(std::move(bytes));
+    mImpl->write(std::move(bytes));
 }
 
 void Channel::hold(bool held) {

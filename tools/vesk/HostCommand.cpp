@@ -7,6 +7,7 @@
 #include <vesk/Vesk.h>
 #include <vesk/hostkit/CatalogueNames.h>
 #include <vesk/hostkit/SendGate.h>
+#include <vesk/hostkit_asio/CaptureFile.h>
 #include <vesk/hostkit_asio/Channel.h>
 #include <vesk/hostkit_asio/ClientServer.h>
 #include <asio/io_context.hpp>
@@ -18,6 +19,12 @@
 namespace vesk::tool {
 
 namespace {
+
+std::unique_ptr<hostkit::CaptureFile> openCapture(HostOptions const& options) {
+    if (options.capture.empty()) return nullptr;
+    return std::make_unique<hostkit::CaptureFile>(options.capture, options.captureLimit,
+                                                  "vesk host " VESK_VERSION, say);
+}
 
 /**
  * The host proper: the library between one channel and many clients.
@@ -40,6 +47,7 @@ private:
     void addCounters(client::Counters& counters) const;
 
     std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
+    std::unique_ptr<hostkit::CaptureFile> const mCapture;
     hostkit::Channel mChannel;
     hostkit::SendGate const mGate;
     hostkit::ClientServer mClients;
@@ -47,7 +55,8 @@ private:
 };
 
 Host::Host(asio::io_context& io, HostOptions const& options)
-    : mChannel(io, hostkit::Endpoint::parse(options.channel), options.listen,
+    : mCapture(openCapture(options)),
+      mChannel(io, hostkit::Endpoint::parse(options.channel), options.listen,
                *Vesk::getInstance()->getConfig(), channelEvents()),
       mGate(*mQueue, mChannel.outbox()),
       mClients(io, hostkit::parseUnixPath("--clients", options.clients),
@@ -62,7 +71,7 @@ Host::Host(asio::io_context& io, HostOptions const& options)
 hostkit::Channel::Events Host::channelEvents() {
     return {[this](bool up) { channelChanged(up); },
             [this](std::shared_ptr<VeskFrame> const& frame) { mQueue->receiveFromChannel(frame); },
-            [this] { mClients.resumeParked(); }, say};
+            [this] { mClients.resumeParked(); }, say, mCapture.get()};
 }
 
 hostkit::ClientServer::Services Host::services() {

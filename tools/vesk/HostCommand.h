@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,8 @@ struct HostOptions {
     std::string clients;  // unix:PATH
     std::vector<std::string> topics;
     std::vector<std::string> localTopics;
+    std::string capture;                // a file; empty: nothing is recorded
+    uint64_t captureLimit = 100000000;  // bytes
 };
 
 /**

@@ -41,7 +41,9 @@ std::string table(VeskConfig const& catalogue) {
     for (std::string const& topic : topicNames(catalogue)) {
         int const topicId = catalogue.getTopicIdByName(topic);
         for (std::string const& business : businessNames(catalogue, topic)) {
-            std::string const name = topic + "/" + business;
+            std::string name = topic;
+            name += '/';
+            name += business;
             char line[128];
             std::snprintf(line, sizeof(line), "%-24s  %8d  %11d\n", name.c_str(), topicId,
                           catalogue.getBussinessIdByName(topicId, business));

@@ -81,6 +81,14 @@ void addHost(CLI::App& app, HostOptions& options, Command& command) {
                     "Serve this topic with the peer; may be repeated (default: all there are)");
     sub->add_option("--local-topic", options.localTopics,
                     "Serve this topic among local clients only; may be repeated");
+    CLI::Option* capture = sub->add_option(
+            "--capture", options.capture,
+            "Record what the channel carries in this file (pcapng), for vesk decode or Wireshark");
+    sub->add_option("--capture-limit", options.captureLimit,
+                    "Bytes of that file; what comes later is not recorded")
+            ->transform(WholeNumber(1, UINT64_MAX))
+            ->needs(capture)
+            ->capture_default_str();
     sub->callback([&] { command = [&] { return runHost(options); }; });
 }
 

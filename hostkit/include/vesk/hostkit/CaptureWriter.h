@@ -35,11 +35,12 @@ public:
 
     /**
      * The channel has been opened. A reader takes the bytes of each opening for a stream of its
-     * own.
+     * own: each is an interface of the capture, and begins with an empty record.
      *
-     * @param name such as "tcp:localhost:7000"; up to 65,535 bytes.
+     * @param name   such as "tcp:localhost:7000"; up to 65,535 bytes.
+     * @param micros microseconds since 1970.
      */
-    Bytes link(std::string const& name);
+    Bytes link(std::string const& name, uint64_t micros);
 
     /**
      * Bytes that came (IN) or were handed to the channel (OUT), in any pieces.

@@ -8,6 +8,7 @@
 #include <vesk/VeskConfig.h>
 #include <vesk/hostkit/FrameReader.h>
 #include <vesk/hostkit/Outbox.h>
+#include <vesk/hostkit_asio/ChannelWatcher.h>
 #include <vesk/hostkit_asio/Endpoint.h>
 #include <vesk/hostkit_asio/Report.h>
 #include <asio/io_context.hpp>
@@ -32,6 +33,7 @@ public:
         FrameReader::FrameHandler onFrame;
         std::function<void()> onProgress;  // bytes have come in or gone out
         Report report;
+        ChannelWatcher* watcher = nullptr;  // not owned; must outlive the channel
     };
 
     /**
