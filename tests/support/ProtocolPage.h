@@ -45,7 +45,7 @@ public:
             block.title.erase(0, block.title.find_first_not_of(": "));
             std::istringstream lines(mText.substr(bytes, mText.find("```", bytes) - bytes));
             for (std::string line; std::getline(lines, line);)
-                block.lines.push_back(parse(line.substr(0, line.find('#'))));
+                append(block.lines, parse(line.substr(0, line.find('#'))));
             found.push_back(block);
         }
         if (found.empty()) throw std::runtime_error("docs/protocol.md has no block: " + kind);
@@ -53,6 +53,13 @@ public:
     }
 
 private:
+    /** A line without words goes on with the one before it. */
+    static void append(std::vector<Line>& lines, Line const& next) {
+        if (lines.empty() || !next.words.empty()) lines.push_back({next.words, {}});
+        auto& bytes = lines.back().bytes;
+        bytes.insert(bytes.end(), next.bytes.begin(), next.bytes.end());
+    }
+
     static Line parse(std::string const& line) {
         static std::regex const form("(.*?)((?:[0-9a-f]{2}\\b *)*)");
         std::smatch parts;

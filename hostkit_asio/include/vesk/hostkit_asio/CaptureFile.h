@@ -18,7 +18,7 @@ namespace vesk::hostkit {
  *
  * Threads: as ChannelWatcher; the report may come on either of its threads.
  */
-class CaptureFile : public ChannelWatcher {
+class CaptureFile final : public ChannelWatcher {
 public:
     /**
      * Makes the file, or empties it; only its owner may read it, for it holds what clients say.
