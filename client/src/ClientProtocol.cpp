@@ -7,7 +7,7 @@ namespace vesk::client {
 
 namespace {
 
-constexpr size_t PREFIX_SIZE = 4;
+constexpr size_t PREFIX_SIZE = MessageReader::PREFIX_SIZE;
 
 class BodyWriter {
 public:
@@ -192,20 +192,31 @@ void MessageReader::append(uint8_t const* bytes, size_t size) {
 }
 
 MessageReader::Result MessageReader::next(Message& message) {
-    size_t const left = mBytes.size() - mRead;
-    if (left < PREFIX_SIZE) return Result::NEED_MORE;
-    auto const start = mBytes.begin() + static_cast<Bytes::difference_type>(mRead);
-    size_t size = 0;
-    for (size_t i = 0; i < PREFIX_SIZE; ++i)
-        size |= static_cast<size_t>(mBytes[mRead + i]) << 8 * i;
-    if (size == 0) return Result::EMPTY;
-    if (size > MAX_MESSAGE_SIZE) return Result::TOO_LONG;
-    if (left < PREFIX_SIZE + size) return Result::NEED_MORE;
-    auto const body = start + static_cast<Bytes::difference_type>(PREFIX_SIZE);
-    message.type = static_cast<MessageType>(*body);
-    message.body.assign(body + 1, body + static_cast<Bytes::difference_type>(size));
-    mRead += PREFIX_SIZE + size;
+    size_t taken = 0;
+    Result const result = cut(mBytes.data() + mRead, mBytes.size() - mRead, message, taken);
+    mRead += taken;
+    return result;
+}
+
+MessageReader::Result MessageReader::cut(uint8_t const* bytes, size_t size, Message& message,
+                                         size_t& taken) {
+    taken = 0;
+    if (size < PREFIX_SIZE) return Result::NEED_MORE;
+    size_t const whole = sizeOf(bytes, size);
+    if (whole == PREFIX_SIZE) return Result::EMPTY;
+    if (whole > MAX_SIZE) return Result::TOO_LONG;
+    if (size < whole) return Result::NEED_MORE;
+    message.type = static_cast<MessageType>(bytes[PREFIX_SIZE]);
+    message.body.assign(bytes + PREFIX_SIZE + 1, bytes + whole);
+    taken = whole;
     return Result::MESSAGE;
+}
+
+size_t MessageReader::sizeOf(uint8_t const* bytes, size_t size) {
+    size_t whole = PREFIX_SIZE;
+    for (size_t i = 0; i < PREFIX_SIZE && size >= PREFIX_SIZE; ++i)
+        whole += static_cast<size_t>(bytes[i]) << 8 * i;
+    return whole;
 }
 
 }  // namespace vesk::client

@@ -18,6 +18,9 @@ namespace {
 using Milliseconds = std::chrono::milliseconds;
 
 constexpr size_t CHUNK_SIZE = size_t{256} * 1024;
+// A peer may send twenty thousand frames in that, so others get their turn between.
+constexpr size_t SLICE_SIZE = size_t{4} * 1024;
+constexpr size_t FRAMES_A_TURN = 64;
 // Long enough not to burn a core on a dead peer, short enough for a person who watches.
 constexpr Milliseconds BACK_OFF_FIRST{100};
 constexpr Milliseconds BACK_OFF_LAST{3200};
@@ -44,7 +47,9 @@ private:
     void openLater();
     void drop(std::string const& reason);
     void read();
-    void received(size_t size);
+    void goOn(std::shared_ptr<Link> const& link);
+    void goOnLater();
+    void received();
     void watchSilence();
     bool hasUnread();
     void flush();
@@ -65,6 +70,10 @@ private:
     bool mWriting = false;
     Milliseconds mBackOff = BACK_OFF_FIRST;
     std::vector<uint8_t> mChunk;
+    size_t mChunkSize = 0;  // what was read into it
+    size_t mChunkUsed = 0;
+    size_t mFrames = 0;  // of this turn
+    bool mGoesOn = false;
     uint64_t mOpened = 0;
     uint64_t mReportedSkipped = 0;
     std::string mLastError;
@@ -77,7 +86,11 @@ Channel::Impl::Impl(asio::io_context& io, Endpoint const& endpoint, bool listen,
       mListens(listen),
       mEvents(std::move(events)),
       mSource(io, endpoint, listen, mEvents.report),
-      mReader(catalogue, mEvents.onFrame),
+      mReader(catalogue,
+              [this](std::shared_ptr<VeskFrame> const& frame) {
+                  ++mFrames;
+                  mEvents.onFrame(frame);
+              }),
       mOutbox([this] { asio::post(mIo, [this] { flush(); }); }),
       mRetry(io),
       mSilence(io),
@@ -124,6 +137,7 @@ void Channel::Impl::drop(std::string const& reason) {
     mLink->close();
     mLink.reset();
     mReading = false;
+    mChunkSize = mChunkUsed = 0;
     mSilence.cancel();
     mReader.reset();
     reportSkipped();
@@ -143,7 +157,7 @@ void Channel::Impl::hold(bool held) {
         mSilence.cancel();
     } else if (mLink) {
         watchSilence();
-        read();
+        mChunkUsed < mChunkSize ? goOnLater() : read();
     }
 }
 
@@ -155,23 +169,45 @@ void Channel::Impl::read() {
                 if (link != mLink) return;
                 if (error)
                     return drop(error == asio::error::eof ? "the peer closed it" : error.message());
-                received(size);
-                mReading = false;
-                read();
+                mBackOff = BACK_OFF_FIRST;  // there is somebody: next time it is worth asking soon
+                mChunkSize = size;
+                mChunkUsed = 0;
+                if (mEvents.watcher) {
+                    mEvents.watcher->carried(FrameText::Direction::IN, mChunk.data(), size);
+                }
+                goOn(link);
             });
 }
 
-void Channel::Impl::received(size_t size) {
-    mBackOff = BACK_OFF_FIRST;  // there is somebody: next time it is worth asking soon
-    if (mEvents.watcher) {
-        mEvents.watcher->carried(FrameText::Direction::IN, mChunk.data(), size);
-    }
+void Channel::Impl::received() {
     uint64_t const skipped = mReader.skippedBytes();
-    mReader.feed(mChunk.data(), size);
+    for (mFrames = 0; mChunkUsed < mChunkSize && mFrames < FRAMES_A_TURN;) {
+        size_t const size = std::min(mChunkSize - mChunkUsed, SLICE_SIZE);
+        mReader.feed(mChunk.data() + mChunkUsed, size);
+        mChunkUsed += size;
+    }
     // While garbage goes on coming, its end is not worth a line yet.
     if (mReader.skippedBytes() == skipped) reportSkipped();
     watchSilence();
     mEvents.onProgress();
+}
+
+// Goes through what was read, unless the link is gone meanwhile.
+void Channel::Impl::goOn(std::shared_ptr<Link> const& link) {
+    received();
+    if (link != mLink) return;
+    if (mChunkUsed < mChunkSize) return goOnLater();
+    mReading = false;
+    read();
+}
+
+void Channel::Impl::goOnLater() {
+    if (mHeld || mGoesOn) return;
+    mGoesOn = true;
+    asio::post(mIo, [this, link = mLink] {
+        mGoesOn = false;
+        if (link == mLink && !mHeld) goOn(link);
+    });
 }
 
 void Channel::Impl::watchSilence() {

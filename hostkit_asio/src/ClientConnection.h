@@ -1,49 +1,45 @@
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include <vesk/client/ClientProtocol.h>
+#include <vesk/hostkit_asio/FlowLimits.h>
 #include <asio/local/stream_protocol.hpp>
-#include <asio/steady_timer.hpp>
+
+#include "Backlog.h"
 
 namespace vesk::hostkit {
 
 /**
  * The host's end of one client's connection: messages in, messages out.
  *
- * Back-pressure: the owner may leave a message for later: the client is parked. Nothing more is
- * read from it until then, so that it comes to a stop in its own send.
+ * A message stays in the socket until the owner takes it, so a client whose message is not taken is
+ * paused: nothing is read from it until resume(), and it comes to a stop in its own send. Only of a
+ * message that has not come whole the beginning is kept here, once the owner has found room for it.
+ * A client that leaves while it is paused takes with it what it had not handed over.
  *
- * A client is congested from when more than CONGESTED bytes wait for it until less than RELIEVED
- * do. Then it holds(): the owner sees to it that no more come. It may do so for PATIENCE and is
- * closed when it is not relieved by then, because others wait for it. A client that is parked is
- * not closed: it may be one that finishes its send before it reads on, and then it is the host
- * that keeps it from reading. When that lasts for STANDSTILL, the host may be waiting for itself
- * or for another one that does the same; so the client lets go until it is parked no more. What
- * comes meanwhile is kept for it up to LIMIT, which no client may exceed.
+ * What waits for a client is kept up to a limit; a client beyond it is evicted.
  *
  * Threads: the one that runs the io_context.
  */
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 public:
-    static constexpr size_t CONGESTED = size_t{8} * 1024 * 1024;
-    static constexpr size_t RELIEVED = CONGESTED / 2;
-    static constexpr size_t LIMIT = CONGESTED * 4;
-    static constexpr std::chrono::milliseconds PATIENCE{3000};
-    static constexpr std::chrono::milliseconds STANDSTILL{50};
-
     class Owner {
     public:
-        /** Returns false to get the same message again from resume(). */
+        /** Returns false to get the same message again after resume(). */
         virtual bool onMessage(ClientConnection& client, client::Message const& message) = 0;
+        /**
+         * A message has come in part, of which `size` bytes have to be kept. Returns false to be
+         * asked again after resume(). Otherwise it is brought to its end, and offered then.
+         */
+        virtual bool onPart(ClientConnection& client, size_t size) = 0;
         /** Bytes that are no messages came; refuse() is expected. */
         virtual void onBadMessage(ClientConnection& client, std::string const& reason) = 0;
-        /** congested() or holds() has changed. */
-        virtual void onCongestion(ClientConnection& client) = 0;
+        /** Something was added to what waits for it, or has left. */
+        virtual void onBacklog(ClientConnection& client) = 0;
         /** Once, from the io_context; the connection is not used any more. */
         virtual void onClosed(ClientConnection& client, std::string const& reason) = 0;
 
@@ -51,17 +47,26 @@ public:
         ~Owner() = default;
     };
 
-    ClientConnection(uint32_t id, asio::local::stream_protocol::socket socket, Owner& owner);
+    /** What the connections of one owner share, because each needs it only for moments. */
+    struct Shared {
+        client::Bytes chunk = client::Bytes(client::MessageReader::MAX_SIZE);
+        client::Message message;
+        size_t backlog = 0;  // bytes that wait for all of them
+    };
+
+    ClientConnection(uint32_t id, asio::local::stream_protocol::socket socket, Owner& owner,
+                     Shared& shared, size_t limit);
 
     uint32_t id() const { return mId; }
 
     /** Begins to read. Call it once the connection is held by a shared_ptr. */
-    void start() { read(); }
+    void start();
 
-    /** Offers the message that the owner left for later, and goes on reading. */
-    void resume() { process(); }
+    /** Offers again what the owner has not taken, and goes on reading. Not from a callback. */
+    void resume();
+    bool paused() const { return mPaused; }
 
-    void send(client::Bytes const& message);
+    void send(client::Bytes message);
 
     /** Tells the client why, and closes when that has been written. */
     void refuse(std::string const& reason);
@@ -69,39 +74,53 @@ public:
     void close(std::string const& reason);
     bool closed() const { return mClosed; }
 
-    /** Whether too much waits for it; never so for a client that is closed. */
-    bool congested() const { return mCongested; }
-
-    /** Whether it is congested and has not let go, so that nothing more should come for it. */
-    bool holds() const { return mCongested && !mLetGo; }
-
-    /** Whether it was closed because it did not read enough. */
+    /** Closes it because it is slow. */
+    void evict(std::string const& reason);
     bool evicted() const { return mEvicted; }
 
+    size_t backlog() const { return mBacklog.bytes(); }
+
+    /** Since when the first of what waits for it has been waiting; now where nothing does. */
+    Backlog::Clock::time_point waitingSince() const;
+
+    /**
+     * The same, for the client alone: the time in which the host did not read from it does not
+     * count, for it may be one that finishes its send before it reads on.
+     */
+    Backlog::Clock::time_point excusedSince() const;
+
+    /** Whether a part of a message is kept, and since when its rest is awaited. */
+    bool hasPart() const { return !mPart.empty(); }
+    Backlog::Clock::time_point partSince() const { return mPartSince; }
+
 private:
-    void read();
-    void process();
+    void awaitBytes();
+    void awaitEnd();
+    void take();
+    void takeWhole();
+    void takePart();
+    ssize_t receive(uint8_t* bytes, size_t size, int flags);
+    void handOver(size_t size);
+    client::MessageReader::Result offer(uint8_t const* bytes, size_t size, size_t& taken);
+    void beginPart(size_t size);
+    void discard(size_t size);
+    void pause();
     void write();
     void wrote(size_t size);
-    size_t backlog() const { return mWaiting.size() + mLeaving.size() - mLeft; }
-    void update(bool parked);
-    void watchCongestion();
-    void outOfTime();
-    void evict(std::string const& reason);
 
     uint32_t const mId;
     asio::local::stream_protocol::socket mSocket;
     Owner& mOwner;
-    std::array<uint8_t, size_t{64} * 1024> mChunk{};
-    client::MessageReader mReader;
-    client::Message mMessage;
-    bool mParked = false;  // mMessage waits for the owner to take it
-    client::Bytes mWaiting;
-    client::Bytes mLeaving;  // not empty while a write runs
-    size_t mLeft = 0;        // this much of mLeaving has been taken
-    asio::steady_timer mPatience;
-    bool mCongested = false;
-    bool mLetGo = false;
+    Shared& mShared;
+    size_t const mLimit;
+    client::Bytes mPart;  // the beginning of a message, or one that waits to be taken
+    Backlog::Clock::time_point mPartSince;
+    Backlog mBacklog;
+    Backlog::Clock::time_point mResumed;
+    bool mWriting = false;
+    bool mAwaiting = false;  // bytes
+    bool mPaused = false;
+    bool mGone = false;  // the client has closed its end; what it has sent may still be read
     bool mRefused = false;
     bool mClosed = false;
     bool mEvicted = false;

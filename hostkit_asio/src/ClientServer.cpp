@@ -12,13 +12,15 @@ public:
 };
 
 ClientServer::ClientServer(asio::io_context& io, std::string const& path,
-                           std::set<std::string> localTopics, Services services)
-    : mImpl(std::make_unique<Impl>(io, path, std::move(localTopics), std::move(services))) {}
+                           std::set<std::string> localTopics, FlowLimits const& limits,
+                           Services services)
+    : mImpl(std::make_unique<Impl>(io, path, std::move(localTopics), limits, std::move(services))) {
+}
 
 ClientServer::~ClientServer() = default;
 
-void ClientServer::resumeParked() {
-    mImpl->resumeParked();
+void ClientServer::resume() {
+    mImpl->resume();
 }
 
 void ClientServer::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {

@@ -9,8 +9,8 @@ namespace vesk::hostkit {
 
 namespace {
 
-// Room also comes without an event, by the expiry of what was never acknowledged.
-constexpr std::chrono::milliseconds PARKED_POLL{10};
+// A JOIN with the longest names; nothing longer is expected from who has not joined.
+constexpr size_t MAX_JOIN_SIZE = client::MessageReader::PREFIX_SIZE + 1 + 1 + 256 + 256;
 
 char const* roleName(int role) {
     return role == VeskSessionManager::PROVIDER ? "provider" : "consumer";
@@ -19,14 +19,15 @@ char const* roleName(int role) {
 }  // namespace
 
 Clients::Clients(asio::io_context& io, std::string const& path, std::set<std::string> localTopics,
-                 Services services)
+                 FlowLimits const& limits, Services services)
     : mListener(io, path),
       mAcceptLoop(
               mListener.acceptor(), [this](auto socket) { accepted(std::move(socket)); },
               services.report),
       mLocalTopics(std::move(localTopics)),
+      mLimits(limits),
       mServices(std::move(services)),
-      mParkedTimer(io) {}
+      mFlow(io, mLimits, mServices, mClients, mShared.backlog) {}
 
 Clients::~Clients() {
     for (auto const& [id, client] : mClients) {
@@ -35,31 +36,60 @@ Clients::~Clients() {
 }
 
 void Clients::accepted(asio::local::stream_protocol::socket socket) {
+    bool const hasPlace = makePlace();
     uint32_t const id = ++mLastClientId;
     ClientConnection::Owner& owner = *this;
-    auto const connection = std::make_shared<ClientConnection>(id, std::move(socket), owner);
+    auto const connection = std::make_shared<ClientConnection>(id, std::move(socket), owner,
+                                                               mShared, mLimits.client);
     mClients[id].connection = connection;
-    connection->start();
+    if (hasPlace) return connection->start();
+    refuse(*connection, "this host has as many clients as it serves at a time; try again later");
+}
+
+// Who only looks in, or has not said why it came, makes place for who comes now.
+bool Clients::makePlace() {
+    if (mClients.size() < FlowLimits::CLIENTS) return true;
+    Client* idlest = nullptr;
+    for (auto& [id, client] : mClients) {
+        if (client.joined() || client.watches || client.connection->closed()) continue;
+        if (!idlest || id < idlest->connection->id()) idlest = &client;
+    }
+    if (idlest) idlest->connection->close("another client needs its place");
+    return idlest != nullptr;
 }
 
 bool Clients::onMessage(ClientConnection& connection, client::Message const& message) {
     Client& client = mClients.at(connection.id());
+    bool const isData = message.type == client::MessageType::REQUEST ||
+                        message.type == client::MessageType::REPLY;
+    if (!mFlow.admits(client, isData)) return false;
+    mFlow.releasePart(client);
     switch (message.type) {
         case client::MessageType::JOIN:
             join(client, message);
-            return true;
+            break;
         case client::MessageType::REQUEST:
         case client::MessageType::REPLY:
-            return publish(client, message);
+            publish(client, message);
+            break;
         case client::MessageType::WATCH:
+            watch(client);
+            break;
         case client::MessageType::QUERY:
-            answer(client, message.type);
-            return true;
+            answerQuery(client);
+            break;
         default:
             refuse(connection, "a client does not send messages of type " +
                                        std::to_string(static_cast<int>(message.type)));
-            return true;
     }
+    return true;
+}
+
+bool Clients::onPart(ClientConnection& connection, size_t size) {
+    Client& client = mClients.at(connection.id());
+    if (client.joined() || size <= MAX_JOIN_SIZE) return mFlow.admitsPart(client);
+    refuse(connection, "a client joins before it sends messages of such length");
+    return true;
 }
 
 void Clients::onBadMessage(ClientConnection& connection, std::string const& reason) {
@@ -72,19 +102,14 @@ void Clients::refuse(ClientConnection& connection, std::string const& reason) {
     connection.refuse(reason);
 }
 
-void Clients::onCongestion(ClientConnection& connection) {
-    uint32_t const changed = connection.id();
-    connection.congested() ? (void)mCongested.insert(changed) : (void)mCongested.erase(changed);
-    mServices.holdChannel(std::any_of(mCongested.begin(), mCongested.end(), [this](uint32_t id) {
-        Client const& client = mClients.at(id);
-        return client.session && !client.local && client.connection->holds();
-    }));
+void Clients::onBacklog(ClientConnection& connection) {
+    mFlow.backlogChanged(mClients.at(connection.id()));
 }
 
 void Clients::onClosed(ClientConnection& connection, std::string const& reason) {
-    auto const found = mClients.find(connection.id());
-    Client const client = std::move(found->second);
-    mClients.erase(found);
+    auto const entry = mClients.extract(connection.id());
+    Client& client = entry.mapped();
+    mFlow.left(client);
     if (connection.evicted()) ++mEvicted;
     // A client that came for a look and leaves as it should is not worth a line.
     if (client.session || connection.evicted()) {
@@ -107,9 +132,10 @@ void Clients::join(Client& client, client::Message const& message) {
     if (sessionId < 0) return refuse(*client.connection, "every session id is in use");
     client.session = sessions.getSession(static_cast<uint16_t>(sessionId));
     client.local = mLocalTopics.count(join->topic) > 0;
+    mFlow.joined(client);
     mServices.report("client " + std::to_string(id) + " is a " + roleName(join->role) + " of " +
                      join->topic + "/" + join->business + ", session " + std::to_string(sessionId));
-    client.connection->send(client::JoinedMessage{static_cast<uint16_t>(sessionId)}.encode());
+    send(*client.connection, client::JoinedMessage{static_cast<uint16_t>(sessionId)}.encode());
 }
 
 std::string Clients::whyNoSession(client::JoinMessage const& join) const {
@@ -135,24 +161,15 @@ std::string Clients::whyNoSession(client::JoinMessage const& join) const {
 }
 
 // A consumer's request carries its own session id, so that the reply finds its way back.
-bool Clients::publish(Client& client, client::Message const& message) {
+void Clients::publish(Client& client, client::Message const& message) {
     bool const request = message.type == client::MessageType::REQUEST;
     int const role = request ? VeskSessionManager::CONSUMER : VeskSessionManager::PROVIDER;
     if (!client.session || client.session->type() != role) {
-        refuse(*client.connection, std::string("only a ") + roleName(role) +
-                                           (request ? " sends requests" : " sends replies"));
-        return true;
-    }
-    bool const others = !mResuming && !client.local && !mParked.empty();
-    if (others || !hasRoomFor(client)) {
-        park(client);
-        return false;
+        return refuse(*client.connection, std::string("only a ") + roleName(role) +
+                                                  (request ? " sends requests" : " sends replies"));
     }
     std::optional<client::DataMessage> data = client::DataMessage::decode(message.body);
-    if (!data) {
-        refuse(*client.connection, "a REQUEST or REPLY message is not of its form");
-        return true;
-    }
+    if (!data) return refuse(*client.connection, "a REQUEST or REPLY message is not of its form");
     std::shared_ptr<VeskFrame> const frame = VeskFrame::obtainFrame(true);
     frame->topicId = static_cast<uint8_t>(client.session->topicId());
     frame->businessId = static_cast<uint8_t>(client.session->businessId());
@@ -160,79 +177,19 @@ bool Clients::publish(Client& client, client::Message const& message) {
     frame->reply = request ? client.session->sessionId() : data->session;
     frame->msgId = data->msgId;
     frame->data = std::move(data->payload);
-    client.session->send(client.local, frame, 1);
-    return true;
-}
-
-bool Clients::hasRoomFor(Client const& sender) const {
-    if (!sender.local && !mServices.admitsFrame()) return false;
-    return std::none_of(mCongested.begin(), mCongested.end(),
-                        [&](uint32_t id) { return holdsUp(mClients.at(id), sender); });
-}
-
-// A provider that is parked waits until its replies can leave; requests would bury it meanwhile,
-// here or, where two hosts wait for each other, at the peer. A consumer that is parked waits for
-// providers, whose replies it has to take.
-bool Clients::holdsUp(Client const& slow, Client const& sender) const {
-    if (!slow.session || &slow == &sender || slow.local != sender.local) return false;
-    bool const request = sender.session->type() == VeskSessionManager::CONSUMER;
-    if (slow.session->type() == VeskSessionManager::PROVIDER) {
-        return request && slow.connection->congested();
-    }
-    return (request || sender.local) && slow.connection->holds();
-}
-
-void Clients::park(Client const& client) {
-    mParked.push_back(client.connection->id());
-    if (mParked.size() == 1) pollParked();
-}
-
-// Who has waited longest goes first, and behind the others when it has more than there is room for.
-void Clients::resumeParked() {
-    std::deque<uint32_t> parked;
-    std::deque<uint32_t> waiting;
-    parked.swap(mParked);
-    mResuming = true;
-    for (uint32_t id : parked) {
-        auto const found = mClients.find(id);
-        if (found == mClients.end()) continue;
-        if (!hasRoomFor(found->second)) {
-            waiting.push_back(id);
-            continue;
-        }
-        std::shared_ptr<ClientConnection> const connection = found->second.connection;
-        connection->resume();
-    }
-    mResuming = false;
-    mParked.insert(mParked.begin(), waiting.begin(), waiting.end());
-    if (!mParked.empty()) pollParked();
-}
-
-void Clients::pollParked() {
-    mParkedTimer.expires_after(PARKED_POLL);
-    mParkedTimer.async_wait([this](asio::error_code const& error) {
-        if (!error) resumeParked();
-    });
-}
-
-// Unlike requests, questions would let a client that does not read pile up answers at once.
-void Clients::answer(Client& client, client::MessageType question) {
-    if (client.connection->congested()) {
-        return refuse(*client.connection, "read what waits for this client before asking for more");
-    }
-    question == client::MessageType::WATCH ? watch(client) : answerQuery(client);
+    client.session->send(client.local, mFlow.handedOver(client, frame), 1);
 }
 
 void Clients::watch(Client& client) {
     if (client.watches) return;
     client.watches = true;
     for (std::string const& topic : mTopics) {
-        client.connection->send(
-                client::ChangeMessage{true, topic, {}}.encode(client::MessageType::TOPIC));
+        send(*client.connection,
+             client::ChangeMessage{true, topic, {}}.encode(client::MessageType::TOPIC));
     }
     for (auto const& [topic, business] : mProviders) {
-        client.connection->send(
-                client::ChangeMessage{true, topic, business}.encode(client::MessageType::PROVIDER));
+        send(*client.connection,
+             client::ChangeMessage{true, topic, business}.encode(client::MessageType::PROVIDER));
     }
 }
 
@@ -243,7 +200,7 @@ void Clients::answerQuery(Client& client) {
     counters.refused = mRefused;
     counters.evicted = mEvicted;
     mServices.addCounters(counters);
-    client.connection->send(counters.encode());
+    send(*client.connection, counters.encode());
 }
 
 void Clients::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {
@@ -253,8 +210,14 @@ void Clients::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& fr
     uint16_t const session = request ? frame.reply : static_cast<uint16_t>(sessionId);
     client::MessageType const type =
             request ? client::MessageType::REQUEST : client::MessageType::REPLY;
-    found->second.connection->send(
-            client::DataMessage::encode(type, session, frame.msgId, frame.data));
+    if (!request) mFlow.answered(found->second, frame);
+    send(*found->second.connection,
+         client::DataMessage::encode(type, session, frame.msgId, frame.data));
+}
+
+void Clients::send(ClientConnection& connection, client::Bytes message) {
+    mFlow.makeRoom(message.size());
+    connection.send(std::move(message));
 }
 
 void Clients::topicChanged(bool added, std::string const& topic) {
@@ -273,7 +236,7 @@ void Clients::providerChanged(bool added, std::string const& topic, std::string 
 
 void Clients::broadcast(client::Bytes const& message) {
     for (auto const& [id, client] : mClients) {
-        if (client.watches) client.connection->send(message);
+        if (client.watches) send(*client.connection, message);
     }
 }
 

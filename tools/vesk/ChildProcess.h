@@ -50,6 +50,9 @@ public:
     /** Kills the whole group, where it still runs, and waits for the process. */
     void kill();
 
+    /** Its number in /proc, also for a moment after its end. */
+    pid_t pid() const { return mPid; }
+
     /** Sends it a signal, unless it has ended. REQUIRES: it is not `kept`. */
     void signal(int number);
 

@@ -1,5 +1,7 @@
 #include "HostCommand.h"
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <memory>
 #include <set>
@@ -26,6 +28,14 @@ std::unique_ptr<hostkit::CaptureFile> openCapture(HostOptions const& options) {
                                                   "vesk host " VESK_VERSION, say);
 }
 
+hostkit::SendGate::Limits gateLimits(hostkit::FlowLimits const& flow) {
+    hostkit::SendGate::Limits limits;
+    limits.highWatermark = flow.backlogHigh;
+    limits.lowWatermark = flow.backlogLow;
+    limits.readWatermark = flow.backlogRead;
+    return limits;
+}
+
 /**
  * The host proper: the library between one channel and many clients.
  *
@@ -44,23 +54,28 @@ private:
     hostkit::ClientServer::Services services();
     void createTopics(HostOptions const& options);
     void channelChanged(bool up);
+    void progressed();
+    void holdChannel();
     void addCounters(client::Counters& counters) const;
 
     std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
     std::unique_ptr<hostkit::CaptureFile> const mCapture;
+    hostkit::FlowLimits const mLimits;
     hostkit::Channel mChannel;
     hostkit::SendGate const mGate;
+    bool mClientsHold = false;
     hostkit::ClientServer mClients;
     android::sp<HostCallback> const mCallback;
 };
 
 Host::Host(asio::io_context& io, HostOptions const& options)
     : mCapture(openCapture(options)),
+      mLimits(options.memoryMib * hostkit::FlowLimits::MIB),
       mChannel(io, hostkit::Endpoint::parse(options.channel), options.listen,
                *Vesk::getInstance()->getConfig(), channelEvents()),
-      mGate(*mQueue, mChannel.outbox()),
+      mGate(*mQueue, mChannel.outbox(), gateLimits(mLimits)),
       mClients(io, hostkit::parseUnixPath("--clients", options.clients),
-               {options.localTopics.begin(), options.localTopics.end()}, services()),
+               {options.localTopics.begin(), options.localTopics.end()}, mLimits, services()),
       mCallback(new HostCallback(mChannel, mClients)) {
     Vesk::getInstance()->init(mCallback);
     createTopics(options);
@@ -71,11 +86,15 @@ Host::Host(asio::io_context& io, HostOptions const& options)
 hostkit::Channel::Events Host::channelEvents() {
     return {[this](bool up) { channelChanged(up); },
             [this](std::shared_ptr<VeskFrame> const& frame) { mQueue->receiveFromChannel(frame); },
-            [this] { mClients.resumeParked(); }, say, mCapture.get()};
+            [this] { progressed(); }, say, mCapture.get()};
 }
 
 hostkit::ClientServer::Services Host::services() {
-    return {[this] { return mGate.open(); }, [this](bool hold) { mChannel.hold(hold); },
+    return {[this] { return mGate.obstacle(); },
+            [this](bool hold) {
+                mClientsHold = hold;
+                holdChannel();
+            },
             [this](client::Counters& counters) { addCounters(counters); }, say};
 }
 
@@ -92,6 +111,18 @@ void Host::channelChanged(bool up) {
         say(std::to_string(mQueue->size()) + " queued frames are lost with the channel");
     }
     Vesk::getInstance()->onChannelAvailable(up);
+    holdChannel();
+    mClients.resume();
+}
+
+void Host::progressed() {
+    holdChannel();
+    mClients.resume();
+}
+
+// Each frame that comes is acknowledged, whether or not the peer reads that.
+void Host::holdChannel() {
+    mChannel.hold(mClientsHold || !mGate.mayRead());
 }
 
 void Host::addCounters(client::Counters& counters) const {
@@ -106,6 +137,15 @@ void Host::addCounters(client::Counters& counters) const {
     counters.receivedPackets = feedback.receivedPackets();
     counters.skippedBytes = mChannel.reader().skippedBytes();
     counters.reconnects = mChannel.reconnects();
+}
+
+// Each client takes a descriptor; a few are the host's own.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    rlim_t const wanted = hostkit::FlowLimits::CLIENTS + 64;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted) return;
+    limit.rlim_cur = std::min(wanted, limit.rlim_max);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // With no topic named, all are served.
@@ -134,6 +174,7 @@ int runHost(HostOptions const& options) {
     asio::io_context io;
     EndSignals signals(io);
     signals.async_wait([&io](asio::error_code const&, int) { io.stop(); });
+    raiseDescriptorLimit();
     Host const host(io, withTopics(options));
     io.run();
     return EXIT_OK;

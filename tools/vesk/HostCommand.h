@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@ struct HostOptions {
     std::vector<std::string> localTopics;
     std::string capture;                // a file; empty: nothing is recorded
     uint64_t captureLimit = 100000000;  // bytes
+    size_t memoryMib = 64;              // that it may hold for clients and peer
 };
 
 /**

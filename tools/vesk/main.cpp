@@ -81,6 +81,12 @@ void addHost(CLI::App& app, HostOptions& options, Command& command) {
                     "Serve this topic with the peer; may be repeated (default: all there are)");
     sub->add_option("--local-topic", options.localTopics,
                     "Serve this topic among local clients only; may be repeated");
+    sub->add_option(
+               "--memory", options.memoryMib,
+               "MiB that the host may hold for all clients and the peer together; slow clients "
+               "are disconnected before it needs more")
+            ->transform(WholeNumber(16, 4096))
+            ->capture_default_str();
     CLI::Option* capture = sub->add_option(
             "--capture", options.capture,
             "Record what the channel carries in this file (pcapng), for vesk decode or Wireshark");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <poll.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -40,6 +41,21 @@ public:
         asio::write(mEnd, asio::buffer(bytes), closed);
     }
     void close() { mEnd.close(); }
+
+    /**
+     * Writes these bytes again and again until the other side takes no more of them, or has taken
+     * `most`, and reads nothing meanwhile. Returns how many it took.
+     */
+    size_t flood(Bytes const& bytes, size_t most) {
+        size_t taken = 0;
+        mEnd.non_blocking(true);
+        for (pollfd full{mEnd.native_handle(), POLLOUT, 0}; taken < most;) {
+            asio::error_code error;
+            taken += mEnd.write_some(asio::buffer(bytes) + taken % bytes.size(), error);
+            if (error && (error != asio::error::would_block || ::poll(&full, 1, 200) <= 0)) break;
+        }
+        return taken;
+    }
 
     /** The messages, or the frames but for acknowledgements, with 0 for the serial number. */
     std::vector<Bytes> const& heard() const { return mHeard; }

@@ -34,12 +34,28 @@ namespace vesk::client {
  * present, as added, and then with every change; a second WATCH changes nothing. Anything that is
  * not exactly of this form is an error.
  *
- * A client has to read. When more than 8 MiB wait for it, it has 3 seconds to bring that below 4;
- * until then the host keeps others waiting, and then it closes the connection. Time does not count
- * while the host itself leaves unread what the client sends, so a provider may write a reply to
- * its end before it reads the next request. A consumer should read while it writes: requests whose
- * replies it does not read come to wait for it, and with 32 MiB waiting any client is closed. In
- * that state WATCH and QUERY are refused.
+ * Flow control. The figures are for a host with its default of 64 MiB (`vesk host --memory`), and
+ * stand in proportion for another.
+ *
+ * - The host takes a message out of the socket when it can pass it on, and lets it lie there
+ *   otherwise; the client is paused, and its send blocks in the end. What it has not handed over
+ *   when it leaves is dropped.
+ * - A consumer has to read while it writes. It is paused while more than 128 KiB wait for it, until
+ *   that is below 64; while the replies to what it has asked may come to 3.8 MiB, less in its first
+ *   moments; and while the requests of its business that had no reply come to 1 MiB, for 3 seconds
+ *   at most, and then, as long as no reply comes at all, for 100 ms. It slows only itself.
+ * - A provider may finish a reply before it reads on: while the host leaves unread what it sends,
+ *   its time does not count. Otherwise it has 3 seconds for each request while more than 2 MiB wait
+ *   for it; then it is disconnected.
+ * - No client may have more than 4 MiB waiting. When all of them together have 24 MiB, the one for
+ *   whom something has waited longest is disconnected, and with 18 MiB those for whom it has waited
+ *   for a second.
+ * - A message should be written at one go. With 30 messages begun and not ended, the next that
+ *   comes in parts has to wait, and those begun more than a second ago are disconnected.
+ * - A host has places for 1000 connections. One that has neither joined nor sent WATCH makes place
+ *   for a new one; where there is none, the new one is refused.
+ *
+ * A client that is disconnected in this way sees the end of the stream, without REFUSED.
  */
 enum class MessageType : uint8_t {
     JOIN = 1,
@@ -137,6 +153,18 @@ struct Message {
 class MessageReader {
 public:
     enum class Result { MESSAGE, NEED_MORE, TOO_LONG, EMPTY };
+
+    static constexpr size_t PREFIX_SIZE = 4;
+    static constexpr size_t MAX_SIZE = PREFIX_SIZE + MAX_MESSAGE_SIZE;
+
+    /**
+     * Reads the message at the beginning of these bytes. @param taken its bytes; 0 unless it is
+     * there.
+     */
+    static Result cut(uint8_t const* bytes, size_t size, Message& message, size_t& taken);
+
+    /** What the message at the beginning of these bytes needs, as far as they tell. */
+    static size_t sizeOf(uint8_t const* bytes, size_t size);
 
     void append(uint8_t const* bytes, size_t size);
 

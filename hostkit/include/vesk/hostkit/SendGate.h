@@ -50,6 +50,9 @@ public:
          * that sends frames only through a gate does not bring the other this far.
          */
         size_t readWatermark = size_t{4096} * 1024;
+
+        /** Acknowledgements owed at which a host stops reading: the queue forgets 1000 of them. */
+        size_t maxOwedAcks = 500;
     };
 
     /** What keeps the gate closed. */
@@ -74,8 +77,10 @@ public:
     /** The first obstacle in the order of their enumeration. */
     Obstacle obstacle() const;
 
-    /** Whether to go on reading the channel; see Limits::readWatermark. */
-    bool mayRead() const { return mOutbox.backlog() < mLimits.readWatermark; }
+    /** Whether to go on reading the channel; see Limits::readWatermark and maxOwedAcks. */
+    bool mayRead() const {
+        return mOutbox.backlog() < mLimits.readWatermark && mQueue.owedAcks() < mLimits.maxOwedAcks;
+    }
 
     /** An obstacle in a few words, such as "the channel is down"; empty for NONE. */
     static char const* describe(Obstacle obstacle);
