@@ -2,6 +2,7 @@
 import hashlib
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -25,9 +26,6 @@ USE = ("add_compile_options(\"$<$<STREQUAL:$<TARGET_PROPERTY:CXX_VISIBILITY_PRES
 HEADERS = ["algorithm", "atomic", "chrono", "condition_variable", "deque", "filesystem",
            "fstream", "functional", "iostream", "list", "map", "memory", "mutex", "optional",
            "set", "string", "thread", "vector", "asio.hpp", "gtest/gtest.h"]
-COPIED = ["CMakeLists.txt", "abi", "bench", "client", "cmake", "docs", "examples", "fuzz",
-          "hostkit", "hostkit_asio", "include", "platform", "scripts", "src", "testkit", "tests",
-          "tools"]
 
 
 class Copy:
@@ -39,6 +37,7 @@ class Copy:
         self.root = folder / "tree"
         self.build_folder = folder / "build"
         self.original = {}  # program: the hash of what it consists of, without any mutant
+        self.loaded = {}    # program: the files that it consists of
         self.results = {}   # (check, hash of the program): whether it caught it
         self.mutated = folder / "mutated"  # holds the name of the file that was changed last
         self.original_text = b""
@@ -49,7 +48,7 @@ class Copy:
     def update(self):
         """Brings the copy up to date with the tree."""
         self.root.mkdir(parents=True, exist_ok=True)
-        for name in filter(lambda name: (self.tree / name).exists(), COPIED):
+        for name in tracked_tops(self.tree):
             mirror(self.tree / name, self.root / name)
         last = self.root / self.mutated.read_text() if self.mutated.exists() else None
         if last and last.exists():
@@ -78,18 +77,22 @@ class Copy:
 
     def fingerprint(self, check):
         """A hash of everything that is built and that the check runs."""
-        found = hashlib.blake2b()
-        parts = [check.program]
-        if check.of_tool:
-            parts.append(self.build_folder / "tools/vesk/vesk")
-        for part in [*parts, *sorted(self.build_folder.glob("*/lib*.so"))]:
-            found.update(pathlib.Path(part).read_bytes())
-        return found.hexdigest()
+        if check.program not in self.loaded:
+            programs = [check.program]
+            if check.of_tool:
+                programs.append(str(self.build_folder / "tools/vesk/vesk"))
+            self.loaded[check.program] = [*programs, *self.libraries(programs)]
+        return hash_of(self.loaded[check.program])
 
-    def builds(self, check):
-        """Builds what the check runs."""
-        target = os.path.relpath(check.program, self.build_folder)
-        return processes.finish(["ninja", "-C", self.build_folder, "-j", "1", target],
+    def libraries(self, programs):
+        """The shared libraries of this build that the programs load."""
+        listed = subprocess.run(["ldd", *programs], check=True, text=True, capture_output=True)
+        found = set(re.findall(r"=> (\S+)", listed.stdout))
+        return sorted(name for name in found if name.startswith(str(self.build_folder)))
+
+    def builds(self, *files):
+        targets = [os.path.relpath(file, self.build_folder) for file in files]
+        return processes.finish(["ninja", "-C", self.build_folder, "-j", "1", *targets],
                                 env=self.environment, stdout=subprocess.DEVNULL) == 0
 
     def judge(self, mutant, suite):
@@ -105,14 +108,16 @@ class Copy:
 
     def verdict(self, mutant, suite):
         changed = False
-        built = set()
+        prints = {}
+        library = self.library_of(mutant.file)
+        if library and not self.builds(library):
+            return "not compiled", ""
         for check in suite:
-            # Of a shared library's own source, all there is to build is built the first time.
-            if check.program not in built and not (built and is_of_shared_library(mutant.file)):
-                if not self.builds(check):
+            if check.program not in prints:
+                if not library and not self.builds(check.program):
                     return "not compiled", ""
-                built.add(check.program)
-            found = self.fingerprint(check)
+                prints[check.program] = self.fingerprint(check)
+            found = prints[check.program]
             if found == self.original[check.program]:
                 continue
             changed = True
@@ -121,6 +126,11 @@ class Copy:
             if self.results[check.name, found]:
                 return "caught", check.name
         return ("survived" if changed else "unchanged"), ""
+
+    def library_of(self, name):
+        """The shared library that nothing but this source's own object changes in; or None."""
+        found = sorted(self.build_folder.glob(name.split("/")[0] + "/lib*.so"))
+        return found[0] if found and name.endswith(".cpp") else None
 
     def lock_verdict(self, mutant):
         """What clang's analysis says of a lock that no test misses."""
@@ -139,8 +149,19 @@ class Copy:
         (self.root / self.mutated.read_text()).write_bytes(self.original_text)
 
 
-def is_of_shared_library(name):
-    return name.endswith(".cpp") and name.startswith(("src/", "platform/"))
+def hash_of(files):
+    found = hashlib.blake2b()
+    for file in files:
+        found.update(pathlib.Path(file).read_bytes())
+    return found.hexdigest()
+
+
+def tracked_tops(tree):
+    """What lies in the top folder and is a part of the project."""
+    listed = subprocess.run(["git", "ls-files"], cwd=tree, check=True, text=True,
+                            capture_output=True)
+    names = {name.split("/")[0] for name in listed.stdout.splitlines()}
+    return sorted(name for name in names if (tree / name).exists())
 
 
 def precompiled_headers(folder):

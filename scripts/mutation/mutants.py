@@ -11,8 +11,8 @@ from .syntax import FUNCTIONS, Project, walk
 
 SCOPE = ["src/*.cpp", "src/*.h", "platform/src/*.cpp", "platform/include/*.h",
          "platform/refbase/*.h", "include/vesk/*.h", "testkit/*.cpp", "testkit/*.h",
-         "client/*.cpp", "client/*.h", "hostkit_asio/*.cpp", "hostkit_asio/*.h",
-         "tools/vesk/*.cpp", "tools/vesk/*.h"]
+         "hostkit/*.cpp", "hostkit/*.h", "hostkit_asio/*.cpp", "hostkit_asio/*.h",
+         "client/*.cpp", "client/*.h", "tools/vesk/*.cpp", "tools/vesk/*.h"]
 # What reads the command line or prints.
 OUTSIDE = ["tools/vesk/main.cpp", "tools/vesk/*Report.*", "tools/vesk/Errors.h",
            "include/vesk/VeskThreadAnnotations.h", "include/vesk/VeskExport.h"]
@@ -52,9 +52,9 @@ def edited(data, edits):
 
 def files_in_scope(root, patterns):
     """The files to change, as names below the root."""
-    found = [str(path.relative_to(root)) for top in ("src", "platform", "include", "testkit",
-                                                     "tools")
-             for path in sorted((root / top).rglob("*.*"))]
+    tops = {pattern.split("/")[0] for pattern in SCOPE}
+    found = [str(path.relative_to(root)) for top in tops for folder in sorted(root.glob(top))
+             for path in sorted(folder.rglob("*.*"))]
     found = [name for name in found if matches(name, SCOPE) and not matches(name, OUTSIDE)]
     return [name for name in found if not patterns or matches(name, patterns)]
 

@@ -10,7 +10,6 @@ from clang.cindex import CursorKind as Kind
 
 FUNCTIONS = {Kind.FUNCTION_DECL, Kind.CXX_METHOD, Kind.CONSTRUCTOR, Kind.DESTRUCTOR,
              Kind.FUNCTION_TEMPLATE, Kind.CONVERSION_FUNCTION}
-PARSED = {"platform", "src", "testkit", "tools"}
 LOOPS = {Kind.FOR_STMT, Kind.CXX_FOR_RANGE_STMT, Kind.WHILE_STMT, Kind.DO_STMT}
 
 
@@ -139,7 +138,7 @@ class Project:
         sources = [(self.relative(command["file"]), command) for command in self.commands]
         own = [command for name, command in sources if name in left]
         others = [command for name, command in sources
-                  if name and name not in left and name.split("/")[0] in PARSED]
+                  if name and name not in left and not name.startswith("tests/")]
         for command in own + others:
             if left:
                 yield from self.declarations_of(self.parse(command), left)

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <vesk/Vesk.h>
 #include <vesk/testkit/Await.h>
@@ -32,6 +33,12 @@ android::sp<RecordingCallback> host() {
 
 void enqueue(int priority) {
     Vesk::getInstance()->getQueue()->enqueue(priority, true, VeskFrame::obtainFrame(true));
+}
+
+std::shared_ptr<VeskFrame> request() {
+    auto frame = VeskFrame::obtainFrame(true);
+    frame->msgType = 2;
+    return frame;
 }
 
 /** Leaves something in every place that the end has to clear. */
@@ -111,6 +118,7 @@ struct Late : T {
     using T::T;
     ~Late() {  // NOLINT(modernize-use-override): the base may have no virtual one
         expectRefusal();
+        if constexpr (std::is_base_of_v<VeskSession, T>) this->send(true, request(), 1);
         bool const kept = NTH > 2 && host()->getStrongCount() != 1;  // a callback, after the last
         if (kept || ++gReleased != NTH) _exit(4);
     }
@@ -124,6 +132,35 @@ void callAfterTheEnd() {
     fill();
     auto const session = std::make_shared<Late<VeskSession, 1>>(9, false, 2, 9, 2, 1, "");
     vesk->getTopic(2)->addSession(9, true, session);
+}
+
+// Also where a provider is being announced as new while the process ends. What is registered before
+// the instance is made runs after its end.
+void nothingStays() {
+    static std::vector<std::weak_ptr<void>> kept;
+    static std::thread joining;
+    std::atexit([] {
+        gExiting = true;
+        joining.join();
+        for (auto const& each : kept)
+            if (!each.expired()) _exit(6);
+    });
+    Vesk* const vesk = Vesk::getInstance();
+    auto* const sessions = vesk->getSessionManager();
+    for (int times = 0; times < 2; ++times) {
+        vesk->removeTopic("test");
+        fill();
+    }
+    vesk->createTopic("virtualcomm", false);
+    sessions->createSession(1, VeskSessionManager::CONSUMER, "virtualcomm", "vm", false);
+    auto const callback = host();
+    callback->onBusinessChange([](auto const&) { eventually([] { return gExiting.load(); }); });
+    joining = std::thread([=] { sessions->createSession(2, 2, "test", "test", false); });
+    callback->waitUntil([&] { return !callback->businessChanges().empty(); });
+    for (uint16_t id = 1; id < 20; ++id) {
+        if (auto const session = sessions->getSession(id))
+            kept.insert(kept.end(), {session, session->getTopic()});
+    }
 }
 
 // A thread that the child does not have may have held any lock; here this one does.
@@ -150,6 +187,7 @@ std::map<std::string, std::function<void()>> const SCENARIOS{
         {"call-after", callAfterTheEnd},
         {"call-all-the-while", callAllTheWhile},
         {"exit-in-child", exitInChild},
+        {"nothing-stays", nothingStays},
 };
 
 }  // namespace

@@ -1,3 +1,7 @@
+#include <malloc.h>
+
+#include <quillex/Log.h>
+
 #include "support/VeskTest.h"
 
 namespace vesk {
@@ -39,9 +43,22 @@ TEST_F(FacadeTest, TopicIsPresentFromItsCreationToItsRemoval) {
               (Strings{"removeTopic.test", "removeTopic.none", "createTopic.test",
                        "createTopic.test", "createTopic.none", "removeTopic.test"}));
     vesk->createTopic("virtualcomm", true);
-    for (auto const& each : {frame(1), std::shared_ptr<VeskFrame>()})
-        vesk->getTopic(1)->publish(false, each, 1), vesk->getTopic(1)->publish(true, each, 1);
+    auto const none = std::shared_ptr<VeskFrame>();
+    for (auto const& [local, each] : {std::pair(false, frame(1)), {false, none}, {true, none}})
+        vesk->getTopic(1)->publish(local, each, 1);
     EXPECT_EQ(log.count("[1]", "publish fail for local!") + log.count("[2]", "create."), 3U);
+}
+
+TEST_F(FacadeTest, RemovedTopicsTakeNoMemory) {
+    quillex::Log::setSink(nullptr);  // what it keeps would be counted
+    callback->onTopicChange([&](auto const&) { callback->clear(); });
+    size_t before = 0;
+    for (int times = 0; times < 2000; ++times) {
+        if (times == 10) before = mallinfo2().uordblks;
+        vesk->createTopic("test", false);
+        vesk->removeTopic("test");
+    }
+    EXPECT_LE(mallinfo2().uordblks, before + 10000);
 }
 
 }  // namespace

@@ -42,7 +42,50 @@ TEST_F(QueueTest, NullIsIgnoredEverywhere) {
     queue->enqueue(1, true, nullptr);
     queue->receiveFromChannel(nullptr);
     queue->receiveAckMessage(nullptr);
+    {
+        std::lock_guard<std::mutex> const lock(queue->mutex());
+        queue->ackToPeer();  // nothing is owed
+    }
+    EXPECT_EQ(queue->size(), 1);
     EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST_F(QueueTest, ReplacesTheFirstFrameThatAgreesInAllOfItsNames) {
+    std::vector<Packet> pending;
+    for (int field = 5; field >= -1; --field) {  // the last two are the same message
+        Packet const other = admit(2, 7);
+        uint8_t* const parts[] = {&other->getFrame()->topicId, &other->getFrame()->businessId,
+                                  &other->getFrame()->msgType};
+        if (field >= 0 && field < 3) *parts[field] ^= 0x10;
+        if (field == 3) other->getFrame()->reply ^= 0x100;
+        if (field == 4) other->getFrame()->msgId ^= 0x100;
+        if (field == 5) other->getFrame()->serialNumber = 99;
+        pending.push_back(other);
+    }
+    Packet update = packet(1, 7);
+    update->getFrame()->data = {5};
+    for (size_t const first : {0U, 6U, 7U}) {
+        EXPECT_EQ(queue->replacePacket(update), first < 7);
+        for (Packet const& each : pending) {
+            bool const replaced = first < 7 && each == pending[first];
+            EXPECT_EQ(each->getFrame()->data.size(), replaced ? 1U : 0U);
+            each->getFrame()->data.clear();
+        }
+        if (first < 7) queue->removePacket(pending[first]);
+    }
+    // The end of a chain that runs empty is kept until the next admission.
+    for (auto const& empty : {+[](VeskQueue& q) { q.cleanup(); },
+                              +[](VeskQueue& q) {
+                                  while (q.dequeuePacket() != nullptr) {
+                                  }
+                              }}) {
+        queue->cleanup();
+        Packet const last = admit(3, 1);
+        empty(*queue);
+        EXPECT_EQ(last->getStrongCount(), 2);
+        admit(2, 2);
+        EXPECT_EQ(last->getStrongCount(), 1);
+    }
 }
 
 TEST_F(QueueTest, PacketsMayMoveBetweenQueuesThatSend) {

@@ -59,9 +59,67 @@ TEST_F(QueueTest, FullHistoryHoldsSendingUntilThereIsRoomOrTheFirstInLineGoes) {
 }
 
 TEST_F(QueueTest, AgeBeyond32BitsIsNotTakenForAShortOne) {
+    auto const begin = [&] { admit(2, 3), receive(1, 1); };
     send(1);
-    duringSend([&] { admit(2, 3), receive(1, 1), clock.jump(1LL << 32); });
+    duringSend([&] { begin(), clock.jump(1LL << 32); });
     EXPECT_EQ(state(), "0 0 0 4 1 60000 1, 0 1 0 0");
+    begin();
+    duringSend([&] { clock.jump(1LL << 32); });  // nothing else wakes the looper
+    EXPECT_EQ(state(), "0 0 0 7 2 60000 1, 0 1 0 0");
+}
+
+TEST_F(QueueTest, SendsWhatIsDueAndSaysWhenTheRestIs) {
+    std::tuple<int, bool, uint64_t, uint64_t> const packets[] = {{1, false, 9999, 9999},
+                                                                 {1, true, 9999, 2000},
+                                                                 {1, true, 1999, 1999},
+                                                                 {2, false, 9999, 1500},
+                                                                 {0, true, 1499, 1499}};
+    EXPECT_EQ(queue->size(), 0);
+    for (auto const& [priority, needAck, before, after] : packets) {
+        Packet fresh = packet(priority, 1, needAck);
+        {
+            std::lock_guard<std::mutex> const lock(queue->mutex());
+            queue->enqueuePacket(fresh);  // which wakes nobody
+        }
+        clock.jump(500);
+        unsigned long long wait = before;
+        queue->sendPacketToNetwork(wait);
+        EXPECT_EQ(wait, after) << priority << needAck << before;
+        EXPECT_EQ(fresh->sendTime(), priority == 1 ? clock.now() : 0);
+        queue->cleanup();
+    }
+}
+
+TEST_F(QueueTest, WhatFallsDueInASendComesBeforeThePacketBehindIt) {
+    send(1);
+    clock.jump(1900);
+    log.clear();
+    callback->onSend([&](auto const&) { callback->onSend(nullptr), clock.jump(100), admit(1, 3); });
+    admitTogether({packet(1, 2)});
+    Strings const lines = log.messages("VeskQueue");
+    EXPECT_EQ(lines.at(lines.size() - 2), "send timeout:1");
+
+    std::vector<int> sent;
+    admit(2, 4);
+    callback->onSend([&](auto const& bytes) {
+        sent.push_back(FarPeer::decode(bytes).msgId);
+        if (sent.size() == 1) admit(1, 5), receive(1, 5), clock.jump(2000);
+        if (sent.size() == 3) receive(1, 5);
+    });
+    send(6);
+    EXPECT_EQ(sent, (std::vector<int>{6, 5, 170, 170, 4}));
+    callback->onSend([&](auto const&) { clock.jump(500); });  // too long for one pass
+    admitTogether({packet(1, 7), packet(1, 8)});
+    EXPECT_EQ(left().back(), 8);
+}
+
+TEST_F(QueueTest, WhatHappenedAfterTheClockWasReadHappenedJustNow) {
+    send(1);
+    admit(2, 2);
+    receive(1, 1);
+    clock.jump(-10);
+    clock.settle();
+    EXPECT_EQ(state(), "1 1 1 1 1 0 0, 0 0 0 0");
 }
 
 TEST_F(QueueTest, DataAcknowledgementsAndExpiriesTakeTurnsInALongPass) {

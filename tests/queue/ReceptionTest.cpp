@@ -19,6 +19,11 @@ TEST_F(QueueTest, AcknowledgementIsAppliedWholeOrNotAtAll) {
         rest();
     }
     clock.advance(1570);
+    for (auto const name : {&FarPeer::Frame::topicId, &FarPeer::Frame::businessId}) {
+        auto foreign = FarPeer::ackFrame({{0, 1}});
+        --(foreign.*name);
+        peer.send(foreign);
+    }
     std::tuple<std::vector<FarPeer::Ack>, uint16_t, size_t, char const*> const rows[] = {
             {{{40, 1}, {30, 2}}, 1, 8, "0 6 0 7 0 0 0, 0 0 1 0"},
             {{{40, 1}, {30, 2}}, 3, 8, "0 6 0 7 0 0 0, 0 0 1 0"},

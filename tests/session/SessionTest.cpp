@@ -123,7 +123,7 @@ TEST_F(SessionTest, EachCallLogsTellsAndLeavesWhatIsDocumented) {
 }
 
 TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
-    std::string const MADE = "create:1,topic:2,bussiness:1", ENTERS = "addSession:1;business:1";
+    std::string const MADE = "create:2,topic:2,bussiness:1", ENTERS = "addSession:2;business:1";
     std::string const NEW = "+test/test", GONE = "-test/test";
     struct {
         int type;
@@ -133,21 +133,22 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
         std::string after;
     } const steps[] = {
             {PROVIDER, MADE, [&] { return vesk->removeTopic("test"); }, 2, -4, "?-"},
-            {CONSUMER, MADE, [&] { return remove(1); }, 0, 1, "1c1 ?-"},
-            {CONSUMER, MADE, [&] { return 9 * join(1, 2) + join(1, 1); }, 21, 1, "1c1 2p1 3c1 ?1"},
-            {PROVIDER, NEW, [&] { return remove(1); }, 1, 1, "1->1 ?1"},
-            {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 1); }, 11, 1, "1c2 ?1"},
-            {PROVIDER, NEW, [&] { return 10 * remove(1) + join(2, 2); }, 11, 1, "1p2 ?2"},
-            {PROVIDER, NEW, [&] { return byClient(1); }, 0, 1, "?-"},
-            {CONSUMER, ENTERS, [&] { return remove(1); }, 1, 1, "?-"},
-            {PROVIDER, ENTERS, [&] { return byClient(1) + join(2, 2); }, 1, 1, "1p2 ?2"},
-            {CONSUMER, ENTERS, [&] { return 10 * remove(1) + join(2, 1); }, 11, 1, "1c2 ?-"},
-            {PROVIDER, GONE, [&] { return join(2, PROVIDER); }, 1, 1, "1p2 ?2"},
-            {PROVIDER, GONE, [&] { return join(2, 1) + session(1)->type(); }, 3, 1, "1c2 ?1"},
-            {PROVIDER, GONE, [&] { return join(1, PROVIDER); }, 1, 1, "1->1 ?1"},
-            {PROVIDER, GONE, [&] { return 10 * remove(1) + !session(1); }, 11, 0, "1->1 ?1"},
-            {PROVIDER, GONE, [&] { return join(2, 1) + byClient(1); }, 1, 0, "1c2 ?-"},
+            {CONSUMER, MADE, [&] { return remove(2); }, 0, 2, "2c1 ?-"},
+            {CONSUMER, MADE, [&] { return 9 * join(1, 2) + join(1, 1); }, 31, 2, "2c1 3p1 4c1 ?1"},
+            {PROVIDER, NEW, [&] { return remove(2); }, 1, 2, "2->1 ?1"},
+            {PROVIDER, NEW, [&] { return 10 * remove(2) + join(2, 1); }, 12, 2, "2c2 ?1"},
+            {PROVIDER, NEW, [&] { return 10 * remove(2) + join(2, 2); }, 12, 2, "2p2 ?2"},
+            {PROVIDER, NEW, [&] { return byClient(1); }, 0, 2, "?-"},
+            {CONSUMER, ENTERS, [&] { return remove(2); }, 1, 2, "?-"},
+            {PROVIDER, ENTERS, [&] { return byClient(1) + join(2, 2); }, 2, 2, "2p2 ?2"},
+            {CONSUMER, ENTERS, [&] { return 10 * remove(2) + join(2, 1); }, 12, 2, "2c2 ?-"},
+            {PROVIDER, GONE, [&] { return join(2, PROVIDER); }, 2, 1, "2p2 ?2"},
+            {PROVIDER, GONE, [&] { return join(2, 1) + session(2)->type(); }, 4, 1, "2c2 ?1"},
+            {PROVIDER, GONE, [&] { return join(1, PROVIDER); }, 2, 1, "2->1 ?1"},
+            {PROVIDER, GONE, [&] { return 10 * remove(2) + !session(2); }, 11, 0, "2->1 ?1"},
+            {PROVIDER, GONE, [&] { return join(2, 1) + byClient(1); }, 2, 0, "2c2 ?-"},
     };
+    EXPECT_EQ(sessions->makeSessionId(), 1);
     for (auto const& step : steps) {
         SCOPED_TRACE(&step - steps);
         int inner = -1;
@@ -156,20 +157,33 @@ TEST_F(SessionTest, OtherCallsMayComeBetweenTheStepsOfOne) {
         int const id = join(1, step.type);
         std::string const end = "createSession:" + std::to_string(id) + "; topic:test|";
         EXPECT_EQ(gLines.rfind(end) + end.size(), gLines.size());
-        EXPECT_EQ(step.line == GONE ? remove(1) : id, step.outer);
+        EXPECT_EQ(step.line == GONE ? remove(2) : id, step.outer);
         EXPECT_EQ(inner, step.inner);
         EXPECT_EQ(state(), step.after);
+        int free = 2;
+        while (session(uint16_t(free)))
+            ++free;
+        EXPECT_EQ(nextId(), free);
         EXPECT_EQ(gLines.find(GONE), gLines.rfind(GONE));  // announced once at most
         reset();
-        EXPECT_EQ(nextId(), 1);
+        EXPECT_EQ(nextId(), 2);
     }
+    gAwaited = "create.";
+    gMeanwhile = [&] { vesk->createTopic("test", false); };  // the other thread is quicker
+    vesk->removeTopic("test");
+    EXPECT_EQ(vesk->createTopic("test", false), 0);
+    gAwaited = "mProviders:0mConsumers:0";
+    gMeanwhile = [&] { receiver(1); };
+    topic->removeSession(1);
+    remove(1);
 }
 
 TEST_F(SessionTest, WhatCannotBeJoinedFailsWithItsLines) {
     std::string const in = ";in_bussiness:", noType = "|createSession:-4; topic:test|";
     std::tuple<int, std::string, std::string> const calls[] = {
             {0, "test", noType},
-            {3, "test", noType},
+            {65537, "test", noType},
+            {-65534, "test", noType},
             {1, "", "|getSessionDesc:0; topic:|getSessionDesc: null|"},
             {2, "test", "|getSessionDesc:4; topic:test|getSessionDesc: null|"},
             {2, "virtualcomm", "|getSessionDesc:11; topic:virtualcomm|getSessionDesc: null|"}};
@@ -183,16 +197,36 @@ TEST_F(SessionTest, WhatCannotBeJoinedFailsWithItsLines) {
 
 TEST_F(SessionTest, ProvidersOfAClientGoOneByOneWhoeverRemovesThem) {
     vesk->createTopic("virtualcomm", false);
-    for (int const client : {-1, int(FAR_CLIENT), 1})
+    for (int const client : {-1, int(FAR_CLIENT), 1, int(2 * FAR_CLIENT - 1)})
         join(client, PROVIDER);
     EXPECT_EQ(receiver(1), "4294967295");
-    for (char const* const business : {"vm", "ril0"})
-        sessions->createSession(1, PROVIDER, "virtualcomm", business, false);
+    for (int again = 0; again < 2; ++again) {
+        int id = 4;
+        for (char const* const business : {"vm", "ril0"}) {
+            int const made = sessions->createSession(1, PROVIDER, "virtualcomm", business, false);
+            EXPECT_EQ(made, ++id);
+            EXPECT_LT(gLines.find(std::string("host +virtualcomm/") + business), gLines.size());
+        }
+    }
+    EXPECT_EQ(sessions->createSession(1, PROVIDER, "virtualcomm", "vm", true), 7);
+    EXPECT_TRUE(session(7)->flag() && !session(5)->flag());
+    gLines = "";
     int gone = 0;
-    callback->onBusinessChange([&](auto const&) { ++gone, remove(3), remove(4), remove(5); });
+    callback->onBusinessChange([&](auto const&) { ++gone, remove(5), remove(6); });
     byClient(1);
-    EXPECT_TRUE(gone == 3 && session(1) && session(2) && !session(3) && nextId() == 3);
-    byClient(FAR_CLIENT), byClient(0xFFFFFFFF);
+    size_t const left = gLines.find("mProviders");  // the topic; whom the callback removes stays
+    EXPECT_EQ(gLines.find("mProviders", left + 20), gLines.rfind("mProviders"));
+    Strings told;
+    for (auto const& change : callback->businessChanges())
+        told.push_back((change.added ? "+" : "-") + change.topicName + '/' + change.businessName);
+    std::sort(told.begin(), told.end());  // by client they go in no order
+    EXPECT_EQ(told,
+              (Strings{"-test/test", "-virtualcomm/ril0", "-virtualcomm/vm", "-virtualcomm/vm"}));
+    EXPECT_TRUE(gone == 4 && session(1) && session(2) && !session(3) && nextId() == 3);
+    callback->onBusinessChange([&](auto const&) { ++gone, byClient(FAR_CLIENT); });
+    for (uint32_t const client : {FAR_CLIENT, 2 * FAR_CLIENT - 1, 0xFFFFFFFF})
+        byClient(client);
+    EXPECT_EQ(gone, 7);
 }
 
 TEST_F(SessionTest, LowestFreeIdIsHandedOutWhateverTheNumber) {
@@ -228,9 +262,12 @@ TEST_F(SessionTest, WhatAHostEnteredNeedsNoTopicAndGoesWithItsIdOrThatTopic) {
     own = nullptr;
     auto const [client, id, local, delivered] = callback->deliveries().at(0);
     EXPECT_TRUE(client == 0x12345678 && id == 5 && local && delivered);
+    topic->addSession(consumer, false, session(uint16_t(join(1, CONSUMER))));
     EXPECT_EQ(remove(consumer), 1);
+    EXPECT_LT(gLines.find("[2] mProviders:1mConsumers:2|"), gLines.size());
     EXPECT_TRUE(receiver(consumer) == "-" && released == 1);
     topic = nullptr;
+    byClient(1);
     vesk->removeTopic("test");
     EXPECT_EQ(released, 11);
 }
@@ -247,7 +284,11 @@ TEST_F(SessionTest, ProviderThatAnotherThreadIsMakingIsWaitedFor) {
         gAwaited = "create:1,topic:2,bussiness:1";
         gMeanwhile = [&] {
             other = std::async(std::launch::async, [this] { return join(1, PROVIDER); });
-            EXPECT_NE(other.wait_for(std::chrono::milliseconds(30)), std::future_status::ready);
+            for (bool const another : {true, false}) {
+                auto const state = other.wait_for(std::chrono::milliseconds(30));
+                EXPECT_NE(state, std::future_status::ready);
+                if (another) join(2, CONSUMER);  // it is not this one that it waits for
+            }
             if (topicGoes) vesk->removeTopic("test");
         };
         EXPECT_EQ(join(1, PROVIDER), topicGoes ? -4 : 1);
