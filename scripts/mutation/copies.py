@@ -71,7 +71,7 @@ class Copy:
         """Builds the programs without a mutant, to compare others with."""
         self.run(["ninja", "-C", self.build_folder, "-j", "2",
                   *{os.path.relpath(check.program, self.build_folder) for check in suite}])
-        self.environment["CCACHE_READONLY"] = "1"
+        self.environment["CCACHE_DISABLE"] = "1"
         for check in suite:
             self.original[check.program] = self.fingerprint(check)
 

@@ -71,7 +71,7 @@ def is_skipped(node):
     above = node.parent
     if above and above.kind == Kind.CXX_THROW_EXPR:
         return True
-    if not node.source.name.startswith(("tools/", "testkit/")):
+    if not node.source.name.startswith(("tools/", "client/", "hostkit_asio/", "testkit/")):
         return False
     if node.kind in FUNCTIONS and PRINTING_FUNCTION.search(node.function()):
         return True

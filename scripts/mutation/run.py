@@ -15,7 +15,7 @@ COUNTED = ("caught", "survived", "equivalent")
 
 
 def is_of_tool(mutant):
-    return mutant.file.startswith("tools/")
+    return mutant.file.startswith(("tools/", "client/", "hostkit_asio/"))
 
 
 class Work:
