@@ -173,6 +173,8 @@ def other_member(node):
 
 
 def swapped_arguments(node):
+    if node.cursor.spelling in ("min", "max"):
+        return
     if node.kind == Kind.CALL_EXPR and not node.cursor.spelling.startswith("operator"):
         given = [(argument.extent.start.offset, argument.extent.end.offset)
                  for argument in node.cursor.get_arguments() if argument is not None]

@@ -28,7 +28,7 @@ struct RequestTest : testing::Test {
         return requester->call(SESSION, std::move(payload), 100).outcome;
     }
     Requester::Address const SESSION{2, 1, 7};
-    testkit::ShiftedClock clock;
+    testkit::ShiftedClock clock{nullptr, uint64_t{5} << 32};
     MessageIds ids{65534};
     std::vector<FramePtr> sent;
     std::function<void()> onSend = [] {};
@@ -60,6 +60,7 @@ TEST_F(RequestTest, EachEndsOnceWithItsOwnReplyOrWithNone) {
         *field ^= 1;
     }
     EXPECT_TRUE(requester->received(wrong));
+    EXPECT_TRUE(Responder(*sent[0]).send(0, {}));  // also where the session is gone
     EXPECT_FALSE(reply(0, '2'));
     clock.jump(300);
     EXPECT_EQ(requester->nextTimeout(), 0U);
@@ -113,7 +114,8 @@ TEST_F(RequestTest, AnIdIsInUseUntilNothingCanComeForItAnyMore) {
         EXPECT_EQ(ids.available(), millis == 1 ? ++free : free);
     }
     EXPECT_EQ(ids.take()->msgId, 3);
-    ids.answered(tickets[3]);  // that use of it is over
+    for (uint16_t const id : {uint16_t{3}, uint16_t{4}})
+        ids.answered(tickets[id]);  // it is in use again, or free
     clock.jump(2000);
     EXPECT_EQ(ids.available(), 2U);
     ask('b', 0);

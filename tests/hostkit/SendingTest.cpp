@@ -183,6 +183,7 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
     send(*vesk.getQueue(), 2, 1001, 2006);
     traffic.delivered(true);
     std::stringstream found, expected;
+    found << HostStatus().json() << "\n" << HostStatus::of(vesk, traffic).text();
     for (int closing = 0; closing < 2; ++closing, outbox.close()) {
         HostStatus const status = HostStatus::of(vesk, traffic, &outbox, &reader);
         found << status.json() << "\n" << status.text();

@@ -50,41 +50,34 @@ TEST_F(QueueTest, NullIsIgnoredEverywhere) {
     EXPECT_EQ(log.lines().size(), 1U);
 }
 
-TEST_F(QueueTest, ReplacesTheFirstFrameThatAgreesInAllOfItsNames) {
+TEST_F(QueueTest, ReplacesTheFirstFrameThatAgreesInAllItsNames) {
     std::vector<Packet> pending;
-    for (int field = 5; field >= -1; --field) {  // the last two are the same message
-        Packet const other = admit(2, 7);
-        uint8_t* const parts[] = {&other->getFrame()->topicId, &other->getFrame()->businessId,
-                                  &other->getFrame()->msgType};
-        if (field >= 0 && field < 3) *parts[field] ^= 0x10;
-        if (field == 3) other->getFrame()->reply ^= 0x100;
-        if (field == 4) other->getFrame()->msgId ^= 0x100;
-        if (field == 5) other->getFrame()->serialNumber = 99;
-        pending.push_back(other);
+    for (int const differs : {0, 1, 2, 3, 4, 9, 9}) {
+        auto const made = frame(differs == 4 ? 263 : 7, differs == 2 ? 3 : 2, differs == 3);
+        made->topicId ^= uint8_t(differs == 0);
+        made->businessId ^= uint8_t(differs == 1);
+        made->serialNumber = 1;
+        pending.push_back(new VeskQueue::QueuedPacket(2, true, made));
+        queue->push(pending.back());
     }
     Packet update = packet(1, 7);
     update->getFrame()->data = {5};
-    for (size_t const first : {0U, 6U, 7U}) {
-        EXPECT_EQ(queue->replacePacket(update), first < 7);
-        for (Packet const& each : pending) {
-            bool const replaced = first < 7 && each == pending[first];
-            EXPECT_EQ(each->getFrame()->data.size(), replaced ? 1U : 0U);
-            each->getFrame()->data.clear();
-        }
-        if (first < 7) queue->removePacket(pending[first]);
+    for (size_t const next : {5U, 6U, 7U}) {
+        EXPECT_EQ(queue->replacePacket(update), next < 7);
+        for (size_t i = 0; i < 7; ++i)
+            EXPECT_EQ(pending[i]->getFrame()->data.size(), i >= 5 && i <= next) << i;
+        if (next < 7) queue->removePacket(pending[next]);
     }
-    // The end of a chain that runs empty is kept until the next admission.
-    for (auto const& empty : {+[](VeskQueue& q) { q.cleanup(); },
-                              +[](VeskQueue& q) {
-                                  while (q.dequeuePacket() != nullptr) {
-                                  }
-                              }}) {
-        queue->cleanup();
-        Packet const last = admit(3, 1);
-        empty(*queue);
+}
+
+TEST_F(QueueTest, EndOfAChainThatRunsEmptyIsKeptUntilTheNextAdmission) {
+    for (bool const cleans : {true, false}) {
+        Packet const last = admit(2, 1);
+        cleans ? queue->cleanup() : void(queue->dequeuePacket());
         EXPECT_EQ(last->getStrongCount(), 2);
         admit(2, 2);
         EXPECT_EQ(last->getStrongCount(), 1);
+        queue->dequeuePacket();
     }
 }
 
