@@ -15,10 +15,12 @@ TEST(PlatformTest, ClockIsTheMachines) {
     EXPECT_TRUE(ahead > std::chrono::milliseconds(-1) && ahead < std::chrono::minutes(1));
 }
 
-int gGone = 0;
+int gGone = 0, gTold = 0;
 
 struct Counted : android::RefBase {
     ~Counted() override { ++gGone; }
+    void onFirstRef() override { gTold += 1; }
+    void onLastStrongRef(void const* id) override { gTold += id ? 10 : 0; }
 };
 struct Derived : Counted {};
 
@@ -38,7 +40,7 @@ TEST(PlatformTest, StrongPointersShareAndCompareTheirObject) {
         EXPECT_TRUE(all(copy, y) == all(raw, y.get()) && all(copy, y) == all(copy, y.get()) &&
                     all(raw, y) == all(raw, y.get()));
     }
-    EXPECT_EQ(gGone, 1);
+    EXPECT_TRUE(gGone == 1 && gTold == 12);
     p.fill({}), copy.clear(), moved = nullptr, other = new Derived;
     EXPECT_EQ(gGone, 2);
 }

@@ -84,6 +84,7 @@ TEST(LinkTest, StreamPeerFindsFramesAndAcknowledgesThemWithinTheirTime) {
 
     for (uint16_t serial = 0; serial < 500; ++serial)
         peer.read(9, frame(33, serial));
+    peer.read(9, Bytes{'U', 0, 0, 1, 1, 2});  // the stream goes on arriving
     std::set<size_t> serials, sizes;
     for (uint64_t now = 9; now < 9 + 707; now += 7) {
         for (Bytes const& bytes : peer.dueAcks(now)) {
@@ -95,6 +96,8 @@ TEST(LinkTest, StreamPeerFindsFramesAndAcknowledgesThemWithinTheirTime) {
     }
     EXPECT_TRUE(serials.size() == 500 && *serials.rbegin() == 499 && *sizes.rbegin() == 5);
     EXPECT_TRUE(forgetful.read(0, frame(33, 0)).size() == 1 && forgetful.dueAcks(700).empty());
+    forgetful.forgetNothing();
+    EXPECT_TRUE(forgetful.read(0, frame(33, 0)).size() == 1 && forgetful.dueAcks(700).size() == 1);
 }
 
 TEST_F(TestkitTest, FarPeerReadsAndWritesTheWiresBytesAndNoOthers) {
@@ -113,6 +116,18 @@ TEST_F(TestkitTest, FarPeerReadsAndWritesTheWiresBytesAndNoOthers) {
     peer.acknowledgeAll(callback, 7);
     send(1);
     EXPECT_TRUE(queue->awaitingAck() == 0 && queue->feedback().delay() == uint32_t(-7));
+    auto const own = std::make_shared<VeskQueue>();
+    FarPeer(own).send(request(1));
+    EXPECT_EQ(own->feedback().receivedPackets() + queue->feedback().receivedPackets(), 1U);
+}
+
+TEST(ClockTest, ALooperThatDoesNotRestIsSaid) {
+    auto const ended = std::make_shared<VeskQueue>();
+    ended->stop();
+    ShiftedClock clock(ended, 5, 1ms);
+    EXPECT_THROW(clock.settle(), std::runtime_error);
+    EXPECT_THROW(clock.advance(2), std::runtime_error);
+    EXPECT_EQ(clock.now(), 7U);
 }
 
 TEST_F(TestkitTest, WaitsEndInTimeAndWhatIsRecordedIsKeptApart) {
@@ -123,6 +138,10 @@ TEST_F(TestkitTest, WaitsEndInTimeAndWhatIsRecordedIsKeptApart) {
     EXPECT_TRUE(callback->waitUntil(
             [&] { return callback->sendToChannel({}), callback->sentCount() > 1; }));
     EXPECT_THROW(CapturedLog(), std::logic_error);
+    EXPECT_THROW(ShiftedClock(), std::logic_error);
+    auto const gone = [&](VeskFrame* old) { callback->sentCount(), delete old; };
+    callback->receive(1, 2, false, {new VeskFrame, gone});
+    callback->clear();  // who destroys the frame under its lock never returns
     quillex::Log::d("a", "x");
     EXPECT_TRUE(log.count("a", "x") == 1 && !log.contains("a", "y") && !log.contains("b", "x"));
 }
