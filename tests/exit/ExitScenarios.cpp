@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include <quillex/Log.h>
 #include <vesk/Vesk.h>
 #include <vesk/testkit/Await.h>
 #include <vesk/testkit/FarPeer.h>
@@ -134,16 +135,21 @@ void callAfterTheEnd() {
     vesk->getTopic(2)->addSession(9, true, session);
 }
 
-// Also where a provider is being announced as new while the process ends. What is registered before
+// Also where sessions are being made and announced while the process ends. What is registered before
 // the instance is made runs after its end.
 void nothingStays() {
     static std::vector<std::weak_ptr<void>> kept;
-    static std::thread joining;
+    static std::thread threads[2];
+    static std::atomic<bool> making{false};
+    static auto const holdUp = [] { eventually([] { return gExiting.load(); }); };
     std::atexit([] {
         gExiting = true;
-        joining.join();
+        for (auto& thread : threads)
+            thread.join();
         for (auto const& each : kept)
             if (!each.expired()) _exit(6);
+        for (uint16_t id = 1; id < 20; ++id)
+            if (Vesk::getInstance()->getSessionManager()->getSession(id)) _exit(7);
     });
     Vesk* const vesk = Vesk::getInstance();
     auto* const sessions = vesk->getSessionManager();
@@ -154,9 +160,14 @@ void nothingStays() {
     vesk->createTopic("virtualcomm", false);
     sessions->createSession(1, VeskSessionManager::CONSUMER, "virtualcomm", "vm", false);
     auto const callback = host();
-    callback->onBusinessChange([](auto const&) { eventually([] { return gExiting.load(); }); });
-    joining = std::thread([=] { sessions->createSession(2, 2, "test", "test", false); });
+    callback->onBusinessChange([](auto const&) { holdUp(); });
+    threads[0] = std::thread([=] { sessions->createSession(2, 2, "test", "test", false); });
     callback->waitUntil([&] { return !callback->businessChanges().empty(); });
+    quillex::Log::setSink([](char const*, char const* message) {
+        if (std::string(message).rfind("create:", 0) == 0) making = true, holdUp();
+    });
+    threads[1] = std::thread([=] { sessions->createSession(3, 1, "test", "test", false); });
+    eventually([] { return making.load(); });
     for (uint16_t id = 1; id < 20; ++id) {
         if (auto const session = sessions->getSession(id))
             kept.insert(kept.end(), {session, session->getTopic()});

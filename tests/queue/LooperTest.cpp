@@ -48,15 +48,26 @@ TEST_F(QueueTest, PacketIsPendingAwaitedAndReplacedWhileItIsBeingSent) {
 }
 
 TEST_F(QueueTest, FullHistoryHoldsSendingUntilThereIsRoomOrTheFirstInLineGoes) {
+    Packet old = packet(1, 1001, true), unrecorded = packet(1, 1002);
+    auto const record = [&](Packet& packet) {
+        std::lock_guard<std::mutex> const lock(queue->mutex());
+        return queue->addToHistoryList(packet);
+    };
+    old->updateSendTime(clock.now() - 1999);
+    EXPECT_TRUE(record(old));
+    play({{[&] { clock.settle(); }, "0 1 0 0 0 0 0, 0 0 0 0"},
+          {[&] { clock.advance(1); }, "send timeout:1001|0 0 0 0 0 60000 1, 0 1 0 0"},
+          {[&] { vesk->onChannelAvailable(false); }, "cleanup.|0 0 0 0 0 0 0, 0 1 0 0"}});
     fill(1);
+    EXPECT_TRUE(!record(old) && record(unrecorded));
     Packet const removed = packet(1, 1002, true);
     admitTogether({packet(1, 300, true), packet(1, 1001, true), removed, packet(1, 1003, true)});
-    play({{[&] { queue->dequeuePacket(); }, "history is oversize|2 1000 0 1001 0 0 0, 0 0 1 0"},
+    play({{[&] { queue->dequeuePacket(); }, "history is oversize|2 1000 0 1001 0 0 0, 0 1 1 0"},
           {[&] { queue->removePacket(removed); },
-           "history is oversize|1 1000 0 1001 0 0 0, 0 0 1 0"},
+           "history is oversize|1 1000 0 1001 0 0 0, 0 1 1 0"},
           {[&] { peer.acknowledge(500); },  // nothing else wakes the looper
            "receiveFromChannel:0,msgType:1,msg:170|sendToChannel:1003; serial:1003;size:12|"
-           "0 1000 0 1002 0 0 0, 1 0 1 0"}});
+           "0 1000 0 1002 0 0 0, 1 1 1 0"}});
 }
 
 TEST_F(QueueTest, AgeBeyond32BitsIsNotTakenForAShortOne) {
