@@ -114,11 +114,16 @@ TEST_F(TestkitTest, FarPeerReadsAndWritesTheWiresBytesAndNoOthers) {
     EXPECT_THROW(FarPeer::encode({0, 0, 0, 0, 0, 0, Bytes(65536)}), std::invalid_argument);
     EXPECT_THROW(peer.send(Bytes(11)), std::invalid_argument);
     peer.acknowledgeAll(callback, 7);
-    send(1);
+    auto const sent = frame(1);
+    sent->serialNumber = 8;
+    queue->enqueue(1, true, sent);
+    peer.send(request(3));
+    clock.advance(500);  // its acknowledgement leaves, and is not acknowledged
+    EXPECT_EQ(log.count("VeskQueue", "receiveFromChannel:0,msgType:1,msg:170"), 1U);
     EXPECT_TRUE(queue->awaitingAck() == 0 && queue->feedback().delay() == uint32_t(-7));
     auto const own = std::make_shared<VeskQueue>();
     FarPeer(own).send(request(1));
-    EXPECT_EQ(own->feedback().receivedPackets() + queue->feedback().receivedPackets(), 1U);
+    EXPECT_EQ(own->feedback().receivedPackets() + queue->feedback().receivedPackets(), 2U);
 }
 
 TEST(ClockTest, ALooperThatDoesNotRestIsSaid) {
@@ -141,7 +146,14 @@ TEST_F(TestkitTest, WaitsEndInTimeAndWhatIsRecordedIsKeptApart) {
     EXPECT_THROW(ShiftedClock(), std::logic_error);
     auto const gone = [&](VeskFrame* old) { callback->sentCount(), delete old; };
     callback->receive(1, 2, false, {new VeskFrame, gone});
+    callback->notifyTopicChanged(true, "t");
+    callback->notifyBusinessChanged(false, "t", "b");
+    EXPECT_TRUE(callback->waitForSent(1, 0ms) && callback->topicChanges().at(0).topicName == "t");
+    EXPECT_EQ(callback->businessChanges().at(0).businessName, "b");
     callback->clear();  // who destroys the frame under its lock never returns
+    EXPECT_EQ(callback->sentCount() + callback->deliveries().size() +
+                      callback->topicChanges().size() + callback->businessChanges().size(),
+              0U);
     quillex::Log::d("a", "x");
     EXPECT_TRUE(log.count("a", "x") == 1 && !log.contains("a", "y") && !log.contains("b", "x"));
 }
