@@ -66,6 +66,7 @@ TEST_F(QueueTest, ReplacesTheFirstFrameThatAgreesInAllItsNames) {
         EXPECT_EQ(queue->replacePacket(update), next < 7);
         for (size_t i = 0; i < 7; ++i)
             EXPECT_EQ(pending[i]->getFrame()->data.size(), i >= 5 && i <= next) << i;
+        EXPECT_EQ(pending[5]->getFrame()->serialNumber, 1);
         if (next < 7) queue->removePacket(pending[next]);
     }
 }
@@ -127,6 +128,9 @@ TEST_F(QueueTest, PacketBelongsToTheQueueThatHoldsItAndItsCopyToNone) {
     EXPECT_EQ(other.dequeuePacket(), copy);
     EXPECT_EQ(std::tuple(other.refused(), held->enqueueTime(), copy->enqueueTime()),
               std::tuple(1U, clock.now() - 1, clock.now()));
+    Packet const last = admit(2, 3);
+    EXPECT_TRUE(queue->removePacket(next) == last && queue->removePacket(last) == nullptr);
+    EXPECT_EQ(queue->dequeuePacket(), held);
 }
 
 }  // namespace

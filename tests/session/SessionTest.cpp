@@ -234,6 +234,9 @@ TEST_F(SessionTest, LowestFreeIdIsHandedOutWhateverTheNumber) {
         ASSERT_EQ(sessions->makeSessionId(), id);
     EXPECT_EQ(join(1, PROVIDER), -4);
     EXPECT_EQ(gLines, ASKED + "createSession:-4; topic:test|");
+    remove(60000);
+    EXPECT_EQ(join(1, CONSUMER), 60000);
+    EXPECT_TRUE(receiver(60000) == "1" && callback->deliveries()[0].sessionId == 60000);
     for (int const freed : {60000, 2, 65534, 2})
         remove(freed);
     for (int const id : {2, 60000, 65534, -1})
