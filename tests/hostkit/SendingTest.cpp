@@ -129,7 +129,15 @@ TEST(SendGateTest, SaysHowManyFramesMayBeSentAndWhatStandsAgainstIt) {
     outbox.written(mib / 2);
     clock.advance(2000);
     expect(0, "high watermark");  // which was met behind the other obstacle
+    using Obstacle = SendGate::Obstacle;
+    std::pair<SendGate::Limits, Obstacle> const first[] = {
+            {{0, 0, 0, 0, 0}, Obstacle::PENDING},
+            {{999, 0, 0, 0, 0}, Obstacle::IN_FLIGHT},
+            {{999, 999, 0, 0, 0}, Obstacle::HIGH_WATERMARK}};
+    for (auto const& [limits, obstacle] : first)
+        EXPECT_EQ(SendGate(*queue, outbox, limits).obstacle(), obstacle);
     outbox.close();
+    EXPECT_EQ(SendGate(*queue, outbox, {0, 0, 0, 0, 0}).obstacle(), Obstacle::CHANNEL_DOWN);
     expect(0, "down");
 }
 
