@@ -130,6 +130,17 @@ TEST_F(QueueTest, WhatFallsDueInASendComesBeforeThePacketBehindIt) {
     callback->onSend([&](auto const&) { clock.jump(500); });
     admitTogether({packet(1, 7), packet(1, 8)});
     EXPECT_EQ(left().back(), 8);
+    callback->onSend([&](auto const& bytes) {
+        sent.push_back(FarPeer::decode(bytes).msgId);
+        clock.jump(100);
+    });
+    admit(2, 9);
+    clock.jump(1600);
+    receive(1, 1);  // which falls due in the send of 10
+    rest();
+    clock.jump(400);
+    send(10);
+    EXPECT_EQ(std::vector<int>(sent.end() - 3, sent.end()), (std::vector<int>{10, 170, 9}));
 }
 
 }  // namespace
