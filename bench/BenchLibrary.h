@@ -71,11 +71,16 @@ public:
         }
     }
 
-    void sendAndWait(std::vector<Frame> const& frames) {
+    /** Sends new frames and keeps their serials; where it need not, all have one msgId. */
+    void sendAndWait(size_t count, std::vector<uint16_t>* serials, size_t payload = PAYLOAD) {
         uint64_t const before = host->sent();
-        for (Frame const& frame : frames)
+        for (size_t i = 0; i < count; ++i) {
+            Frame const frame = makeFrame(REQUEST, 0, payload);
+            if (serials) serials->push_back(frame->serialNumber);
+            if (!serials) frame->msgId = 1;
             send(frame);
-        host->waitForSent(before + frames.size());
+        }
+        host->waitForSent(before + count);
     }
 
     void acknowledge(std::vector<uint16_t> const& serials) {
@@ -83,6 +88,7 @@ public:
         ack->topicId = ack->businessId = ACK_ID;
         ack->msgType = ACKNOWLEDGEMENT;
         ack->reply = uint16_t(serials.size());
+        ack->data.reserve(ACK_ENTRY_SIZE * serials.size());
         for (uint16_t serial : serials) {
             uint8_t const entry[] = {0, 0, uint8_t(serial), uint8_t(serial >> 8)};
             ack->data.insert(ack->data.end(), entry, entry + ACK_ENTRY_SIZE);

@@ -113,18 +113,10 @@ void pending_admit(benchmark::State& state) {
 /** Sends a batch and has the oldest that await it, as many, acknowledged. */
 void sendBatches(Library& library, benchmark::State& state, int64_t awaiting, size_t payload) {
     std::vector<uint16_t> serials;
-    for (int64_t i = 0; i < awaiting; ++i) {
-        Frame const frame = makeFrame();
-        serials.push_back(frame->serialNumber);
-        library.sendAndWait({frame});
-    }
+    for (int64_t i = 0; i < awaiting; ++i)
+        library.sendAndWait(1, &serials);
     for (auto _ : state) {
-        std::vector<Frame> frames;
-        for (size_t i = 0; i < BATCH; ++i) {
-            frames.push_back(makeFrame(REQUEST, 0, payload));
-            serials.push_back(frames.back()->serialNumber);
-        }
-        library.sendAndWait(frames);
+        library.sendAndWait(BATCH, &serials, payload);
         for (size_t i = 0; i < BATCH; i += ACK_BATCH_COUNT) {
             auto const end = serials.begin() + ACK_BATCH_COUNT;
             library.acknowledge({serials.begin(), end});

@@ -58,20 +58,11 @@ void outbound(benchmark::State& state) {
     library.operationsPerIteration(BATCH);
     auto const which = static_cast<Acknowledged>(state.range(1));
     std::vector<uint16_t> serials;  // awaiting, oldest first
-    for (int64_t i = 0; i < state.range(0); ++i) {
-        Frame const frame = makeFrame();
-        serials.push_back(frame->serialNumber);
-        library.sendAndWait({frame});
-    }
+    for (int64_t i = 0; i < state.range(0); ++i)
+        library.sendAndWait(1, &serials);
     library.isSetUp();
     for (auto _ : state) {
-        std::vector<Frame> frames;
-        for (size_t i = 0; i < BATCH; ++i) {
-            frames.push_back(makeFrame());
-            if (which == NONE) frames.back()->msgId = 1;
-            if (which != NONE) serials.push_back(frames.back()->serialNumber);
-        }
-        library.sendAndWait(frames);
+        library.sendAndWait(BATCH, which == NONE ? nullptr : &serials);
         for (size_t i = 0; which != NONE && i < BATCH; i += ACK_BATCH_COUNT) {
             auto const first = which == OLDEST ? serials.begin() : serials.end() - ACK_BATCH_COUNT;
             auto const last = first + ACK_BATCH_COUNT;
@@ -123,10 +114,8 @@ void sessionCreation(benchmark::State& state) {
 void acknowledgementApplied(benchmark::State& state) {
     Library library(state);
     std::vector<uint16_t> const unknown(size_t(state.range()), 0);
-    std::vector<Frame> awaiting;
-    for (size_t i = 0; i < 900; ++i)
-        awaiting.push_back(makeFrame());
-    library.sendAndWait(awaiting);
+    std::vector<uint16_t> awaiting;
+    library.sendAndWait(900, &awaiting);
     library.isSetUp();
     for (auto _ : state)
         library.acknowledge(unknown);
