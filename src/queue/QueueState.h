@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <list>
 #include <thread>
 #include <vector>
 
@@ -108,7 +107,7 @@ struct VeskQueue::State {
     Packet mTail VESK_GUARDED_BY(mMutex);
     WaitAckList mWaitAckList VESK_GUARDED_BY(mMutex);
     uint64_t mFirstAckTime VESK_GUARDED_BY(mMutex) = 0;
-    std::list<AckMessage> mAckList VESK_GUARDED_BY(mMutex);
+    std::vector<AckMessage> mAckList VESK_GUARDED_BY(mMutex);
 
     pid_t const mProcess;
     std::thread::id mLooper VESK_GUARDED_BY(mMutex);
