@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <utility>
 
 #include "core/DebugLog.h"
 #include "queue/QueueRules.h"
@@ -130,10 +131,10 @@ void VeskQueue::State::sleep(Pass const& pass) {
 }
 
 // A looper that is awake looks at mWakeAsked before it sleeps: to notify it would be a system call
-// for nothing.
+// for nothing. So it would be where it has been notified and has not come to run yet.
 void VeskQueue::State::wakeLooper() {
     mWakeAsked = true;
-    if (mAsleep) mCond.notify_one();
+    if (std::exchange(mAsleep, false)) mCond.notify_one();
 }
 
 // A full history has ended the last pass, and nothing falls due that would begin another. Whoever
