@@ -39,7 +39,7 @@ void VeskQueue::State::stop() {
     {
         std::lock_guard<std::mutex> guard(mMutex);
         mRunning = false;
-        wakeLooper();
+        if (wakeLooper()) mCond.notify_one();
         if (mLooper == std::this_thread::get_id()) return;
         // Every caller waits, not only the one that joins the thread.
         std::unique_lock<std::mutex> lock(mMutex, std::adopt_lock);
@@ -114,16 +114,23 @@ VeskQueue::State::Packets VeskQueue::State::expireHistory(Pass& pass) {
     return expired;
 }
 
-void VeskQueue::State::sleep(Pass const& pass) {
+void VeskQueue::State::sleep(Pass& pass) {
     // The guard is what clang's analysis can follow; the condition variable wants a unique_lock. So
     // that adopts the guard's lock for the wait and gives it back by release().
     std::lock_guard<std::mutex> guard(mMutex);
+    uint64_t const now = SystemClock::uptimeMillis();
+    if (!mAckList.empty()) {  // of some of them the pass may not know
+        pass.lowerWait(acksAreDue(now) ? 0 : elapsed(mFirstAckTime + ACK_BATCH_AGE_MS, pass.start));
+    }
+    // What is sent is answered: a looper that looks again by then need not be told of that.
+    if (pass.hasSent) pass.lowerWait(ACK_BATCH_AGE_MS);
     // The pass has taken time itself, in the host's callback above all.
-    uint64_t const spent = elapsed(SystemClock::uptimeMillis(), pass.start);
+    uint64_t const spent = elapsed(now, pass.start);
     if (!mRunning || mWakeAsked || spent >= pass.wait) {
         return;
     }
     std::unique_lock<std::mutex> lock(mMutex, std::adopt_lock);
+    mSleepsUntil = now + (pass.wait - spent);
     mAsleep = true;
     mCond.wait_for(lock, std::chrono::milliseconds(pass.wait - spent));
     mAsleep = false;
@@ -132,9 +139,9 @@ void VeskQueue::State::sleep(Pass const& pass) {
 
 // A looper that is awake looks at mWakeAsked before it sleeps: to notify it would be a system call
 // for nothing. So it would be where it has been notified and has not come to run yet.
-void VeskQueue::State::wakeLooper() {
+bool VeskQueue::State::wakeLooper() {
     mWakeAsked = true;
-    if (std::exchange(mAsleep, false)) mCond.notify_one();
+    return std::exchange(mAsleep, false);
 }
 
 // A full history has ended the last pass, and nothing falls due that would begin another. Whoever
@@ -142,7 +149,7 @@ void VeskQueue::State::wakeLooper() {
 void VeskQueue::State::wakeStalled() {
     if (mHistoryWasFull) {
         mHistoryWasFull = false;
-        wakeLooper();
+        if (wakeLooper()) mCond.notify_one();
     }
 }
 

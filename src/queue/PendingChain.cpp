@@ -29,23 +29,25 @@ void VeskQueue::State::enqueue(int priority, bool needRetransmission,
 
 void VeskQueue::State::push(Packet const& packet) {
     Packets dropped;  // released after the lock
+    bool sleeps = false;
     uint64_t pending = 0;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         pending = static_cast<uint64_t>(mPending.load());
-        if (pending < mMaxQueueSize) {
+        if (pending >= mMaxQueueSize) {
+            ++mRefused;
+        } else {
             if (!enqueuePacket(packet)) {
                 debugLog(QUEUE_TAG, "enqueue fail.");
                 ++mRefused;
             }
-            wakeLooper();
+            sleeps = wakeLooper();
             dropped.swap(mDropped);
-            return;
         }
-        ++mRefused;
     }
+    if (sleeps) mCond.notify_one();
     // Outside the lock: under overload every producer comes through here.
-    debugLog(QUEUE_TAG, "oversize.", pending);
+    if (pending >= mMaxQueueSize) debugLog(QUEUE_TAG, "oversize.", pending);
 }
 
 bool VeskQueue::State::enqueuePacket(Packet const& packet) {

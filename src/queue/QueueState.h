@@ -73,8 +73,13 @@ struct VeskQueue::State {
     bool acksAreDue(uint64_t now) const VESK_REQUIRES(mMutex);
     void sendOwedAcks(Pass& pass) VESK_REQUIRES(mMutex);
     Packets expireHistory(Pass& pass) VESK_REQUIRES(mMutex);
-    void sleep(Pass const& pass) VESK_EXCLUDES(mMutex);
-    void wakeLooper() VESK_REQUIRES(mMutex);
+    void sleep(Pass& pass) VESK_EXCLUDES(mMutex);
+    /**
+     * Asks for another pass.
+     * @return whether mCond has to be notified. That is for when the lock is no longer held, or
+     *         else the looper wakes up to wait for the lock; where it is rare it does not matter.
+     */
+    bool wakeLooper() VESK_REQUIRES(mMutex);
     void wakeStalled() VESK_REQUIRES(mMutex);
     void cleanup() VESK_EXCLUDES(mMutex);
 
@@ -91,6 +96,7 @@ struct VeskQueue::State {
     void receiveFromChannel(std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mMutex);
     void receiveAckMessage(VeskFrame const& frame) VESK_EXCLUDES(mMutex);
     void recordOwedAck(uint16_t serialNumber) VESK_EXCLUDES(mMutex);
+    bool sleepsPastAcks() const VESK_REQUIRES(mMutex);
     size_t owedAcks() const VESK_EXCLUDES(mMutex);
     void ackToPeer() VESK_REQUIRES(mMutex);
 
@@ -118,7 +124,8 @@ struct VeskQueue::State {
     QueuedPacket* mSending VESK_GUARDED_BY(mMutex) = nullptr;
     size_t mOwedUnrecorded VESK_GUARDED_BY(mMutex) = 0;  // beyond what mAckList keeps
     bool mWakeAsked VESK_GUARDED_BY(mMutex) = false;     // since the pass began
-    bool mAsleep VESK_GUARDED_BY(mMutex) = false;
+    bool mAsleep VESK_GUARDED_BY(mMutex) = false;        // and nobody has woken it yet
+    uint64_t mSleepsUntil VESK_GUARDED_BY(mMutex) = 0;   // ms of uptime, if nobody wakes it
     bool mHistoryWasFull VESK_GUARDED_BY(mMutex) = false;  // the last pass stopped at it
     Packets mDropped VESK_GUARDED_BY(mMutex);              // to be let go of outside the lock
 

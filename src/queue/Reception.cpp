@@ -63,21 +63,30 @@ void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
 }
 
 void VeskQueue::State::recordOwedAck(uint16_t serialNumber) {
-    uint64_t const now = SystemClock::uptimeMillis();
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (!mRunning) {
-        return;  // nobody would ever send it
+    bool sleeps = false;
+    {
+        uint64_t const now = SystemClock::uptimeMillis();
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (!mRunning) {
+            return;  // nobody would ever send it
+        }
+        if (mAckList.empty()) {
+            mFirstAckTime = now;
+        }
+        if (mAckList.size() > MAX_OWED_ACKS) {
+            ++mOwedUnrecorded;  // all of them will be forgotten: their number is all that counts
+            return;
+        }
+        mAckList.emplace_back(now, serialNumber);
+        sleeps = sleepsPastAcks() && wakeLooper();
     }
-    if (mAckList.empty()) {
-        mFirstAckTime = now;
-    }
-    if (mAckList.size() > MAX_OWED_ACKS) {
-        ++mOwedUnrecorded;  // all of them will be forgotten: their number is all that counts
-        return;
-    }
-    mAckList.emplace_back(now, serialNumber);
-    // The first one sets a deadline, the fifth is one; those between change nothing for the looper.
-    if (mAckList.size() == 1 || mAckList.size() >= ACK_BATCH_COUNT) wakeLooper();
+    if (sleeps) mCond.notify_one();
+}
+
+// A looper that is awake looks at what is owed before it sleeps.
+bool VeskQueue::State::sleepsPastAcks() const {
+    return mAsleep && (mAckList.size() >= ACK_BATCH_COUNT ||
+                       mSleepsUntil > mFirstAckTime + ACK_BATCH_AGE_MS);
 }
 
 size_t VeskQueue::State::owedAcks() const {

@@ -131,7 +131,7 @@ uint64_t VeskQueue::refused() const {
 
 void VeskQueue::wake() {
     std::lock_guard<std::mutex> lock(mState->mMutex);
-    mState->wakeLooper();
+    if (mState->wakeLooper()) mState->mCond.notify_one();
 }
 
 bool VeskQueue::idle() const {
