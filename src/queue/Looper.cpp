@@ -17,7 +17,10 @@ namespace vesk {
 
 using quillex::SystemClock;
 
-VeskQueue::State::State() : mProcess(getpid()) {}
+VeskQueue::State::State() : mProcess(getpid()) {
+    mSpare.reserve(SPARE_PACKETS);
+    mAckList.reserve(USUAL_OWED_ACKS);
+}
 
 VeskQueue::State::~State() = default;
 
@@ -61,15 +64,16 @@ void VeskQueue::State::detach() {
 }
 
 void VeskQueue::State::looper() {
-    while (runPass()) {
+    Released released;  // is used again in each pass
+    while (runPass(released)) {
     }
     std::lock_guard<std::mutex> lock(mMutex);
     mLooperEnded = true;
     mEnded.notify_all();
 }
 
-bool VeskQueue::State::runPass() {
-    Pass pass;
+bool VeskQueue::State::runPass(Released& released) {
+    Pass pass(released);
     {
         Packets expired;  // released after the lock
         std::lock_guard<std::mutex> lock(mMutex);
@@ -166,8 +170,7 @@ void VeskQueue::State::cleanup() {
     mTail = mRunning ? tail : nullptr;  // a stopped queue has no admission that would replace it
     awaiting = mWaitAckList.takeAll();
     dropped.swap(mDropped);
-    mAckList.clear();
-    mOwedUnrecorded = 0;
+    forgetOwedAcks();
     mHistoryWasFull = false;
     mFeedback.cleanup();
 }

@@ -14,6 +14,11 @@ namespace vesk {
 
 namespace {
 
+// What mEnqueueOrder, which has no other use, says of packets that the queue has made itself. A
+// host that can read it finds 0.
+constexpr uint64_t SEEN = 0;
+constexpr uint64_t UNSEEN = 1;
+
 bool sameMessage(VeskFrame const& a, VeskFrame const& b) {
     return a.topicId == b.topicId && a.businessId == b.businessId && a.msgId == b.msgId &&
            a.msgType == b.msgType && a.reply == b.reply;
@@ -24,33 +29,51 @@ bool sameMessage(VeskFrame const& a, VeskFrame const& b) {
 void VeskQueue::State::enqueue(int priority, bool needRetransmission,
                                std::shared_ptr<VeskFrame> frame) {
     debugLog(QUEUE_TAG, "enqueue:", frame->msgId, "; priority:", priority);
-    push(new QueuedPacket(priority, needRetransmission, std::move(frame)));
-}
-
-void VeskQueue::State::push(Packet const& packet) {
-    Packets dropped;  // released after the lock
-    bool sleeps = false;
-    uint64_t pending = 0;
+    Admission admission;
     {
         std::lock_guard<std::mutex> lock(mMutex);
-        pending = static_cast<uint64_t>(mPending.load());
-        if (pending >= mMaxQueueSize) {
-            ++mRefused;
-        } else {
-            if (!enqueuePacket(packet)) {
-                debugLog(QUEUE_TAG, "enqueue fail.");
-                ++mRefused;
-            }
-            sleeps = wakeLooper();
-            dropped.swap(mDropped);
+        if (hasRoom(admission)) {
+            admit(makePacket(priority, needRetransmission, std::move(frame)), admission);
         }
     }
-    if (sleeps) mCond.notify_one();
-    // Outside the lock: under overload every producer comes through here.
-    if (pending >= mMaxQueueSize) debugLog(QUEUE_TAG, "oversize.", pending);
+    finish(admission);
 }
 
-bool VeskQueue::State::enqueuePacket(Packet const& packet) {
+void VeskQueue::State::push(Packet packet) {
+    Admission admission;
+    {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (hasRoom(admission)) admit(std::move(packet), admission);
+    }
+    finish(admission);
+}
+
+bool VeskQueue::State::hasRoom(Admission& admission) {
+    admission.pending = static_cast<uint64_t>(mPending.load());
+    admission.isRefused = admission.pending >= mMaxQueueSize;
+    if (admission.isRefused) ++mRefused;
+    return !admission.isRefused;
+}
+
+void VeskQueue::State::admit(Packet packet, Admission& admission) {
+    if (!enqueuePacket(std::move(packet))) {
+        debugLog(QUEUE_TAG, "enqueue fail.");
+        ++mRefused;
+        admission.released.push_back(std::move(packet));
+    }
+    admission.wakes = wakeLooper();
+    for (Packet& dropped : mDropped)
+        admission.released.push_back(std::move(dropped));
+    mDropped.clear();
+}
+
+void VeskQueue::State::finish(Admission const& admission) {
+    if (admission.wakes) mCond.notify_one();
+    // Outside the lock: under overload every producer comes through here.
+    if (admission.isRefused) debugLog(QUEUE_TAG, "oversize.", admission.pending);
+}
+
+bool VeskQueue::State::enqueuePacket(Packet&& packet) {
     debugLog(QUEUE_TAG, "enqueuing packet:", packet->mFrame->msgId);
     if (!mRunning) {
         debugLog(QUEUE_TAG, "sending a packet to died queue");
@@ -60,17 +83,56 @@ bool VeskQueue::State::enqueuePacket(Packet const& packet) {
     if (!packet->mHolder.compare_exchange_strong(holder, this)) {
         return false;  // pending already, here or in another queue
     }
-    insertByPriority(packet);
-    ++mPending;
     packet->updateEnqueueTime(quillex::SystemClock::uptimeMillis());
+    insertByPriority(std::move(packet));
+    countPending(1);
     return true;
 }
 
-void VeskQueue::State::insertByPriority(Packet const& packet) {
+// The frame of every packet that the queue makes itself comes with two blocks of the heap, the
+// packet and its counts, on one thread, and leaves them on another. So packets are used again, but
+// for those that a host may have seen: what it holds must not change, nor outlive its use.
+VeskQueue::State::Packet VeskQueue::State::makePacket(int priority, bool needRetransmission,
+                                                      std::shared_ptr<VeskFrame> frame) {
+    if (mSpare.empty()) {
+        Packet packet = new QueuedPacket(priority, needRetransmission, std::move(frame));
+        packet->mEnqueueOrder = UNSEEN;
+        return packet;
+    }
+    Packet packet = std::move(mSpare.back());
+    mSpare.pop_back();
+    packet->mPriority = priority;
+    packet->mNeedRetransmission = needRetransmission;
+    packet->mFrame = std::move(frame);
+    packet->updateSendTime(0);
+    return packet;
+}
+
+void VeskQueue::State::letGo(Packet packet, Released& released) {
+    bool const isOurs = packet->mEnqueueOrder == UNSEEN && packet->getStrongCount() == 1;
+    if (!isOurs || mSpare.size() == SPARE_PACKETS) {
+        released.packets.push_back(std::move(packet));
+        return;
+    }
+    released.frames.push_back(std::move(packet->mFrame));
+    mSpare.push_back(std::move(packet));
+}
+
+// It goes to the host. What is the host's own is not written to: other threads may read it.
+void VeskQueue::State::markSeen(QueuedPacket& packet) {
+    if (packet.mEnqueueOrder == UNSEEN) packet.mEnqueueOrder = SEEN;
+}
+
+// Readers do not take the lock; writers do, so that no single step has to be both.
+void VeskQueue::State::countPending(int change) {
+    mPending.store(mPending.load(std::memory_order_relaxed) + change, std::memory_order_release);
+}
+
+void VeskQueue::State::insertByPriority(Packet&& packet) {
     if (mHead == nullptr) {
         if (mTail != nullptr) mDropped.push_back(std::move(mTail));  // the stale one
         mHead = packet;
-        mTail = packet;
+        mTail = std::move(packet);
         return;
     }
     // From both ends at once: what is urgent finds its place near the head, whatever is held back
@@ -92,7 +154,7 @@ void VeskQueue::State::insertByPriority(Packet const& packet) {
     packet->mNext = std::move(fromBefore);
     packet->mPrev = std::move(fromAfter);
     fromBefore = packet;
-    fromAfter = packet;
+    fromAfter = std::move(packet);
 }
 
 VeskQueue::State::Packet VeskQueue::State::unlink(QueuedPacket* packet) {
@@ -103,9 +165,14 @@ VeskQueue::State::Packet VeskQueue::State::unlink(QueuedPacket* packet) {
     Packet self = std::move(fromBefore);
     fromBefore = std::move(packet->mNext);
     fromAfter = std::move(packet->mPrev);
-    if (mSending == packet) mSending = nullptr;
-    --mPending;
-    packet->mHolder = nullptr;  // last: from here on another queue may take it
+    if (mSending == packet) {
+        mSending = nullptr;
+        if (mInHand != nullptr) mDropped.push_back(std::move(mInHand));
+        mInHand = self;
+    }
+    countPending(-1);
+    // Last: from here on another queue may take it.
+    packet->mHolder.store(nullptr, std::memory_order_release);
     return self;
 }
 
@@ -119,6 +186,7 @@ VeskQueue::State::Packet VeskQueue::State::dequeuePacket() {
     wakeStalled();
     Packet first = unlink(mHead.get());
     if (mHead == nullptr) mTail = first;
+    markSeen(*first);
     return first;
 }
 
@@ -128,6 +196,7 @@ VeskQueue::State::Packet VeskQueue::State::removePacket(Packet const& packet) {
         return nullptr;  // it has been taken out already, or another queue holds it
     }
     Packet next = packet->mNext;
+    if (next != nullptr) markSeen(*next);
     unlink(packet.get());
     wakeStalled();
     return next;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include <vesk/VeskProtocol.h>
@@ -7,6 +8,9 @@
 namespace vesk {
 
 constexpr char const* QUEUE_TAG = "VeskQueue";
+
+constexpr size_t SPARE_PACKETS = 64;    // packets that are kept to be used again
+constexpr size_t USUAL_OWED_ACKS = 64;  // that there is always memory for
 
 constexpr unsigned long long IDLE_WAIT_MS = 2147483647;
 

@@ -85,8 +85,8 @@ void VeskQueue::State::recordOwedAck(uint16_t serialNumber) {
 
 // A looper that is awake looks at what is owed before it sleeps.
 bool VeskQueue::State::sleepsPastAcks() const {
-    return mAsleep && (mAckList.size() >= ACK_BATCH_COUNT ||
-                       mSleepsUntil > mFirstAckTime + ACK_BATCH_AGE_MS);
+    return mAsleep &&
+           (mAckList.size() >= ACK_BATCH_COUNT || mSleepsUntil > mFirstAckTime + ACK_BATCH_AGE_MS);
 }
 
 size_t VeskQueue::State::owedAcks() const {
@@ -98,9 +98,10 @@ void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
     if (frame.reply != frame.data.size() / ACK_ENTRY_SIZE) {
         return;
     }
-    Packets released;  // let go of after the lock
+    Released released;  // after the lock
+    size_t count = 0;
     std::lock_guard<std::mutex> lock(mMutex);
-    released.reserve(std::min<size_t>(frame.reply, mWaitAckList.size()));
+    released.frames.reserve(std::min<size_t>(frame.reply, mWaitAckList.size()));
     uint32_t const now = low32(SystemClock::uptimeMillis());
     for (size_t i = 0; i < frame.reply; ++i) {
         uint8_t const* const entry = &frame.data[i * ACK_ENTRY_SIZE];
@@ -108,19 +109,29 @@ void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
         Packet sent = mWaitAckList.takeBySerial(getU16(entry + 2));
         if (sent == nullptr) continue;
         mFeedback.updateDelay(now - (low32(sent->sendTime()) + hold));
-        released.push_back(std::move(sent));
+        letGo(std::move(sent), released);
+        ++count;
     }
-    mAcknowledged += released.size();
-    if (!released.empty()) {
+    mAcknowledged += count;
+    if (count != 0) {
         wakeStalled();
+    }
+}
+
+// What a burst has taken is given back.
+void VeskQueue::State::forgetOwedAcks() {
+    mOwedUnrecorded = 0;
+    mAckList.clear();
+    if (mAckList.capacity() > USUAL_OWED_ACKS) {
+        mAckList.shrink_to_fit();
+        mAckList.reserve(USUAL_OWED_ACKS);
     }
 }
 
 void VeskQueue::State::ackToPeer() {
     size_t const owed = mAckList.size();
-    mOwedUnrecorded = 0;
     if (owed == 0 || owed > MAX_OWED_ACKS) {
-        mAckList.clear();
+        forgetOwedAcks();
         return;
     }
     auto frame = makeAckFrame(owed);
@@ -132,8 +143,8 @@ void VeskQueue::State::ackToPeer() {
         entry += ACK_ENTRY_SIZE;
         debugLog(QUEUE_TAG, "ackToPeer serial:", ack.msgSerialNumb(), "; ", frame->msgId);
     }
-    mAckList.clear();
-    enqueuePacket(new QueuedPacket(IMMEDIATE_PRIORITY, false, std::move(frame)));
+    forgetOwedAcks();
+    enqueuePacket(makePacket(IMMEDIATE_PRIORITY, false, std::move(frame)));
 }
 
 }  // namespace vesk

@@ -15,27 +15,25 @@ namespace vesk {
 void VeskQueue::State::sendDuePackets(Pass& pass) {
     pass.sendTime = quillex::SystemClock::uptimeMillis();
     std::vector<uint8_t> bytes;
-    for (Packet packet = nextDeparture(pass, bytes); packet != nullptr;
-         packet = nextDeparture(pass, bytes)) {
-        VeskFrame const& frame = *packet->mFrame;
-        debugLog(QUEUE_TAG, "sendToChannel:", frame.msgId, "; serial:", frame.serialNumber,
+    while (VeskFrame const* const frame = nextDeparture(pass, bytes)) {
+        debugLog(QUEUE_TAG, "sendToChannel:", frame->msgId, "; serial:", frame->serialNumber,
                  ";size:", bytes.size());
         // The host may do anything in there: take this packet out, admit it again, stop the queue,
         // let its last owner go. Nothing that was known before is taken for true behind it.
         Vesk::getInstance()->sendToChannel(std::move(bytes));
         mFeedback.sendPackets(1);
         // Destructors of frames may do the same. So they run here, before the next one is picked.
-        pass.dropped.clear();
-        pass.sent = std::move(packet);
+        pass.released.clear();
     }
-    pass.sent.clear();
-    pass.dropped.clear();
+    pass.released.clear();
 }
 
-VeskQueue::State::Packet VeskQueue::State::nextDeparture(Pass& pass, std::vector<uint8_t>& bytes) {
+VeskFrame const* VeskQueue::State::nextDeparture(Pass& pass, std::vector<uint8_t>& bytes) {
     std::lock_guard<std::mutex> lock(mMutex);
-    pass.dropped.swap(mDropped);
-    Packet due = findDue(placeInChain(pass), pass);
+    for (Packet& dropped : mDropped)
+        letGo(std::move(dropped), pass.released);
+    mDropped.clear();
+    QueuedPacket* const due = findDue(placeInChain(pass), pass);
     if (due == nullptr) {
         return nullptr;
     }
@@ -51,11 +49,11 @@ VeskQueue::State::Packet VeskQueue::State::nextDeparture(Pass& pass, std::vector
     due->updateSendTime(pass.sendTime);
     due->mFrame->serialze(bytes);
     if (due->mNeedRetransmission) pass.lowerWait(mTimeout);
-    mSending = due.get();
+    mSending = due;
     --pass.budget;
     pass.hasSent = true;
     pass.hasSentData |= due->mFrame->msgType != ACKNOWLEDGEMENT;
-    return due;
+    return due->mFrame.get();
 }
 
 /** Where the walk goes on; null where it ends. What has been sent leaves the chain here. */
@@ -66,11 +64,12 @@ VeskQueue::QueuedPacket* VeskQueue::State::placeInChain(Pass& pass) {
     }
     if (mSending == nullptr) {
         // Someone else has taken it out meanwhile, and with it the place: another pass looks again.
+        if (mInHand != nullptr) letGo(std::move(mInHand), pass.released);
         if (mHead != nullptr) pass.wait = 0;
         return nullptr;
     }
     QueuedPacket* const next = mSending->mNext.get();
-    unlink(mSending);  // the pass holds it
+    letGo(unlink(std::exchange(mSending, nullptr)), pass.released);
     if (next != nullptr && mustEnd(pass)) {
         pass.wait = 0;
         return nullptr;
@@ -88,7 +87,7 @@ bool VeskQueue::State::mustEnd(Pass const& pass) const {
            (pass.hasSentData && acksAreDue(now));
 }
 
-VeskQueue::State::Packet VeskQueue::State::findDue(QueuedPacket* from, Pass& pass) const {
+VeskQueue::QueuedPacket* VeskQueue::State::findDue(QueuedPacket* from, Pass& pass) const {
     for (QueuedPacket* entry = from; entry != nullptr && mRunning; entry = entry->mNext.get()) {
         uint64_t const age = elapsed(pass.sendTime, entry->enqueueTime());
         if (entry->mPriority == IMMEDIATE_PRIORITY || age >= mTimeout) {
@@ -99,7 +98,7 @@ VeskQueue::State::Packet VeskQueue::State::findDue(QueuedPacket* from, Pass& pas
     return nullptr;
 }
 
-bool VeskQueue::State::addToHistoryList(Packet const& packet, uint64_t sendTime) {
+bool VeskQueue::State::addToHistoryList(QueuedPacket* packet, uint64_t sendTime) {
     if (!packet->mNeedRetransmission) {
         return true;
     }

@@ -38,7 +38,8 @@ void VeskQueue::push(android::sp<QueuedPacket>& packet) {
 
 VESK_NO_LOCK_ANALYSIS
 bool VeskQueue::enqueuePacket(android::sp<QueuedPacket>& packet) {
-    return packet != nullptr && packet->mFrame && mState->enqueuePacket(packet);
+    return packet != nullptr && packet->mFrame &&
+           mState->enqueuePacket(android::sp<QueuedPacket>(packet));
 }
 
 android::sp<VeskQueue::QueuedPacket> VeskQueue::dequeuePacket() {
@@ -68,7 +69,8 @@ size_t VeskQueue::owedAcks() const {
 }
 
 void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
-    State::Pass pass;
+    State::Released released;
+    State::Pass pass(released);
     pass.wait = nextTime;
     mState->sendDuePackets(pass);
     nextTime = pass.wait;
@@ -77,7 +79,7 @@ void VeskQueue::sendPacketToNetwork(unsigned long long& nextTime) {
 VESK_NO_LOCK_ANALYSIS
 bool VeskQueue::addToHistoryList(android::sp<QueuedPacket>& packet) {
     return packet == nullptr || !packet->mFrame ||
-           mState->addToHistoryList(packet, packet->sendTime());
+           mState->addToHistoryList(packet.get(), packet->sendTime());
 }
 
 void VeskQueue::cleanup() {

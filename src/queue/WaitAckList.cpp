@@ -14,12 +14,12 @@ namespace {
 constexpr size_t MAX_SPARE = 64;
 }
 
-void WaitAckList::append(Packet const& packet, VeskFrame const& frame, uint64_t sendTime) {
+void WaitAckList::append(Packet packet, VeskFrame const& frame, uint64_t sendTime) {
     mEarliestSend = mEntries.empty() ? sendTime : std::min(mEarliestSend, sendTime);
     if (mSpare.empty()) mSpare.emplace_back();
     mEntries.splice(mEntries.end(), mSpare, mSpare.begin());
     Entry& entry = mEntries.back();
-    entry.packet = packet;
+    entry.packet = std::move(packet);
     entry.place = std::prev(mEntries.end());
     mBySerial.append(entry.serial, entry, frame.serialNumber);
     mByMsgId.append(entry.msgId, entry, frame.msgId);

@@ -24,7 +24,7 @@ public:
     size_t size() const { return mEntries.size(); }
 
     /** Appends a packet, to be found by the numbers that its frame has now. */
-    void append(Packet const& packet, VeskFrame const& frame, uint64_t sendTime);
+    void append(Packet packet, VeskFrame const& frame, uint64_t sendTime);
 
     /** Takes out the oldest entry with this serial number; null when there is none. */
     Packet takeBySerial(uint16_t serialNumber);
