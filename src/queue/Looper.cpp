@@ -17,15 +17,14 @@ namespace vesk {
 
 using quillex::SystemClock;
 
-VeskQueue::State::State() : mProcess(getpid()) {
-    mSpare.reserve(SPARE_PACKETS);
-    mAckList.reserve(USUAL_OWED_ACKS);
-}
+VeskQueue::State::State() : mProcess(getpid()) {}
 
 VeskQueue::State::~State() = default;
 
 void VeskQueue::State::start(std::shared_ptr<State> const& self) {
     std::lock_guard<std::mutex> lock(self->mMutex);
+    self->mSpare.reserve(SPARE_PACKETS);
+    self->forgetOwedAcks();
     self->mThread = std::thread([self] { self->looper(); });
     self->mLooper = self->mThread.get_id();
 }

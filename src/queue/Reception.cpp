@@ -40,7 +40,7 @@ std::shared_ptr<VeskFrame> makeAckFrame(size_t entries) {
 
 }  // namespace
 
-void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
+void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> const& frame) {
     debugLog(QUEUE_TAG, "receiveFromChannel:", frame->serialNumber, ",msgType:", frame->msgType,
              ",msg:", frame->msgId);
     Vesk* const facade = Vesk::getInstance();
@@ -122,9 +122,10 @@ void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
 void VeskQueue::State::forgetOwedAcks() {
     mOwedUnrecorded = 0;
     mAckList.clear();
-    if (mAckList.capacity() > USUAL_OWED_ACKS) {
-        mAckList.shrink_to_fit();
-        mAckList.reserve(USUAL_OWED_ACKS);
+    if (mAckList.capacity() != USUAL_OWED_ACKS) {
+        std::vector<AckMessage> usual;
+        usual.reserve(USUAL_OWED_ACKS);
+        mAckList.swap(usual);
     }
 }
 
