@@ -17,7 +17,9 @@ namespace vesk::bench {
 using Frame = std::shared_ptr<VeskFrame>;
 
 /** A frame of topic 2's business, to leave or to come in. */
-inline Frame makeFrame(uint8_t type = REQUEST, uint16_t reply = 0, size_t payload = 64) {
+constexpr size_t PAYLOAD = 64;
+
+inline Frame makeFrame(uint8_t type = REQUEST, uint16_t reply = 0, size_t payload = PAYLOAD) {
     auto frame = VeskFrame::obtainFrame(true);
     frame->topicId = 2;
     frame->businessId = 1;
