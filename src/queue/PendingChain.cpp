@@ -56,7 +56,7 @@ bool VeskQueue::State::hasRoom(Admission& admission) {
 }
 
 void VeskQueue::State::admit(Packet packet, Admission& admission) {
-    if (!enqueuePacket(std::move(packet))) {
+    if (!enqueuePacket(packet)) {
         debugLog(QUEUE_TAG, "enqueue fail.");
         ++mRefused;
         admission.released.push_back(std::move(packet));
@@ -73,7 +73,7 @@ void VeskQueue::State::finish(Admission const& admission) {
     if (admission.isRefused) debugLog(QUEUE_TAG, "oversize.", admission.pending);
 }
 
-bool VeskQueue::State::enqueuePacket(Packet&& packet) {
+bool VeskQueue::State::enqueuePacket(Packet& packet) {
     debugLog(QUEUE_TAG, "enqueuing packet:", packet->mFrame->msgId);
     if (!mRunning) {
         debugLog(QUEUE_TAG, "sending a packet to died queue");

@@ -21,10 +21,11 @@ namespace vesk {
  * Ownership: shared between the queue and its looper thread. The last owner of a queue may go on
  *            the looper itself, in the host's callback or with a frame that is let go of; the
  *            thread then still has the state that it works on.
+ * Symbols:   hidden, unlike the queue's: calls within the library need no detour.
  * Locks:     mMutex is never held while the facade, a topic, the host or a destructor of the host's
  *            runs. What has to be let go of is collected and released after the lock.
  */
-struct VeskQueue::State {
+struct __attribute__((visibility("hidden"))) VeskQueue::State {
     using Packet = android::sp<QueuedPacket>;
     using Packets = std::vector<Packet>;
 
@@ -83,7 +84,7 @@ struct VeskQueue::State {
     void admit(Packet packet, Admission& admission) VESK_REQUIRES(mMutex);
     void finish(Admission const& admission) VESK_EXCLUDES(mMutex);
     /** Takes the packet where it returns true, and leaves it alone where it returns false. */
-    bool enqueuePacket(Packet&& packet) VESK_REQUIRES(mMutex);
+    bool enqueuePacket(Packet& packet) VESK_REQUIRES(mMutex);
     Packet dequeuePacket() VESK_EXCLUDES(mMutex);
     Packet removePacket(Packet const& packet) VESK_EXCLUDES(mMutex);
     bool replacePacket(Packet const& packet) VESK_EXCLUDES(mMutex);

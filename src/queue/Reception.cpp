@@ -145,7 +145,8 @@ void VeskQueue::State::ackToPeer() {
         debugLog(QUEUE_TAG, "ackToPeer serial:", ack.msgSerialNumb(), "; ", frame->msgId);
     }
     forgetOwedAcks();
-    enqueuePacket(makePacket(IMMEDIATE_PRIORITY, false, std::move(frame)));
+    Packet packet = makePacket(IMMEDIATE_PRIORITY, false, std::move(frame));
+    enqueuePacket(packet);
 }
 
 }  // namespace vesk

@@ -38,8 +38,8 @@ void VeskQueue::push(android::sp<QueuedPacket>& packet) {
 
 VESK_NO_LOCK_ANALYSIS
 bool VeskQueue::enqueuePacket(android::sp<QueuedPacket>& packet) {
-    return packet != nullptr && packet->mFrame &&
-           mState->enqueuePacket(android::sp<QueuedPacket>(packet));
+    android::sp<QueuedPacket> taken = packet;  // the caller keeps its own
+    return packet != nullptr && packet->mFrame && mState->enqueuePacket(taken);
 }
 
 android::sp<VeskQueue::QueuedPacket> VeskQueue::dequeuePacket() {
