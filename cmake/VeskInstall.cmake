@@ -1,4 +1,4 @@
-# The installed package: headers, libraries, the vesk command, the host kit, the test kit, and what
+# The installed package: headers, libraries, the vesk command, the kits, and what
 # CMake and pkg-config need to find them. Nothing in it depends on where it was built or is
 # installed.
 
@@ -37,21 +37,23 @@ if(VESK_WITH_LIBUTILS)
     install(FILES cmake/FindLibutils.cmake DESTINATION ${package_dir})
 endif()
 
-# The host kit, which a host may do without.
-set_target_properties(vesk_hostkit PROPERTIES EXPORT_NAME hostkit)
-install(TARGETS vesk_hostkit EXPORT vesk-hostkit COMPONENT hostkit
-    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(EXPORT vesk-hostkit FILE veskHostkitTargets.cmake NAMESPACE vesk::
-    DESTINATION ${package_dir} COMPONENT hostkit)
-install(DIRECTORY hostkit/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT hostkit)
-
-# The test kit, for those who ask for it.
-install(TARGETS vesk_testkit EXPORT vesk-testkit COMPONENT testkit
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(EXPORT vesk-testkit FILE veskTestkitTargets.cmake NAMESPACE vesk::
-    DESTINATION ${package_dir} COMPONENT testkit)
-install(DIRECTORY testkit/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT testkit)
+# The kits, each in a component of its own: the library does without them, and most users too.
+function(install_kit kit)  # and targets that it needs and nobody else installs
+    set_target_properties(vesk_${kit} PROPERTIES EXPORT_NAME ${kit})
+    install(TARGETS vesk_${kit} ${ARGN} EXPORT vesk-${kit} COMPONENT ${kit}
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(EXPORT vesk-${kit} FILE vesk-${kit}Targets.cmake NAMESPACE vesk::
+        DESTINATION ${package_dir} COMPONENT ${kit})
+    install(DIRECTORY ${kit}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT ${kit})
+endfunction()
+install_kit(hostkit)
+install_kit(client)
+install_kit(testkit)
+if(TARGET vesk_hostkit_asio)
+    set_target_properties(vesk_asio PROPERTIES EXPORT_NAME asio)
+    install_kit(hostkit_asio vesk_asio)
+endif()
 
 # pkg-config. Where all is static, whoever links the library links what it consists of.
 file(RELATIVE_PATH VESK_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
@@ -70,9 +72,16 @@ else()
 endif()
 configure_file(cmake/vesk.pc.in vesk.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vesk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-configure_file(cmake/vesk-hostkit.pc.in vesk-hostkit.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vesk-hostkit.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT hostkit)
+function(install_kit_pc kit)
+    configure_file(cmake/vesk-${kit}.pc.in vesk-${kit}.pc @ONLY)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vesk-${kit}.pc
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${kit})
+endfunction()
+install_kit_pc(hostkit)
+install_kit_pc(client)
+if(TARGET vesk_hostkit_asio)
+    install_kit_pc(hostkit_asio)
+endif()
 
 if(TARGET vesk_tool)
     file(RELATIVE_PATH libraries_from_tool /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})

@@ -48,7 +48,7 @@ public:
 private:
     class Request;
     using Clock = Calls::Clock;
-    using Lock = std::unique_lock<std::mutex>;
+    using Lock = std::lock_guard<std::mutex>;
 
     void run();
     void turn();

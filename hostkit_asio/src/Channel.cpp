@@ -51,7 +51,6 @@ private:
     void goOnLater();
     void received();
     void watchSilence();
-    bool hasUnread();
     void flush();
     void reportSkipped();
 
@@ -146,6 +145,7 @@ void Channel::Impl::drop(std::string const& reason) {
     mEvents.report("channel down: " + reason + "; " + std::to_string(lost) +
                    " bytes on their way out are lost; clients stay and wait");
     mEvents.onState(false);
+    if (mSource.isExhausted()) return mEvents.onEnd();
     // Only an attempt of our own costs anything: a listener just waits for the peer.
     mListens ? open() : openLater();
 }
@@ -164,7 +164,7 @@ void Channel::Impl::hold(bool held) {
 void Channel::Impl::read() {
     if (!mLink || mHeld || mReading) return;
     mReading = true;
-    mLink->async_read_some(
+    mLink->reader().async_read_some(
             asio::buffer(mChunk), [this, link = mLink](asio::error_code const& error, size_t size) {
                 if (link != mLink) return;
                 if (error)
@@ -218,19 +218,12 @@ void Channel::Impl::watchSilence() {
     }
     mSilence.expires_after(SILENCE);
     mSilence.async_wait([this](asio::error_code const& error) {
-        if (error || mHeld || hasUnread()) return;
+        // With bytes unread the silence was this host's, not the peer's.
+        if (error || mHeld || mLink->hasUnread()) return;
         mReader.abandon();
         reportSkipped();
         mEvents.onProgress();
     });
-}
-
-// Bytes that have come and were not read yet: the silence was this host's, not the peer's.
-bool Channel::Impl::hasUnread() {
-    asio::posix::descriptor_base::bytes_readable waiting;
-    asio::error_code unknown;
-    mLink->io_control(waiting, unknown);
-    return waiting.get() > 0;
 }
 
 void Channel::Impl::reportSkipped() {
@@ -256,7 +249,7 @@ void Channel::Impl::flush() {
     Outbox::Batch const batch = mOutbox.take();
     if (batch.size == 0) return;
     mWriting = true;
-    asio::async_write(*mLink, asio::buffer(batch.data, batch.size),
+    asio::async_write(mLink->writer(), asio::buffer(batch.data, batch.size),
                       [this, link = mLink](asio::error_code const& error, size_t size) {
                           mWriting = false;
                           mOutbox.written(size);

@@ -12,6 +12,10 @@ namespace {
 // A JOIN with the longest names; nothing longer is expected from who has not joined.
 constexpr size_t MAX_JOIN_SIZE = client::MessageReader::PREFIX_SIZE + 1 + 1 + 256 + 256;
 
+void removeSession(uint32_t clientId) {
+    Vesk::getInstance()->getSessionManager()->removeSessionByClient(clientId);
+}
+
 char const* roleName(int role) {
     return role == VeskSessionManager::PROVIDER ? "provider" : "consumer";
 }
@@ -31,7 +35,7 @@ Clients::Clients(asio::io_context& io, std::string const& path, std::set<std::st
 
 Clients::~Clients() {
     for (auto const& [id, client] : mClients) {
-        Vesk::getInstance()->getSessionManager()->removeSessionByClient(id);
+        if (client.session) removeSession(id);
     }
 }
 
@@ -115,14 +119,15 @@ void Clients::onClosed(ClientConnection& connection, std::string const& reason) 
     if (client.session || connection.evicted()) {
         mServices.report("client " + std::to_string(connection.id()) + " is gone: " + reason);
     }
-    Vesk::getInstance()->getSessionManager()->removeSessionByClient(connection.id());
+    if (client.session) removeSession(connection.id());
 }
 
 void Clients::join(Client& client, client::Message const& message) {
     std::optional<client::JoinMessage> const join = client::JoinMessage::decode(message.body);
     if (!join) return refuse(*client.connection, "a JOIN message is not of its form");
     if (client.session) return refuse(*client.connection, "this client has joined already");
-    std::string const why = whyNoSession(*join);
+    std::string const why = mServices.joins ? whyNoSession(*join)
+                                            : "this host takes no clients; it can only be watched";
     if (!why.empty()) return refuse(*client.connection, why);
 
     VeskSessionManager& sessions = *Vesk::getInstance()->getSessionManager();

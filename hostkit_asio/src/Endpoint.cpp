@@ -84,10 +84,18 @@ Endpoint Endpoint::parse(std::string const& text) {
     } else if (startsWith(text, "tty:")) {
         endpoint.kind = Kind::TTY;
         parseTty(text.substr(4), text, endpoint);
+    } else if (startsWith(text, "dev:") && text.size() > 4) {
+        endpoint.kind = Kind::DEV;
+        endpoint.path = text.substr(4);
+    } else if (startsWith(text, "exec:") && text.size() > 5) {
+        endpoint.kind = Kind::EXEC;
+        endpoint.path = text.substr(5);
+    } else if (text == "stdio:") {
+        endpoint.kind = Kind::STDIO;
     } else {
         throw std::invalid_argument("'" + text +
-                                    "' is no channel; write unix:PATH, tcp:HOST:PORT or " +
-                                    "tty:DEVICE[,BAUD]");
+                                    "' is no channel; write unix:PATH, tcp:HOST:PORT, "
+                                    "tty:DEVICE[,BAUD], dev:PATH, exec:COMMAND or stdio:");
     }
     return endpoint;
 }
@@ -98,6 +106,12 @@ std::string Endpoint::toString() const {
             return "tcp:" + host + ":" + std::to_string(port);
         case Kind::TTY:
             return "tty:" + path + "," + std::to_string(baud);
+        case Kind::DEV:
+            return "dev:" + path;
+        case Kind::EXEC:
+            return "exec:" + path;
+        case Kind::STDIO:
+            return "stdio:";
         case Kind::UNIX:
             break;
     }

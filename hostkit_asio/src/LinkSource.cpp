@@ -38,9 +38,6 @@ LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool list
     : mIo(io), mEndpoint(endpoint), mReport(std::move(report)), mResolver(io) {
     if (!listen) return;
     switch (endpoint.kind) {
-        case Endpoint::Kind::TTY:
-            throw std::invalid_argument("--listen makes no sense with '" + endpoint.toString() +
-                                        "': a device is opened, nobody connects to it");
         case Endpoint::Kind::UNIX:
             mUnixListener.emplace(io, endpoint.path);
             mUnixLoop.emplace(
@@ -50,6 +47,9 @@ LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool list
         case Endpoint::Kind::TCP:
             listenTcp();
             break;
+        default:
+            throw std::invalid_argument("--listen makes no sense with '" + endpoint.toString() +
+                                        "': nobody connects to it");
     }
 }
 
@@ -64,7 +64,14 @@ void LinkSource::open(Handler handler) {
             connectTcp();
             break;
         case Endpoint::Kind::TTY:
-            openTty();
+        case Endpoint::Kind::DEV:
+            openDevice();
+            break;
+        case Endpoint::Kind::EXEC:
+            startCommand();
+            break;
+        case Endpoint::Kind::STDIO:
+            takeStdio();
             break;
     }
 }
@@ -122,17 +129,47 @@ void LinkSource::connectTcp() {
                             });
 }
 
-void LinkSource::openTty() {
+void LinkSource::openDevice() {
     int const fd = ::open(mEndpoint.path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    bool const isTty = mEndpoint.kind == Endpoint::Kind::TTY;
     asio::error_code error;
-    if (fd < 0 || !configureTty(fd, mEndpoint.baud)) error = lastError();
+    if (fd < 0 || (isTty && !configureTty(fd, mEndpoint.baud))) error = lastError();
     std::shared_ptr<Link> link;
     if (!error) {
         link = std::make_shared<Link>(mIo, fd);
     } else if (fd >= 0) {
         ::close(fd);
     }
-    asio::post(mIo, [this, link, error] { answer(link, error); });
+    answerLater(link, error);
+}
+
+void LinkSource::startCommand() {
+    mCommand.reset();
+    try {
+        mCommand = std::make_shared<Link>(std::make_unique<ChildProcess>(
+                mIo, ChildProcess::Options{{"/bin/sh", "-c", mEndpoint.path}, true, true, {}}));
+        answerLater(mCommand, {});
+    } catch (std::runtime_error const& error) {
+        mReport(error.what());
+        answerLater(nullptr, asio::error::no_memory);
+    }
+}
+
+// From here on they are this channel's alone: a line that somebody else prints goes to stderr.
+void LinkSource::takeStdio() {
+    mTookStdio = true;
+    int const input = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int const output = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (input < 0 || output < 0) return answerLater(nullptr, lastError());
+    int const nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    ::dup2(nothing, STDIN_FILENO);
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    ::close(nothing);
+    answerLater(std::make_shared<Link>(mIo, input, output), {});
+}
+
+void LinkSource::answerLater(std::shared_ptr<Link> link, asio::error_code const& error) {
+    asio::post(mIo, [this, link = std::move(link), error] { answer(link, error); });
 }
 
 void LinkSource::answer(std::shared_ptr<Link> link, asio::error_code const& error) {

@@ -8,18 +8,16 @@
 #include <vesk/hostkit_asio/Report.h>
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 
 #include "AcceptLoop.h"
+#include "Link.h"
 #include "UnixListener.h"
 
 namespace vesk::hostkit {
 
-/** An open byte channel, whatever it is made of. */
-using Link = asio::posix::stream_descriptor;
-
 /**
- * Opens one link after the other at an endpoint: connects, accepts, or opens the device.
+ * Opens one link after the other at an endpoint: connects, accepts, opens the device, or starts the
+ * command.
  *
  * A listening source accepts at all times; a peer that arrives while nobody waits for a link, that
  * is, a second one, is turned away.
@@ -40,6 +38,9 @@ public:
      */
     void open(Handler handler);
 
+    /** Whether open() may be called again; stdin and stdout are there once. */
+    bool isExhausted() const { return mTookStdio; }
+
 private:
     template <typename Socket>
     void accepted(Socket socket);
@@ -48,7 +49,10 @@ private:
     void listenTcp();
     void connectUnix();
     void connectTcp();
-    void openTty();
+    void openDevice();
+    void startCommand();
+    void takeStdio();
+    void answerLater(std::shared_ptr<Link> link, asio::error_code const& error);
     void answer(std::shared_ptr<Link> link, asio::error_code const& error);
 
     asio::io_context& mIo;
@@ -59,6 +63,8 @@ private:
     std::optional<AcceptLoop<asio::local::stream_protocol::acceptor>> mUnixLoop;
     std::optional<AcceptLoop<asio::ip::tcp::acceptor>> mTcpLoop;
     asio::ip::tcp::resolver mResolver;
+    std::shared_ptr<Link> mCommand;  // the last one: it has time to end until the next is started
+    bool mTookStdio = false;
     Handler mHandler;  // empty while nobody waits
 };
 

@@ -1,6 +1,7 @@
 // A host, seen by its clients and from the other end of its channel.
 
 #include <pty.h>
+#include <sys/stat.h>
 
 #include <vesk/Vesk.h>
 #include <asio/ip/tcp.hpp>
@@ -135,6 +136,32 @@ TEST_F(HostTest, EveryKindOfChannelCarriesAnExchange) {
     awaitText(far, "channel up: tcp:127.0.0.1:" + port);
 }
 
+TEST_F(HostTest, ACommandOrADeviceCarriesAChannelAndTheCommandEndsWithIt) {
+    // At first the command fails; then it is the other host.
+    Process& near = startHost("'exec:[ -e " + path("tried") + " ] || { : >" + path("tried") +
+                              "; exit 1; }; exec " VESK_TOOL " host --channel stdio: --clients " +
+                              socket("far") + "'");
+    awaitText(near, "serving clients on " + socket("far"));
+    EXPECT_EQ(counters().reconnects, 1U);
+    Process& provider = start("provide test/test --echo --host " + socket("far"));
+    awaitText(provider, "providing");
+    expectEnd(
+            start("call test/test --verify --count 9 --random-size 65535 --host " + socket("host")),
+            0);
+    near.signal(SIGKILL);
+    expectEnd(provider, 1, "the host is gone");
+    std::filesystem::remove(path("host"));
+
+    ASSERT_EQ(::mkfifo(path("loop").c_str(), 0600), 0);
+    startHost("dev:" + path("loop"));
+    Line& consumer = join(CONSUMER);
+    Line& looped = join(PROVIDER);
+    consumer.say(data(Type::REQUEST, 0, 5, "there"));
+    awaitHeard(looped, data(Type::REQUEST, consumer.number(0), 5, "there"));
+    looped.say(data(Type::REPLY, consumer.number(0), 5, "and back"));
+    awaitHeard(consumer, data(Type::REPLY, consumer.number(0), 5, "and back"));
+}
+
 TEST_F(HostTest, AListenerHasOnePeerAtATimeAndOneOwner) {
     Process& host = startHost(socket("own"), " --listen");
     for (auto const& [name, why] :
@@ -164,7 +191,7 @@ TEST_F(HostTest, AHostThatIsGoneIsNotCalled) {
     hostkit::Channel channel(mIo, hostkit::Endpoint::parse(socket("channel")), false,
                              *Vesk::getInstance()->getConfig(), {});
     hostkit::ClientServer clients(mIo, path("host"), {}, hostkit::FlowLimits(), {});
-    android::sp<tool::HostCallback> const callback = new tool::HostCallback(channel, clients);
+    android::sp<hostkit::HostCallback> const callback = new hostkit::HostCallback(channel, clients);
     callback->detach();
     callback->sendToChannel({1});
     EXPECT_EQ(channel.outbox().lostBytes(), 0U);

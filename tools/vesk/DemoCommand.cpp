@@ -17,11 +17,11 @@
 #include <vesk/client/Client.h>
 #include <vesk/hostkit/CatalogueNames.h>
 #include <vesk/hostkit/FrameText.h>
+#include <vesk/hostkit_asio/ChildProcess.h>
 #include <asio/io_context.hpp>
 #include <asio/read_until.hpp>
 #include <asio/streambuf.hpp>
 
-#include "ChildProcess.h"
 #include "DemoReport.h"
 #include "EndSignals.h"
 #include "Errors.h"
@@ -65,7 +65,8 @@ private:
 /** A vesk call process and what it has reported so far. */
 class Consumer {
 public:
-    Consumer(asio::io_context& io, std::string business, ChildProcess::Options const& options)
+    Consumer(asio::io_context& io, std::string business,
+             hostkit::ChildProcess::Options const& options)
         : mBusiness(std::move(business)), mProcess(io, options) {
         read();
     }
@@ -97,7 +98,7 @@ private:
     }
 
     std::string const mBusiness;
-    ChildProcess mProcess;
+    hostkit::ChildProcess mProcess;
     asio::streambuf mBuffer;
     size_t mDone = 0;
     bool mReadAll = false;
@@ -110,7 +111,7 @@ public:
     int run();
 
 private:
-    ChildProcess::Options vesk(std::vector<std::string> arguments) const;
+    hostkit::ChildProcess::Options vesk(std::vector<std::string> arguments) const;
     void serve(std::vector<std::string> arguments);
     void startHosts();
     void startProviders();
@@ -130,7 +131,7 @@ private:
     asio::io_context mIo;
     EndSignals mSignals;
     bool mInterrupted = false;
-    std::vector<std::unique_ptr<ChildProcess>> mServants;  // hosts and providers
+    std::vector<std::unique_ptr<hostkit::ChildProcess>> mServants;  // hosts and providers
     std::vector<std::unique_ptr<Consumer>> mConsumers;
 };
 
@@ -162,8 +163,8 @@ int Demo::run() {
     }
 }
 
-ChildProcess::Options Demo::vesk(std::vector<std::string> arguments) const {
-    ChildProcess::Options options;
+hostkit::ChildProcess::Options Demo::vesk(std::vector<std::string> arguments) const {
+    hostkit::ChildProcess::Options options;
     options.arguments = std::move(arguments);
     options.arguments.insert(options.arguments.begin(), mOptions.program);
     if (mOptions.verbose) {
@@ -175,7 +176,7 @@ ChildProcess::Options Demo::vesk(std::vector<std::string> arguments) const {
 }
 
 void Demo::serve(std::vector<std::string> arguments) {
-    mServants.push_back(std::make_unique<ChildProcess>(mIo, vesk(std::move(arguments))));
+    mServants.push_back(std::make_unique<hostkit::ChildProcess>(mIo, vesk(std::move(arguments))));
 }
 
 void Demo::startHosts() {
@@ -206,7 +207,7 @@ void Demo::startConsumers() {
             mBusinesses.size(), mOptions.requests, mBusinesses.size());
     flushOutput();
     for (std::string const& business : mBusinesses) {
-        ChildProcess::Options options =
+        hostkit::ChildProcess::Options options =
                 vesk({"call", "--host", "unix:" + mNear, business, "--random-size", "65535",
                       "--count", std::to_string(mOptions.requests), "--window", "16", "--timeout",
                       "30000", "--verify", "--report"});
@@ -286,7 +287,7 @@ std::optional<client::Counters> Demo::query(std::string const& path) {
 // Providers first: they would take the end of their host for a failure.
 void Demo::endServants() {
     while (!mServants.empty()) {
-        std::unique_ptr<ChildProcess> const servant = std::move(mServants.back());
+        std::unique_ptr<hostkit::ChildProcess> const servant = std::move(mServants.back());
         mServants.pop_back();
         servant->signal(SIGTERM);
         await("a process to end", [&] { return !servant->ending().empty(); });

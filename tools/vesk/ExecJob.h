@@ -7,10 +7,9 @@
 #include <string>
 
 #include <vesk/client/ClientProtocol.h>
+#include <vesk/hostkit_asio/ChildProcess.h>
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
-
-#include "ChildProcess.h"
 
 namespace vesk::tool {
 
@@ -41,7 +40,7 @@ private:
     void awaitLimit();
     void finish(std::string const& error);
 
-    ChildProcess mProcess;
+    hostkit::ChildProcess mProcess;
     std::chrono::milliseconds const mLimit;
     asio::steady_timer mTimer;
     client::Bytes const mPayload;

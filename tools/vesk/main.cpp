@@ -70,8 +70,9 @@ std::string const EXIT_STATUSES = "Exit status: 0 success, 1 failure, 2 wrong us
 void addHost(CLI::App& app, HostOptions& options, Command& command) {
     CLI::App* sub = app.add_subcommand("host", "Owns one byte channel and serves local clients");
     sub->add_option("--channel", options.channel,
-                    "The byte channel: unix:PATH, tcp:HOST:PORT (tcp:PORT is loopback) or "
-                    "tty:DEVICE[,BAUD]")
+                    "The byte channel: unix:PATH, tcp:HOST:PORT (tcp:PORT is loopback), "
+                    "tty:DEVICE[,BAUD], dev:PATH (a device as it is), exec:COMMAND (the stdin and "
+                    "stdout of a shell command) or stdio: (this process's own)")
             ->required();
     sub->add_flag("--listen", options.listen,
                   "Wait for the peer at a unix: or tcp: channel instead of connecting to it");

@@ -12,10 +12,10 @@
 
 #include <gtest/gtest.h>
 #include <vesk/hostkit/FrameReader.h>
+#include <vesk/hostkit_asio/ChildProcess.h>
 #include <asio/write.hpp>
 
 #include <vesk/client/ClientProtocol.h>
-#include "ChildProcess.h"
 #include "UnixListener.h"
 
 namespace vesk::e2e {
@@ -98,7 +98,7 @@ private:
 };
 
 /** A run of the tool, what it wrote and how it ended. */
-struct Process : tool::ChildProcess {
+struct Process : hostkit::ChildProcess {
     /** @param arguments in words of the shell. */
     Process(asio::io_context& io, std::string const& arguments, std::string const& where)
         : ChildProcess(

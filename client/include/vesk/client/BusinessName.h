@@ -2,10 +2,12 @@
 
 #include <string>
 
+#include <vesk/VeskExport.h>
+
 namespace vesk::client {
 
 /** A business as people write it: TOPIC/BUSINESS. */
-struct BusinessName {
+struct VESK_EXPORT BusinessName {
     /** Throws std::invalid_argument. Whether there is such a business is for the host to say. */
     static BusinessName parse(std::string const& text);
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <vesk/VeskExport.h>
 #include <vesk/VeskProtocol.h>
 
 namespace vesk::client {
@@ -75,7 +76,7 @@ constexpr size_t MAX_MESSAGE_SIZE = 1 + 2 + 2 + MAX_PAYLOAD_SIZE;
 
 using Bytes = std::vector<uint8_t>;
 
-struct JoinMessage {
+struct VESK_EXPORT JoinMessage {
     Bytes encode() const;
     static std::optional<JoinMessage> decode(Bytes const& body);
 
@@ -84,7 +85,7 @@ struct JoinMessage {
     std::string business;
 };
 
-struct JoinedMessage {
+struct VESK_EXPORT JoinedMessage {
     Bytes encode() const;
     static std::optional<JoinedMessage> decode(Bytes const& body);
 
@@ -92,7 +93,7 @@ struct JoinedMessage {
 };
 
 /** REQUEST or REPLY. */
-struct DataMessage {
+struct VESK_EXPORT DataMessage {
     /** Throws std::invalid_argument for more than one message carries. */
     static void checkSize(size_t payload);
 
@@ -106,7 +107,7 @@ struct DataMessage {
 };
 
 /** TOPIC or, with a business, PROVIDER. */
-struct ChangeMessage {
+struct VESK_EXPORT ChangeMessage {
     Bytes encode(MessageType type) const;
     static std::optional<ChangeMessage> decode(MessageType type, Bytes const& body);
 
@@ -116,7 +117,7 @@ struct ChangeMessage {
 };
 
 /** The state of a host. All but the first block counts from the host's start. */
-struct Counters {
+struct VESK_EXPORT Counters {
     Bytes encode() const;
     static std::optional<Counters> decode(Bytes const& body);
 
@@ -138,7 +139,7 @@ struct Counters {
 };
 
 /** A message without a body, or one whose body is text. */
-Bytes encodeMessage(MessageType type, std::string const& body = {});
+VESK_EXPORT Bytes encodeMessage(MessageType type, std::string const& body = {});
 
 struct Message {
     MessageType type{};
@@ -150,7 +151,7 @@ struct Message {
  *
  * Memory: one message and what a single append() brings. No I/O, no threads.
  */
-class MessageReader {
+class VESK_EXPORT MessageReader {
 public:
     enum class Result { MESSAGE, NEED_MORE, TOO_LONG, EMPTY };
 

@@ -32,6 +32,7 @@ public:
         std::function<void(bool up)> onState;
         FrameReader::FrameHandler onFrame;
         std::function<void()> onProgress;  // bytes have come in or gone out
+        std::function<void()> onEnd;       // of stdio: alone: it is down for good
         Report report;
         ChannelWatcher* watcher = nullptr;  // not owned; must outlive the channel
     };

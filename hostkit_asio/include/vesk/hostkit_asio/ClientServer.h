@@ -34,6 +34,7 @@ public:
         std::function<void(bool)> holdChannel;  // whether to leave unread what the peer sends
         std::function<void(client::Counters&)> addCounters;  // fills in what the host knows
         Report report;
+        bool joins = true;  // false: clients may only look; the library is not asked for sessions
     };
 
     /** Throws std::runtime_error where it cannot listen on `path`. */

@@ -1,4 +1,4 @@
-#include "ChildProcess.h"
+#include <vesk/hostkit_asio/ChildProcess.h>
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 namespace {
 
@@ -156,4 +156,4 @@ std::string const& ChildProcess::reap(int options) {
     return mEnding;
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

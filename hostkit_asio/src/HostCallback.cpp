@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 void HostCallback::detach() {
     mClients = nullptr;
@@ -29,4 +29,4 @@ void HostCallback::notifyBusinessChanged(bool added, std::string topicName,
     if (mClients) mClients->providerChanged(added, topicName, businessName);
 }
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

@@ -7,7 +7,7 @@
 #include <vesk/hostkit_asio/Channel.h>
 #include <vesk/hostkit_asio/ClientServer.h>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 /**
  * What the library asks of a host: carries its calls to the channel and to the clients.
@@ -21,7 +21,7 @@ namespace vesk::tool {
 class HostCallback : public VeskCallback {
 public:
     /** Both must live until detach(). */
-    HostCallback(hostkit::Channel& channel, hostkit::ClientServer& clients)
+    HostCallback(Channel& channel, ClientServer& clients)
         : mChannel(&channel), mClients(&clients) {}
 
     /** On the host's thread. */
@@ -39,8 +39,8 @@ public:
 
 private:
     std::mutex mMutex;
-    hostkit::Channel* mChannel VESK_GUARDED_BY(mMutex);
-    hostkit::ClientServer* mClients;
+    Channel* mChannel VESK_GUARDED_BY(mMutex);
+    ClientServer* mClients;
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

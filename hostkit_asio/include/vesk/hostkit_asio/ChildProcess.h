@@ -9,7 +9,7 @@
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 
-namespace vesk::tool {
+namespace vesk::hostkit {
 
 /**
  * A process of our own with its pipes, in a process group of its own, which ends with this object
@@ -76,4 +76,4 @@ private:
     asio::posix::stream_descriptor mEnded;
 };
 
-}  // namespace vesk::tool
+}  // namespace vesk::hostkit

@@ -1,0 +1,153 @@
+#include <vesk/hostkit_asio/Host.h>
+
+#include <algorithm>
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+#include <vesk/Vesk.h>
+#include <vesk/hostkit/CatalogueNames.h>
+#include <vesk/hostkit/SendGate.h>
+#include <vesk/hostkit_asio/Channel.h>
+#include <vesk/hostkit_asio/ClientServer.h>
+
+#include "HostCallback.h"
+
+namespace vesk::hostkit {
+
+namespace {
+
+// With no topic named, all are served.
+Host::Options withTopics(Host::Options options) {
+    std::vector<std::string> const known = topicNames(*Vesk::getInstance()->getConfig());
+    std::set<std::string> named;
+    for (auto const* topics : {&options.topics, &options.localTopics}) {
+        for (std::string const& topic : *topics) {
+            if (std::find(known.begin(), known.end(), topic) == known.end()) {
+                throw std::invalid_argument("there is no topic '" + topic +
+                                            "'; the known ones are: " + joinNames(known));
+            }
+            if (!named.insert(topic).second) {
+                throw std::invalid_argument("the topic '" + topic +
+                                            "' is named twice; name it once, with " +
+                                            "the peer or among local clients");
+            }
+        }
+    }
+    if (named.empty()) options.topics = known;
+    return options;
+}
+SendGate::Limits gateLimits(FlowLimits const& flow) {
+    SendGate::Limits limits;
+    limits.highWatermark = flow.backlogHigh;
+    limits.lowWatermark = flow.backlogLow;
+    limits.readWatermark = flow.backlogRead;
+    return limits;
+}
+
+}  // namespace
+
+class Host::Impl {
+public:
+    Impl(asio::io_context& io, Options const& options);
+    ~Impl() { mCallback->detach(); }
+    Impl(Impl const&) = delete;
+    Impl& operator=(Impl const&) = delete;
+
+private:
+    Channel::Events channelEvents(Options const& options);
+    ClientServer::Services services();
+    void createTopics(Options const& options);
+    void channelChanged(bool up);
+    void progressed();
+    void holdChannel();
+    void addCounters(client::Counters& counters) const;
+
+    std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
+    Report const mReport;
+    Channel mChannel;
+    SendGate const mGate;
+    bool mClientsHold = false;
+    ClientServer mClients;
+    android::sp<HostCallback> const mCallback;
+};
+
+Host::Impl::Impl(asio::io_context& io, Options const& options)
+    : mReport(options.report),
+      mChannel(io, options.channel, options.listen, *Vesk::getInstance()->getConfig(),
+               channelEvents(options)),
+      mGate(*mQueue, mChannel.outbox(), gateLimits(options.limits)),
+      mClients(io, options.clients, {options.localTopics.begin(), options.localTopics.end()},
+               options.limits, services()),
+      mCallback(new HostCallback(mChannel, mClients)) {
+    Vesk::getInstance()->init(mCallback);
+    createTopics(options);
+    mReport("serving clients on unix:" + options.clients);
+    mChannel.start();
+}
+
+Channel::Events Host::Impl::channelEvents(Options const& options) {
+    return {[this](bool up) { channelChanged(up); },
+            [this](std::shared_ptr<VeskFrame> const& frame) { mQueue->receiveFromChannel(frame); },
+            [this] { progressed(); },
+            options.onEnd,
+            mReport,
+            options.watcher};
+}
+
+ClientServer::Services Host::Impl::services() {
+    return {[this] { return mGate.obstacle(); },
+            [this](bool hold) {
+                mClientsHold = hold;
+                holdChannel();
+            },
+            [this](client::Counters& counters) { addCounters(counters); }, mReport};
+}
+
+void Host::Impl::createTopics(Options const& options) {
+    for (std::string const& topic : options.topics)
+        Vesk::getInstance()->createTopic(topic, false);
+    for (std::string const& topic : options.localTopics) {
+        Vesk::getInstance()->createTopic(topic, true);
+    }
+}
+
+void Host::Impl::channelChanged(bool up) {
+    if (!up && !mQueue->empty()) {
+        mReport(std::to_string(mQueue->size()) + " queued frames are lost with the channel");
+    }
+    Vesk::getInstance()->onChannelAvailable(up);
+    holdChannel();
+    mClients.resume();
+}
+
+void Host::Impl::progressed() {
+    holdChannel();
+    mClients.resume();
+}
+
+// Each frame that comes is acknowledged, whether or not the peer reads that.
+void Host::Impl::holdChannel() {
+    mChannel.hold(mClientsHold || !mGate.mayRead());
+}
+
+void Host::Impl::addCounters(client::Counters& counters) const {
+    VeskFeedback const& feedback = mQueue->feedback();
+    counters.channelUp = mChannel.up() ? 1 : 0;
+    counters.pending = static_cast<uint64_t>(mQueue->size());
+    counters.awaitingAck = mQueue->awaitingAck();
+    counters.owedAcks = mQueue->owedAcks();
+    counters.lastDelayMillis = feedback.delay();
+    counters.slowCount = feedback.slowCount();
+    counters.sentPackets = feedback.sentPackets();
+    counters.receivedPackets = feedback.receivedPackets();
+    counters.skippedBytes = mChannel.reader().skippedBytes();
+    counters.reconnects = mChannel.reconnects();
+}
+
+Host::Host(asio::io_context& io, Options options)
+    : mImpl(std::make_unique<Impl>(io, withTopics(std::move(options)))) {}
+
+Host::~Host() = default;
+
+}  // namespace vesk::hostkit
