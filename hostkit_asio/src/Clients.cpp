@@ -24,7 +24,7 @@ char const* roleName(int role) {
 
 Clients::Clients(asio::io_context& io, std::string const& path, std::set<std::string> localTopics,
                  FlowLimits const& limits, Services services)
-    : mListener(io, path),
+    : mListener(io, path, services.access),
       mAcceptLoop(
               mListener.acceptor(), [this](auto socket) { accepted(std::move(socket)); },
               services.report),
@@ -77,10 +77,12 @@ bool Clients::onMessage(ClientConnection& connection, client::Message const& mes
             publish(client, message);
             break;
         case client::MessageType::WATCH:
-            watch(client);
-            break;
         case client::MessageType::QUERY:
-            answerQuery(client);
+            if (!message.body.empty()) {
+                refuse(connection, "a QUERY or WATCH message is not of its form");
+            } else {
+                message.type == client::MessageType::WATCH ? watch(client) : answerQuery(client);
+            }
             break;
         default:
             refuse(connection, "a client does not send messages of type " +

@@ -1,5 +1,7 @@
 #include <vesk/hostkit_asio/Host.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <set>
 #include <stdexcept>
@@ -37,12 +39,38 @@ Host::Options withTopics(Host::Options options) {
     if (named.empty()) options.topics = known;
     return options;
 }
+
 SendGate::Limits gateLimits(FlowLimits const& flow) {
     SendGate::Limits limits;
     limits.highWatermark = flow.backlogHigh;
     limits.lowWatermark = flow.backlogLow;
     limits.readWatermark = flow.backlogRead;
     return limits;
+}
+
+bool isSameFile(std::string const& one, std::string const& other) {
+    struct stat a {};
+    struct stat b {};
+    return ::stat(one.c_str(), &a) == 0 && ::stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
+           a.st_ino == b.st_ino;
+}
+
+// A host that is its own peer would take its clients' messages for frames.
+void refuseOwnSocket(Host::Options const& options) {
+    Endpoint const& channel = options.channel;
+    bool const isUnix = channel.kind == Endpoint::Kind::UNIX;
+    if (isUnix && (channel.path == options.clients || isSameFile(channel.path, options.clients))) {
+        throw std::invalid_argument("the channel '" + channel.toString() +
+                                    "' is this host's own socket for clients; give each a path " +
+                                    "of its own");
+    }
+}
+
+Endpoint channelEndpoint(Host::Options const& options) {
+    refuseOwnSocket(options);
+    Endpoint endpoint = options.channel;
+    endpoint.access = options.access;
+    return endpoint;
 }
 
 }  // namespace
@@ -56,7 +84,7 @@ public:
 
 private:
     Channel::Events channelEvents(Options const& options);
-    ClientServer::Services services();
+    ClientServer::Services services(Options const& options);
     void createTopics(Options const& options);
     void channelChanged(bool up);
     void progressed();
@@ -74,12 +102,13 @@ private:
 
 Host::Impl::Impl(asio::io_context& io, Options const& options)
     : mReport(options.report),
-      mChannel(io, options.channel, options.listen, *Vesk::getInstance()->getConfig(),
+      mChannel(io, channelEndpoint(options), options.listen, *Vesk::getInstance()->getConfig(),
                channelEvents(options)),
       mGate(*mQueue, mChannel.outbox(), gateLimits(options.limits)),
       mClients(io, options.clients, {options.localTopics.begin(), options.localTopics.end()},
-               options.limits, services()),
+               options.limits, services(options)),
       mCallback(new HostCallback(mChannel, mClients)) {
+    refuseOwnSocket(options);  // by another name, now that it is there
     Vesk::getInstance()->init(mCallback);
     createTopics(options);
     mReport("serving clients on unix:" + options.clients);
@@ -95,13 +124,16 @@ Channel::Events Host::Impl::channelEvents(Options const& options) {
             options.watcher};
 }
 
-ClientServer::Services Host::Impl::services() {
+ClientServer::Services Host::Impl::services(Options const& options) {
     return {[this] { return mGate.obstacle(); },
             [this](bool hold) {
                 mClientsHold = hold;
                 holdChannel();
             },
-            [this](client::Counters& counters) { addCounters(counters); }, mReport};
+            [this](client::Counters& counters) { addCounters(counters); },
+            mReport,
+            true,
+            options.access};
 }
 
 void Host::Impl::createTopics(Options const& options) {

@@ -1,7 +1,7 @@
 #include "LinkSource.h"
 
 #include <fcntl.h>
-#include <termios.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,15 +23,6 @@ asio::error_code lastError() {
     return {errno, asio::error::get_system_category()};
 }
 
-// Raw bytes, no modem lines.
-bool configureTty(int fd, unsigned baud) {
-    termios settings{};
-    if (::tcgetattr(fd, &settings) != 0) return false;
-    ::cfmakeraw(&settings);
-    settings.c_cflag |= CREAD | CLOCAL;
-    return ::cfsetspeed(&settings, baud) == 0 && ::tcsetattr(fd, TCSANOW, &settings) == 0;
-}
-
 }  // namespace
 
 LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool listen, Report report)
@@ -39,7 +30,7 @@ LinkSource::LinkSource(asio::io_context& io, Endpoint const& endpoint, bool list
     if (!listen) return;
     switch (endpoint.kind) {
         case Endpoint::Kind::UNIX:
-            mUnixListener.emplace(io, endpoint.path);
+            mUnixListener.emplace(io, endpoint.path, endpoint.access);
             mUnixLoop.emplace(
                     mUnixListener->acceptor(), [this](auto socket) { accepted(std::move(socket)); },
                     mReport);
@@ -109,9 +100,19 @@ void LinkSource::listenTcp() {
             *mTcpAcceptor, [this](auto socket) { accepted(std::move(socket)); }, mReport);
 }
 
+// The system's answer comes at once. Asio would take "try again", which is that of a peer with a
+// full backlog, for a connection on its way.
 void LinkSource::connectUnix() {
     auto socket = std::make_shared<UnixSocket>(mIo);
-    socket->async_connect(mEndpoint.path, [this, socket](asio::error_code const& error) {
+    asio::error_code error;
+    asio::local::stream_protocol::endpoint const peer(mEndpoint.path);
+    socket->open(peer.protocol(), error);
+    if (!error) socket->native_non_blocking(true, error);
+    auto const size = static_cast<socklen_t>(peer.size());
+    if (!error && ::connect(socket->native_handle(), peer.data(), size) != 0) {
+        error = errno == EAGAIN ? asio::error::timed_out : lastError();
+    }
+    asio::post(mIo, [this, socket, error] {
         error ? answer(nullptr, error) : adopt(std::move(*socket));
     });
 }
@@ -133,7 +134,7 @@ void LinkSource::openDevice() {
     int const fd = ::open(mEndpoint.path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     bool const isTty = mEndpoint.kind == Endpoint::Kind::TTY;
     asio::error_code error;
-    if (fd < 0 || (isTty && !configureTty(fd, mEndpoint.baud))) error = lastError();
+    if (fd < 0 || (isTty && !mSerialLine.take(fd, mEndpoint.baud))) error = lastError();
     std::shared_ptr<Link> link;
     if (!error) {
         link = std::make_shared<Link>(mIo, fd);

@@ -11,6 +11,7 @@
 
 #include "AcceptLoop.h"
 #include "Link.h"
+#include "SerialLine.h"
 #include "UnixListener.h"
 
 namespace vesk::hostkit {
@@ -65,6 +66,7 @@ private:
     asio::ip::tcp::resolver mResolver;
     std::shared_ptr<Link> mCommand;  // the last one: it has time to end until the next is started
     bool mTookStdio = false;
+    SerialLine mSerialLine;
     Handler mHandler;  // empty while nobody waits
 };
 

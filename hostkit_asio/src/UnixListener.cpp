@@ -1,16 +1,48 @@
 #include "UnixListener.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 #include <vesk/client/UnixConnect.h>
 
 namespace vesk::hostkit {
 
 namespace {
+
+/**
+ * Held while a socket is created in a directory, so that of two hosts that start at once neither
+ * takes the other's, which is not listened to yet, for one that a dead process left. Others may
+ * hold such a lock for as long as they like; so it is waited for a second and then done without.
+ */
+class StartLock {
+public:
+    explicit StartLock(std::string const& path) {
+        std::string const directory = path.substr(0, path.rfind('/') + 1);
+        mFd = ::open(directory.empty() ? "." : directory.c_str(),
+                     O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        for (int tries = 0; mFd >= 0 && tries < 100; ++tries) {
+            if (::flock(mFd, LOCK_EX | LOCK_NB) == 0) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    ~StartLock() {
+        if (mFd >= 0) ::close(mFd);
+    }
+    StartLock(StartLock const&) = delete;
+    StartLock& operator=(StartLock const&) = delete;
+
+private:
+    int mFd = -1;
+};
 
 // Unlinks the file of one that is not: the process that listened there is dead.
 bool isServed(std::string const& path) {
@@ -37,16 +69,14 @@ void removeStaleSocket(std::string const& path) {
 
 }  // namespace
 
-UnixListener::UnixListener(asio::io_context& io, std::string const& path)
+UnixListener::UnixListener(asio::io_context& io, std::string const& path,
+                           SocketAccess const& access)
     : mPath(path), mAcceptor(io) {
+    StartLock const lock(path);
     removeStaleSocket(path);
+    mAcceptor.open(asio::local::stream_protocol());
+    bind(access);
     asio::error_code error;
-    mAcceptor.open(asio::local::stream_protocol(), error);
-    if (!error) mAcceptor.bind(path, error);
-    if (error) {
-        throw std::runtime_error("cannot create the socket '" + path + "': " + error.message() +
-                                 "; choose a path where one can be created");
-    }
     mAcceptor.listen(asio::socket_base::max_listen_connections, error);
     if (error) {
         ::unlink(path.c_str());
@@ -54,8 +84,35 @@ UnixListener::UnixListener(asio::io_context& io, std::string const& path)
     }
 }
 
-UnixListener::~UnixListener() {
+// Nobody can connect before listen(), and when that comes the mode is right.
+void UnixListener::bind(SocketAccess const& access) {
+    asio::error_code error;
+    ::fchmod(mAcceptor.native_handle(), 0600);  // the file will have it too, less the umask
+    mAcceptor.bind(mPath, error);
+    if (error) {
+        throw std::runtime_error("cannot create the socket '" + mPath + "': " + error.message() +
+                                 "; choose a path where one can be created");
+    }
+    mFile = file();
+    bool const isGiven =
+            !access.group || ::lchown(mPath.c_str(), static_cast<uid_t>(-1), *access.group) == 0;
+    if (isGiven && ::fchmodat(AT_FDCWD, mPath.c_str(), access.mode, AT_SYMLINK_NOFOLLOW) == 0)
+        return;
+    std::string const why = std::strerror(errno);
     ::unlink(mPath.c_str());
+    throw std::runtime_error("cannot give the socket '" + mPath + "' its " +
+                             (isGiven ? "mode" : "group") + ": " + why +
+                             "; name a group of the user who runs this, or none");
+}
+
+std::optional<std::pair<dev_t, ino_t>> UnixListener::file() const {
+    struct stat info {};
+    if (::lstat(mPath.c_str(), &info) != 0) return std::nullopt;
+    return std::pair{info.st_dev, info.st_ino};
+}
+
+UnixListener::~UnixListener() {
+    if (mFile && mFile == file()) ::unlink(mPath.c_str());
 }
 
 }  // namespace vesk::hostkit

@@ -1,7 +1,10 @@
 // Wrong, huge and hostile use of the commands, and trouble around them.
 
 #include <fcntl.h>
+#include <pty.h>
 #include <sys/stat.h>
+
+#include <sstream>
 
 #include "LatencyHistogram.h"
 #include "support/Scene.h"
@@ -17,10 +20,132 @@ protected:
         return host;
     }
 
+    /** So many clients connect one after another and say what the host refuses. */
+    void refuseClients(int count) {
+        for (int i = 0; i < count; ++i) {
+            Line& line = connect();
+            line.say(client::encodeMessage(i % 2 ? Type::QUERY : Type::WATCH, "body"));
+            awaitClosed(line);
+            EXPECT_EQ(line.heard()[0][4], static_cast<uint8_t>(Type::REFUSED));
+            mLines.pop_back();
+        }
+    }
+
     std::string at(std::string const& arguments) const {
         return arguments + " --host " + socket("host");
     }
 };
+
+static struct stat infoOf(std::string const& file) {
+    struct stat info {};
+    EXPECT_EQ(::lstat(file.c_str(), &info), 0) << file;
+    return info;
+}
+
+TEST_F(MisuseTest, ASocketIsForItsUserWhateverTheUmaskAndGoesWithItsHost) {
+    for (auto const& [option, umask, mode, group] :
+         {std::tuple{"", 0, 0600U, ::getegid()},
+          {" --mode 0660", 0777, 0660U, ::getegid()},
+          {" --mode 0600 --group 0", 022, 0600U, gid_t{0}}}) {
+        mode_t const before = ::umask(static_cast<mode_t>(umask));
+        Process& host = start("host --listen --channel " + socket("own") + " --clients " +
+                              socket("host") + option);
+        awaitText(host, "serving");
+        ::umask(before);
+        for (char const* const name : {"own", "host"}) {
+            EXPECT_EQ(infoOf(path(name)).st_mode & 07777U, mode);
+            EXPECT_EQ(infoOf(path(name)).st_gid, group);
+        }
+        // What has come to its place is another's.
+        std::filesystem::rename(path("own"), path("moved"));
+        std::ofstream(path("own")) << "another's";
+        host.signal(SIGHUP);
+        expectEnd(host, 0);
+        EXPECT_FALSE(std::filesystem::exists(path("host")));
+        EXPECT_TRUE(std::filesystem::remove(path("own")));
+    }
+    std::filesystem::create_symlink(path("host"), path("alias"));
+    for (auto const& [arguments, error] :
+         {std::pair{"tty:x --mode 9", "'9' is no mode; write one in octal, like 0660"},
+          {"tty:x --group nobodies", "there is no group 'nobodies'"},
+          {"unix:${0%/*}/alias", "is this host's own socket for clients; give each a path"}}) {
+        expectEnd(start("host --clients " + socket("host") + " --channel " + arguments), 2, error);
+    }
+    for (std::string const& where : {path(""), path("none/host"), path(std::string(120, 'x'))})
+        expectEnd(start("host --channel tty:x --clients unix:" + where), where.size() > 108 ? 2 : 1,
+                  "vesk: ");
+}
+
+TEST_F(MisuseTest, ASerialLineHasOneHostAndItsSettingsBackInTheEnd) {
+    int master = -1, slave = -1;
+    ASSERT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+    termios before{}, meanwhile{}, after{};
+    ::tcgetattr(slave, &before);
+    std::string const line = std::string("--channel tty:") + ::ttyname(slave) + ",9600";
+    Process& host = startHost(line);
+    awaitText(host, "channel up");
+    ::tcgetattr(slave, &meanwhile);
+    Process& second = start("host " + line + " --clients " + socket("second"));
+    awaitText(second, ",9600: Device or resource busy; trying again");
+    host.signal(SIGTERM);
+    expectEnd(host, 0);
+    ::tcgetattr(slave, &after);
+    EXPECT_NE(meanwhile.c_lflag, before.c_lflag);
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    EXPECT_EQ(::cfgetospeed(&after), ::cfgetospeed(&before));
+    awaitText(second, "channel up");
+    ::close(slave);
+    ::close(master);
+}
+
+TEST_F(MisuseTest, LinesThatOthersCauseAreSummedUp) {
+    Process& host = startHost();
+    refuseClients(500);
+    host.signal(SIGTERM);
+    expectEnd(host, 0, "vesk: refused client 10: a QUERY or WATCH message is not of its form\n");
+    size_t said = 0, counted = 0, more = 0;
+    std::istringstream errors(host.errors());
+    for (std::string line; std::getline(errors, line);) {
+        if (std::sscanf(line.c_str(), "vesk: %zu more lines like this one", &more) == 1) {
+            counted += more;
+        } else if (line.find("refused") != std::string::npos) {
+            ++said;
+        }
+    }
+    EXPECT_EQ(said + counted, 500U);
+    EXPECT_GT(counted, said);
+}
+
+TEST_F(MisuseTest, AHostDoesNotWaitForWhoReadsItsLines) {
+    ASSERT_EQ(::mkfifo(path("lines").c_str(), 0600), 0);
+    int const lines = ::open(path("lines").c_str(), O_RDWR | O_NONBLOCK);
+    std::string bytes(65536, 'x');
+    while (::write(lines, bytes.data(), bytes.size()) > 0)
+        continue;
+    start("host --channel tty:none --local-topic test --clients " + socket("host") + " 2>" +
+          path("lines"));
+    await("the host", [&] {
+        asio::error_code refused;
+        asio::local::stream_protocol::socket(mIo).connect(path("host"), refused);
+        return !refused;
+    });
+    refuseClients(3);
+    while (::read(lines, bytes.data(), bytes.size()) > 0)
+        continue;
+    connect().say(joining(CONSUMER));
+    std::string text;
+    await("its lines", [&] {
+        ssize_t const size = ::read(lines, bytes.data(), bytes.size());
+        if (size > 0) text.append(bytes, 0, static_cast<size_t>(size));
+        return text.find("session 1\n") != std::string::npos;
+    });
+    EXPECT_EQ(text.rfind("vesk: 5 lines are missing here: nobody read what came before them\n"
+                         "vesk: client 5 is a consumer of test/test",
+                         0),
+              0U)
+            << text;
+    ::close(lines);
+}
 
 TEST_F(MisuseTest, OutputThatNobodyTakesEndsACommand) {
     startHost();

@@ -12,6 +12,7 @@
 
 #include "EndSignals.h"
 #include "Errors.h"
+#include "HostLog.h"
 
 namespace vesk::tool {
 
@@ -31,8 +32,10 @@ void raiseDescriptorLimit() {
 int runHost(HostOptions const& options) {
     raiseDescriptorLimit();
     asio::io_context io;
+    neverWaitForStderr();
     EndSignals signals(io);
     signals.async_wait([&io](asio::error_code const&, int) { io.stop(); });
+    HostLog log(io);
     hostkit::Host::Options host;
     host.channel = hostkit::Endpoint::parse(options.channel);
     host.listen = options.listen;
@@ -40,7 +43,8 @@ int runHost(HostOptions const& options) {
     host.topics = options.topics;
     host.localTopics = options.localTopics;
     host.limits = hostkit::FlowLimits(options.memoryMib * hostkit::FlowLimits::MIB);
-    host.report = say;
+    host.report = [&log](std::string const& line) { log.say(line); };
+    host.access = options.access;
     host.onEnd = [&io] { io.stop(); };
     std::optional<hostkit::CaptureFile> capture;
     if (!options.capture.empty()) {

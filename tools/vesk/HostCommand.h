@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <vesk/hostkit_asio/SocketAccess.h>
+
 namespace vesk::tool {
 
 struct HostOptions {
@@ -13,13 +15,14 @@ struct HostOptions {
     std::string clients;  // unix:PATH
     std::vector<std::string> topics;
     std::vector<std::string> localTopics;
+    hostkit::SocketAccess access;       // to the sockets that it creates
     std::string capture;                // a file; empty: nothing is recorded
     uint64_t captureLimit = 100000000;  // bytes
     size_t memoryMib = 64;              // that it may hold for clients and peer
 };
 
 /**
- * vesk host: owns one byte channel and serves local clients until SIGINT or SIGTERM.
+ * vesk host: owns one byte channel and serves local clients until a signal ends it.
  *
  * Returns the exit status. Throws UsageError and std::runtime_error.
  */

@@ -139,6 +139,7 @@ void Provider::startJob(Request request) {
 }  // namespace
 
 int runProvide(ProvideOptions const& options) {
+    neverWaitForStderr();
     asio::io_context io;
     return Provider(io, options).run();
 }

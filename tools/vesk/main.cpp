@@ -1,3 +1,5 @@
+#include <grp.h>
+
 #include <charconv>
 #include <csignal>
 #include <exception>
@@ -65,6 +67,25 @@ void addReconnect(CLI::App* sub, HostAddress& address) {
                   "When the host goes away, wait until it is back and go on");
 }
 
+mode_t parseMode(std::string const& text) {
+    unsigned mode = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
+    if (error != std::errc() || end != text.data() + text.size() || mode > 0777) {
+        throw UsageError("--mode: '" + text + "' is no mode; write one in octal, like 0660");
+    }
+    return mode;
+}
+
+gid_t parseGroup(std::string const& name) {
+    if (group const* const found = ::getgrnam(name.c_str())) return found->gr_gid;
+    gid_t number = 0;
+    auto const [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+    if (error != std::errc() || end != name.data() + name.size()) {
+        throw UsageError("--group: there is no group '" + name + "'; write a name or a number");
+    }
+    return number;
+}
+
 std::string const EXIT_STATUSES = "Exit status: 0 success, 1 failure, 2 wrong usage.";
 
 void addHost(CLI::App& app, HostOptions& options, Command& command) {
@@ -82,6 +103,13 @@ void addHost(CLI::App& app, HostOptions& options, Command& command) {
                     "Serve this topic with the peer; may be repeated (default: all there are)");
     sub->add_option("--local-topic", options.localTopics,
                     "Serve this topic among local clients only; may be repeated");
+    sub->add_option_function<std::string>(
+            "--mode", [&](std::string const& text) { options.access.mode = parseMode(text); },
+            "Mode of the sockets that the host creates, in octal; who may write may connect "
+            "(default: 0600)");
+    sub->add_option_function<std::string>(
+            "--group", [&](std::string const& name) { options.access.group = parseGroup(name); },
+            "Group of these sockets, by name or number; use it with --mode 0660");
     sub->add_option(
                "--memory", options.memoryMib,
                "MiB that the host may hold for all clients and the peer together; slow clients "

@@ -11,6 +11,7 @@
 #include <vesk/hostkit/SendGate.h>
 #include <vesk/hostkit_asio/FlowLimits.h>
 #include <vesk/hostkit_asio/Report.h>
+#include <vesk/hostkit_asio/SocketAccess.h>
 #include <asio/io_context.hpp>
 
 namespace vesk::hostkit {
@@ -35,6 +36,7 @@ public:
         std::function<void(client::Counters&)> addCounters;  // fills in what the host knows
         Report report;
         bool joins = true;  // false: clients may only look; the library is not asked for sessions
+        SocketAccess access = {};  // to the socket for the clients
     };
 
     /** Throws std::runtime_error where it cannot listen on `path`. */

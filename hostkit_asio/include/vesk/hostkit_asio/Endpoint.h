@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include <vesk/hostkit_asio/SocketAccess.h>
+
 namespace vesk::hostkit {
 
 /**
@@ -28,6 +30,7 @@ struct Endpoint {
     std::string host = "127.0.0.1";  // who wants to be reached from outside has to say so
     uint16_t port = 0;
     unsigned baud = 115200;
+    SocketAccess access;  // of a unix: channel that is listened to
 };
 
 /** The path of a unix:PATH; throws std::invalid_argument. `option` is named in the error. */

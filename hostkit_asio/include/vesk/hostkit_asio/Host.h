@@ -9,6 +9,7 @@
 #include <vesk/hostkit_asio/Endpoint.h>
 #include <vesk/hostkit_asio/FlowLimits.h>
 #include <vesk/hostkit_asio/Report.h>
+#include <vesk/hostkit_asio/SocketAccess.h>
 #include <asio/io_context.hpp>
 
 namespace vesk::hostkit {
@@ -31,6 +32,9 @@ public:
 
         /** The path of the socket for local clients. */
         std::string clients;
+
+        /** Who may connect to the sockets that it creates: this user alone by default. */
+        SocketAccess access = {};
 
         /** Topics to serve with the peer, and among local clients only; with none, all with it. */
         std::vector<std::string> topics = {};
