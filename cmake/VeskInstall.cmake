@@ -92,6 +92,11 @@ if(TARGET vesk_tool)
     install(FILES tools/wireshark/vesk.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/vesk)
 endif()
 
-# As they stand in the tree, so that the links among them hold.
-install(FILES LICENSE README.md CHANGELOG.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs examples abi DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# As they stand in the tree, so that the links among them hold; but the README is one that names
+# only what is installed.
+configure_file(cmake/README.installed.md.in README.installed.md @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/README.installed.md RENAME README.md
+        DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs examples abi DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        PATTERN Doxyfile EXCLUDE)

@@ -82,7 +82,7 @@ public:
     /**
      * Foreign text for a log or a terminal: control characters (C0, DEL, C1), those that change the
      * direction of writing, line separators, backslashes, quotes and what is no UTF-8 become
-     * escapes such as \n or \x1B.
+     * escapes such as `\n` or `\x1B`.
      */
     static std::string escape(std::string const& text);
 
