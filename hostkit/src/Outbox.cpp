@@ -30,6 +30,8 @@ bool Outbox::accept(Bytes& bytes) {
         return false;
     }
     ++mFramesWaiting;
+    mEnoughWaits =
+            mFramesWaiting >= MAX_FRAMES_LEFT || mWaiting.size() + bytes.size() >= MAX_BYTES_LEFT;
     bool const wakes = mWaiting.empty() && mBatch.empty() && !bytes.empty();
     if (mWaiting.empty() && bytes.size() > mWaiting.capacity()) {
         mWaiting.swap(bytes);
@@ -40,9 +42,7 @@ bool Outbox::accept(Bytes& bytes) {
 }
 
 bool Outbox::moreComes(VeskQueue const& queue) const {
-    if (queue.size() <= 1) return false;  // the one that is being sent counts
-    Guard const guard(mMutex);
-    return mFramesWaiting < MAX_FRAMES_LEFT && mWaiting.size() < MAX_BYTES_LEFT;
+    return queue.size() > 1 && !mEnoughWaits;  // the one that is being sent counts
 }
 
 Outbox::Batch Outbox::take() {
@@ -51,6 +51,7 @@ Outbox::Batch Outbox::take() {
     if (mBatch.empty()) {
         mBatch.swap(mWaiting);
         mFramesWaiting = 0;
+        mEnoughWaits = false;
     }
     return {mBatch.data() + mWritten, unwritten()};
 }
@@ -72,6 +73,7 @@ size_t Outbox::close() {
     size_t const lost = mWaiting.size() + (mBatchIsLost ? 0 : unwritten());
     mWaiting.clear();
     mFramesWaiting = 0;
+    mEnoughWaits = false;
     mBatchIsLost = !mBatch.empty();
     mOpen = false;
     mLost += lost;

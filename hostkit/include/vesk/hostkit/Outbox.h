@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -58,7 +59,7 @@ public:
      *           be held back for 2000 ms, and what waits here with it. A host that takes pending
      *           packets out of the queue writes what waits here itself.
      */
-    bool moreComes(VeskQueue const& queue) const VESK_EXCLUDES(mMutex);
+    bool moreComes(VeskQueue const& queue) const;
 
     /**
      * What is to be written now: the rest of the batch that is with the writer, or else all that is
@@ -111,6 +112,7 @@ private:
     size_t mWritten VESK_GUARDED_BY(mMutex) = 0;
     bool mBatchIsLost VESK_GUARDED_BY(mMutex) = false;  // closed before the writer reported
     size_t mFramesWaiting VESK_GUARDED_BY(mMutex) = 0;
+    std::atomic<bool> mEnoughWaits{false};
     bool mOpen VESK_GUARDED_BY(mMutex) = true;
     uint64_t mLost VESK_GUARDED_BY(mMutex) = 0;
 };
