@@ -3,6 +3,8 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstdlib>
+
 #include "Harness.h"
 
 namespace {
@@ -48,7 +50,8 @@ void work(sd_bus* bus, Done const& isDone) {
     while (!isDone()) {
         int const result = sd_bus_process(bus, nullptr);
         bool const waits = result == 0 && !isDone();
-        require(result >= 0 && (!waits || sd_bus_wait(bus, UINT64_MAX) >= 0), "the bus has ended");
+        bool const goesOn = result >= 0 && (!waits || sd_bus_wait(bus, UINT64_MAX) >= 0);
+        if (!goesOn) std::_Exit(1);  // the other process has ended
     }
 }
 

@@ -7,9 +7,8 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import time
 
-from benching import machine, table
+from benching import hosts, machine, table
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 VESK = ROOT / "build/peers/tools/vesk/vesk"
@@ -18,61 +17,40 @@ PAYLOAD = 64
 WINDOWS = 1, 64
 
 
-class Chain:
-    """The three processes that stay; who asks comes and goes."""
-
-    def __init__(self, folder, cores):
-        self.folder, self.cores, self.processes = folder, cores, []
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        for process in self.processes:
-            process.kill()
-            process.wait()
-
-    def start(self, *command):
-        self.processes.append(machine.start(command, self.cores, stdout=subprocess.DEVNULL,
-                                            stderr=subprocess.DEVNULL))
-
-    def processor_seconds(self):
-        return sum(machine.processor_seconds(process.pid) for process in self.processes)
-
-    def run(self, *command):
-        """What it printed on stdout and stderr, and the processor's seconds that it took."""
-        before = os.times()
-        process = machine.start(command, self.cores, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, text=True)
-        out, err = process.communicate(timeout=120)
-        after = os.times()
-        if process.returncode:
-            raise SystemExit(f"{' '.join(map(str, command))} failed: {err}")
-        return out, err, (after.children_user + after.children_system
-                          - before.children_user - before.children_system)
+def run(cores, *command):
+    """What it printed on stdout and stderr, and the processor's seconds that it took."""
+    before = os.times()
+    process = machine.start(command, cores, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            text=True)
+    out, err = process.communicate(timeout=120)
+    after = os.times()
+    if process.returncode:
+        raise SystemExit(f"{' '.join(map(str, command))} failed: {err}")
+    return out, err, (after.children_user + after.children_system
+                      - before.children_user - before.children_system)
 
 
-class Libvesk(Chain):
+def processor_seconds(processes):
+    return sum(machine.processor_seconds(process.pid) for process in processes)
+
+
+class Libvesk:
     name = "vesk call - host - host - vesk provide"
 
-    def __init__(self, folder, cores):
-        super().__init__(folder, cores)
-        self.start(VESK, "host", "--channel", f"unix:{folder}/channel", "--listen",
-                   "--clients", f"unix:{folder}/far")
-        self.start(VESK, "host", "--channel", f"unix:{folder}/channel",
-                   "--clients", f"unix:{folder}/near")
-        self.start(VESK, "provide", "--host", f"unix:{folder}/far", "test/test", "--echo")
-        for _ in range(100):  # until somebody provides
-            time.sleep(0.1)
-            try:
-                self.ask(1, 1)
-                break
-            except SystemExit:
-                continue
+    def __init__(self, cores):
+        self.cores = cores
+
+    def __enter__(self):
+        self.context = hosts.running(VESK, self.cores)
+        self.hosts = self.context.__enter__()
+        return self
+
+    def __exit__(self, *what):
+        self.context.__exit__(*what)
 
     def ask(self, window, count):
-        out, err, cpu = self.run(
-            VESK, "call", "--host", f"unix:{self.folder}/near", "test/test", "--data",
+        out, err, cpu = run(
+            self.cores, VESK, "call", "--host", self.hosts.near, "test/test", "--data",
             "x" * PAYLOAD, "--count", str(count), "--window", str(window), "--verify", "--report",
             "--stats", "--timeout", "60000")
         seconds = float(re.search(r"([\d.]+) s$", err.strip())[1])
@@ -81,31 +59,43 @@ class Libvesk(Chain):
 
     def measure(self, window, seconds):
         rate = self.ask(window, 200 * window)[0]["rate"]  # warms up, too
-        before = self.processor_seconds()
+        processes = self.hosts.processes.values()
+        before = processor_seconds(processes)
         measured, cpu = self.ask(window, max(1000, int(rate * seconds)))
-        return {**measured, "cpu": (cpu + self.processor_seconds() - before)
+        return {**measured, "cpu": (cpu + processor_seconds(processes) - before)
                 / measured["count"] * 1e6}
 
 
-class ZeroMq(Chain):
+class ZeroMq:
     name = "ZeroMQ dealer - proxy - proxy - worker"
 
-    def __init__(self, folder, cores):
-        super().__init__(folder, cores)
-        front, middle, back = (f"ipc://{folder}/{name}" for name in ("front", "middle", "back"))
-        self.front = front
-        self.start(ZEROMQ, "proxy", middle, back)
-        self.start(ZEROMQ, "link", front, middle)
-        self.start(ZEROMQ, "worker", back)
+    def __init__(self, cores):
+        self.cores = cores
+
+    def __enter__(self):
+        self.folder = tempfile.TemporaryDirectory(prefix="vesk-chain-")
+        self.front, middle, back = (f"ipc://{self.folder.name}/{name}"
+                                    for name in ("front", "middle", "back"))
+        self.processes = [machine.start([ZEROMQ, *arguments], self.cores) for arguments in (
+            ("proxy", middle, back), ("link", self.front, middle), ("worker", back))]
+        return self
+
+    def __exit__(self, *_):
+        for process in self.processes:
+            process.kill()
+            process.wait()
+        self.folder.cleanup()
 
     def measure(self, window, seconds):
-        options = ["--payload", str(PAYLOAD), "--window", str(window), "--seconds"]
-        self.run(ZEROMQ, "dealer", self.front, *options, "0.1")
-        before = self.processor_seconds()
-        out, _, cpu = self.run(ZEROMQ, "dealer", self.front, *options, str(seconds))
+        command = [ZEROMQ, "dealer", self.front, "--payload", str(PAYLOAD), "--window",
+                   str(window), "--seconds"]
+        run(self.cores, *command, "0.1")
+        before = processor_seconds(self.processes)
+        out, _, cpu = run(self.cores, *command, str(seconds))
         measured = json.loads(out)
         count = measured["rate"] * seconds * 1.1  # warming up is in the processor's time
-        return {**measured, "cpu": (cpu + self.processor_seconds() - before) / count * 1e6}
+        return {**measured,
+                "cpu": (cpu + processor_seconds(self.processes) - before) / count * 1e6}
 
 
 def measure_all(rounds, seconds):
@@ -113,8 +103,7 @@ def measure_all(rounds, seconds):
     for number in range(rounds):
         for place, cores in machine.PLACES.items():
             for kind in (Libvesk, ZeroMq)[::1 if number % 2 else -1]:
-                with tempfile.TemporaryDirectory(prefix="vesk-chain-") as folder, \
-                        kind(folder, cores) as chain:
+                with kind(cores) as chain:
                     for window in WINDOWS:
                         measured.setdefault((place, window, kind), []).append(
                             chain.measure(window, seconds))

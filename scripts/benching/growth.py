@@ -1,15 +1,12 @@
 """What an operation costs when there is more of everything: vesk_growth, and a host's clients."""
-import contextlib
 import json
 import pathlib
 import selectors
 import socket
 import struct
 import subprocess
-import tempfile
-import time
 
-from benching import machine, svg, table
+from benching import hosts, machine, svg, table
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PROGRAM = ROOT / "build/default/bench/vesk_growth"
@@ -74,38 +71,16 @@ class Client:
         self.socket.sendall(message(4, struct.pack("<HH", self.session, self.next) + b"x" * 64))
 
 
-@contextlib.contextmanager
-def hosts(folder):
-    """Two hosts and a provider; gives what they are."""
-    commands = [["host", "--channel", f"unix:{folder}/channel", "--listen",
-                 "--clients", f"unix:{folder}/far"],
-                ["host", "--channel", f"unix:{folder}/channel",
-                 "--clients", f"unix:{folder}/near"],
-                ["provide", "--host", f"unix:{folder}/far", "test/test", "--echo"]]
-    processes = []
-    try:
-        for command in commands:
-            processes.append(machine.start([VESK, *command], None, stderr=subprocess.DEVNULL))
-            time.sleep(0.3)
-        subprocess.run([VESK, "call", "--host", f"unix:{folder}/near", "test/test", "--data", "x"],
-                       check=True, stdout=subprocess.DEVNULL)
-        yield processes
-    finally:
-        for process in processes:
-            process.terminate()
-            process.wait()
-
-
 def clients_of_a_host(requests=20000):
     """number of clients -> ns of the processor that the near host takes for a round trip."""
     costs = {}
     for count in CLIENTS:
-        with tempfile.TemporaryDirectory(prefix="vesk-growth-") as folder, \
-                hosts(folder) as processes, selectors.DefaultSelector() as ready:
-            clients = [Client(f"{folder}/near") for _ in range(count)]
+        with hosts.running(VESK) as running, selectors.DefaultSelector() as ready:
+            clients = [Client(f"{running.folder}/near") for _ in range(count)]
+            host = running.processes["connecting host"]
             for client in clients:
                 ready.register(client.socket, selectors.EVENT_READ, client)
-            tried = [round_trips(clients, ready, requests // 4, processes[1].pid)
+            tried = [round_trips(clients, ready, requests // 4, host.pid)
                      for _ in range(4)]
             costs[count] = min(tried) * 1e9
             for client in clients:

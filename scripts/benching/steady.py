@@ -2,10 +2,9 @@
 import json
 import pathlib
 import subprocess
-import tempfile
 import time
 
-from benching import machine, table
+from benching import hosts, machine, table
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 VESK = ROOT / "build/peers/tools/vesk/vesk"
@@ -45,31 +44,15 @@ def wake_ups(pid):
 def idle(seconds):
     """Two connected hosts with a provider and a request behind them, and nothing to do."""
     subprocess.run([ROOT / "scripts/build", "peers", "vesk_tool"], check=True)
-    with tempfile.TemporaryDirectory(prefix="vesk-idle-") as folder:
-        commands = {"listening host": ["host", "--listen", "--channel", f"unix:{folder}/channel",
-                                       "--clients", f"unix:{folder}/far"],
-                    "connecting host": ["host", "--channel", f"unix:{folder}/channel",
-                                        "--clients", f"unix:{folder}/near"],
-                    "provider": ["provide", "--host", f"unix:{folder}/far", "test/test",
-                                 "--echo"]}
-        processes = {}
-        for name, command in commands.items():
-            processes[name] = machine.start([VESK, *command], None, stderr=subprocess.DEVNULL)
-            time.sleep(0.3)
-        try:
-            subprocess.run([VESK, "call", "--host", f"unix:{folder}/near", "test/test", "--data",
-                            "x"], check=True, stdout=subprocess.DEVNULL)
-            time.sleep(6)  # acknowledgements and time-outs are over
-            before = {name: (wake_ups(one.pid), machine.processor_seconds(one.pid))
-                      for name, one in processes.items()}
-            time.sleep(seconds)
-            rows = [[name, str(wake_ups(one.pid) - before[name][0]),
-                     f"{(machine.processor_seconds(one.pid) - before[name][1]) * 1e6:.0f}"]
-                    for name, one in processes.items()]
-        finally:
-            for process in processes.values():
-                process.terminate()
-                process.wait()
+    with hosts.running(VESK) as running:
+        time.sleep(6)  # acknowledgements and time-outs are over
+        processes = running.processes
+        before = {name: (wake_ups(one.pid), machine.processor_seconds(one.pid))
+                  for name, one in processes.items()}
+        time.sleep(seconds)
+        rows = [[name, str(wake_ups(one.pid) - before[name][0]),
+                 f"{(machine.processor_seconds(one.pid) - before[name][1]) * 1e6:.0f}"]
+                for name, one in processes.items()]
     print(f"\n{machine.describe()}; idle for {seconds} s\n")
     table.show(["", "wake-ups", "processor, us"], rows)
     return all(row[1:] == ["0", "0"] for row in rows)
