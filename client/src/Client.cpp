@@ -42,6 +42,10 @@ Counters Client::query() {
     return mImpl->query();
 }
 
+std::string Client::status(StatusFormat format) {
+    return mImpl->status(format);
+}
+
 void Client::query(std::function<void(std::optional<Counters> const& counters)> done) {
     mImpl->query(std::move(done));
 }

@@ -143,28 +143,48 @@ void Client::Impl::watch(Watcher watcher) {
 }
 
 Counters Client::Impl::query() {
-    auto const promise = std::make_shared<std::promise<std::optional<Counters>>>();
-    {
-        Lock const lock(mMutex);
-        refuseToWait();
-    }
-    query([promise](std::optional<Counters> const& counters) { promise->set_value(counters); });
-    std::optional<Counters> const counters = await(promise->get_future(), mOptions.limit);
-    Lock const lock(mMutex);
-    if (!counters) throw std::runtime_error(mWhyLost);
+    Bytes const body = askAndWait(encodeMessage(MessageType::QUERY));
+    auto const counters = Counters::decode(body);
+    if (!counters) throw std::runtime_error(NOT_UNDERSTOOD);
     return *counters;
 }
 
 void Client::Impl::query(QueryDone done) {
+    ask(encodeMessage(MessageType::QUERY), [done = std::move(done)](Bytes const* body) {
+        done(body ? Counters::decode(*body) : std::nullopt);
+    });
+}
+
+std::string Client::Impl::status(StatusFormat format) {
+    Bytes const body = askAndWait(StatusMessage{format}.encode());
+    return {body.begin(), body.end()};
+}
+
+Bytes Client::Impl::askAndWait(Bytes const& question) {
+    auto const promise = std::make_shared<std::promise<std::optional<Bytes>>>();
+    {
+        Lock const lock(mMutex);
+        refuseToWait();
+    }
+    ask(question, [promise](Bytes const* body) {
+        promise->set_value(body ? std::optional<Bytes>(*body) : std::nullopt);
+    });
+    std::optional<Bytes> body = await(promise->get_future(), mOptions.limit);
+    Lock const lock(mMutex);
+    if (!body) throw std::runtime_error(mWhyLost);
+    return std::move(*body);
+}
+
+void Client::Impl::ask(Bytes const& question, Answered done) {
     {
         Lock const lock(mMutex);
         if (mUp) {
-            mQueries.push_back(std::move(done));
-            send(encodeMessage(MessageType::QUERY));
+            mQuestions.push_back(std::move(done));
+            send(question);
             return;
         }
     }
-    done(std::nullopt);
+    done(nullptr);
 }
 
 void Client::Impl::post(std::function<void()> task) {
@@ -264,7 +284,8 @@ void Client::Impl::dispatch(Message const& message) {
         case MessageType::PROVIDER:
             return changed(message);
         case MessageType::COUNTERS:
-            return counted(message);
+        case MessageType::STATUS_TEXT:
+            return answered(message);
         default:
             return;  // a newer host's, which nobody here has asked for
     }
@@ -335,10 +356,8 @@ void Client::Impl::changed(Message const& message) {
     }
 }
 
-void Client::Impl::counted(Message const& message) {
-    auto const counters = Counters::decode(message.body);
-    if (!counters) return lose(NOT_UNDERSTOOD);
-    if (QueryDone const done = takeQuery()) done(counters);
+void Client::Impl::answered(Message const& message) {
+    if (Answered const done = takeQuestion()) done(&message.body);
 }
 
 // Whatever has gathered leaves in one write.
@@ -408,15 +427,15 @@ void Client::Impl::abandonAll() {
         done = mCalls.abandon();
         if (!done) break;
     }
-    while (QueryDone const done = takeQuery())
-        done(std::nullopt);
+    while (Answered const done = takeQuestion())
+        done(nullptr);
 }
 
-Client::Impl::QueryDone Client::Impl::takeQuery() {
+Client::Impl::Answered Client::Impl::takeQuestion() {
     Lock const lock(mMutex);
-    if (mQueries.empty()) return nullptr;
-    QueryDone done = std::move(mQueries.front());
-    mQueries.pop_front();
+    if (mQuestions.empty()) return nullptr;
+    Answered done = std::move(mQuestions.front());
+    mQuestions.pop_front();
     return done;
 }
 

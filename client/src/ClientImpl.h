@@ -28,6 +28,8 @@ class Client::Impl : public std::enable_shared_from_this<Impl> {
 public:
     enum class Role : uint8_t { NONE, CONSUMER, PROVIDER };
     using QueryDone = std::function<void(std::optional<Counters> const& counters)>;
+    /** Gets the body of the answer, or null when there will be none. */
+    using Answered = std::function<void(Bytes const* body)>;
 
     Impl(std::string path, Options options);
 
@@ -40,6 +42,7 @@ public:
     void watch(Watcher watcher);
     Counters query();
     void query(QueryDone done);
+    std::string status(StatusFormat format);
     void post(std::function<void()> task);
     bool connected() const;
     /** Sends a reply to a request that came through the connection with this number. */
@@ -60,14 +63,16 @@ private:
     void replied(Message const& message);
     void requested(Message const& message);
     void changed(Message const& message);
-    void counted(Message const& message);
+    void answered(Message const& message);
     void flush();
     void flushAfterWhile();
     void sleep();
     std::optional<Clock::time_point> nextTurn() const VESK_REQUIRES(mMutex);
     void expire();
     void abandonAll();
-    QueryDone takeQuery();
+    void ask(Bytes const& question, Answered done);
+    Bytes askAndWait(Bytes const& question);
+    Answered takeQuestion();
     void endJoining(std::exception_ptr why) VESK_REQUIRES(mMutex);
     void lose(std::string const& reason);
     void reconnect();
@@ -108,7 +113,7 @@ private:
     std::optional<std::promise<uint16_t>> mJoining VESK_GUARDED_BY(mMutex);
     std::shared_ptr<Watcher const> mWatcher VESK_GUARDED_BY(mMutex);
     std::deque<std::function<void()>> mTasks VESK_GUARDED_BY(mMutex);
-    std::deque<QueryDone> mQueries VESK_GUARDED_BY(mMutex);
+    std::deque<Answered> mQuestions VESK_GUARDED_BY(mMutex);  // the host answers in their order
     Calls mCalls VESK_GUARDED_BY(mMutex);
 };
 

@@ -181,6 +181,17 @@ std::optional<Counters> Counters::decode(Bytes const& body) {
     return whole(reader, counters);
 }
 
+Bytes StatusMessage::encode() const {
+    return BodyWriter(MessageType::STATUS).number(static_cast<uint64_t>(format), 1).finish();
+}
+
+std::optional<StatusMessage> StatusMessage::decode(Bytes const& body) {
+    BodyReader reader(body);
+    StatusMessage status{reader.number<StatusFormat>(1)};
+    bool const isKnown = status.format == StatusFormat::TEXT || status.format == StatusFormat::JSON;
+    return isKnown ? whole(reader, status) : std::nullopt;
+}
+
 Bytes encodeMessage(MessageType type, std::string const& body) {
     return BodyWriter(type).rest(body).finish();
 }

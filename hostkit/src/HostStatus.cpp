@@ -19,8 +19,20 @@ constexpr uint16_t LAST_SESSION_ID = 65534;
 constexpr char const* KIND_NAMES[TrafficCounters::KINDS] = {"acknowledgements", "requests",
                                                             "replies", "others"};
 
-std::vector<HostStatus::Business> countSessions(Vesk& vesk) {
-    std::map<std::pair<uint16_t, uint16_t>, HostStatus::Business> found;
+using Businesses = std::map<std::pair<uint16_t, uint16_t>, HostStatus::Business>;
+
+void countUnprovided(TrafficCounters const& traffic, Businesses& found) {
+    for (uint16_t topicId = 1; topicId <= TrafficCounters::MAX_ID; ++topicId) {
+        for (uint16_t id = 1; id <= TrafficCounters::MAX_ID; ++id) {
+            uint64_t const unprovided = traffic.unprovided(topicId, id);
+            if (unprovided > 0) found[{topicId, id}].unprovided = unprovided;
+        }
+    }
+}
+
+std::vector<HostStatus::Business> countSessions(Vesk& vesk, TrafficCounters const& traffic) {
+    Businesses found;
+    countUnprovided(traffic, found);
     for (uint32_t id = 1; id <= LAST_SESSION_ID; ++id) {
         auto const session = vesk.getSessionManager()->getSession(static_cast<uint16_t>(id));
         if (!session) continue;
@@ -32,6 +44,7 @@ std::vector<HostStatus::Business> countSessions(Vesk& vesk) {
     for (auto& [ids, business] : found) {
         business.topic = vesk.getConfig()->getTopicIdById(ids.first);
         business.business = vesk.getConfig()->getBussinessIdById(ids.first, ids.second);
+        if (business.business.empty()) continue;  // a peer may ask for what is in no catalogue
         businesses.push_back(std::move(business));
     }
     return businesses;
@@ -64,7 +77,33 @@ std::string jsonOf(HostStatus::Business const& entry) {
             .addRaw("business", jsonString(entry.business))
             .add("providers", entry.providers)
             .add("consumers", entry.consumers)
+            .add("unprovided", entry.unprovided)
             .text();
+}
+
+std::string jsonOf(HostStatus::SlowClient const& client) {
+    return JsonObject()
+            .add("id", client.id)
+            .add("waiting", client.waiting)
+            .add("sinceMs", client.sinceMillis)
+            .text();
+}
+
+template <typename Items, typename ToJson>
+std::string jsonList(Items const& items, ToJson toJson) {
+    std::string list;
+    for (auto const& item : items)
+        list += (list.empty() ? "" : ",") + toJson(item);
+    return '[' + list + ']';
+}
+
+template <typename Number>
+std::string jsonOf(std::optional<Number> const& number) {
+    return number ? to_string(*number) : "null";
+}
+
+std::string secondsOf(uint64_t millis) {
+    return to_string(millis / 1000) + " s";
 }
 
 }  // namespace
@@ -93,7 +132,7 @@ HostStatus HostStatus::of(Vesk& vesk, TrafficCounters const& traffic, Outbox con
         status.traffic[i] = {traffic.in(kind), traffic.out(kind)};
     }
     status.undelivered = traffic.undelivered();
-    status.businesses = countSessions(vesk);
+    status.businesses = countSessions(vesk, traffic);
     return status;
 }
 
@@ -103,9 +142,10 @@ std::string HostStatus::text() const {
         std::string const head(name);
         text += head + std::string(head.size() < 18 ? 18 - head.size() : 1, ' ') + rest + "\n";
     };
-    line("channel", (up ? "up, backlog " : "down, backlog ") + to_string(backlog) +
-                            " bytes, lost " + to_string(lostBytes) + " bytes, skipped " +
-                            to_string(skippedBytes) + " bytes");
+    std::string const since = channelMillis ? " since " + secondsOf(*channelMillis) : "";
+    line("channel", (up ? "up" : "down") + since + ", " + to_string(reconnects) + " reconnects");
+    line("bytes", "waiting " + to_string(backlog) + ", lost " + to_string(lostBytes) +
+                          ", skipped " + to_string(skippedBytes));
     line("pending", ofBound(pending, MAX_PENDING));
     line("awaiting ack", ofBound(awaitingAck, MAX_AWAITING_ACK));
     line("owed acks", ofBound(owedAcks, MAX_OWED_ACKS));
@@ -121,7 +161,14 @@ std::string HostStatus::text() const {
     for (Business const& entry : businesses) {
         line((entry.topic + "/" + entry.business).c_str(),
              to_string(entry.providers) + " providers, " + to_string(entry.consumers) +
-                     " consumers");
+                     " consumers, " + to_string(entry.unprovided) + " requests without a provider");
+    }
+    for (SlowClient const& client : slowClients) {
+        line("slow client", to_string(client.id) + ", " + to_string(client.waiting) +
+                                    " bytes wait since " + secondsOf(client.sinceMillis));
+    }
+    for (std::string const& suspicion : suspicions()) {
+        line("suspicion", suspicion);
     }
     return text;
 }
@@ -133,12 +180,10 @@ std::string HostStatus::json() const {
         both.addRaw("in", jsonOf(traffic[i].in)).addRaw("out", jsonOf(traffic[i].out));
         frames.addRaw(KIND_NAMES[i], both.text());
     }
-    std::string sessions;
-    for (Business const& entry : businesses) {
-        sessions += (sessions.empty() ? "" : ",") + jsonOf(entry);
-    }
     return JsonObject()
             .addRaw("up", up ? "true" : "false")
+            .addRaw("channelMs", jsonOf(channelMillis))
+            .add("reconnects", reconnects)
             .add("backlog", backlog)
             .add("lostBytes", lostBytes)
             .add("skippedBytes", skippedBytes)
@@ -152,11 +197,15 @@ std::string HostStatus::json() const {
             .add("timedOut", timedOut)
             .add("superseded", superseded)
             .add("dropped", dropped)
-            .addRaw("delayMs", delayMillis ? to_string(*delayMillis) : "null")
+            .addRaw("delayMs", jsonOf(delayMillis))
             .add("slowDeliveries", slowDeliveries)
             .addRaw("frames", frames.text())
             .add("undelivered", undelivered)
-            .addRaw("sessions", '[' + sessions + ']')
+            .addRaw("sessions",
+                    jsonList(businesses, [](Business const& entry) { return jsonOf(entry); }))
+            .addRaw("slowClients",
+                    jsonList(slowClients, [](SlowClient const& client) { return jsonOf(client); }))
+            .addRaw("suspicions", jsonList(suspicions(), jsonString))
             .text();
 }
 

@@ -4,6 +4,41 @@
 
 namespace vesk::hostkit {
 
+namespace {
+
+size_t indexOf(uint16_t topicId, uint16_t businessId) {
+    return size_t{topicId} * (TrafficCounters::MAX_ID + 1) + businessId;
+}
+
+bool isCounted(uint16_t topicId, uint16_t businessId) {
+    return topicId <= TrafficCounters::MAX_ID && businessId <= TrafficCounters::MAX_ID;
+}
+
+}  // namespace
+
+void TrafficCounters::in(VeskFrame const& frame) {
+    mIn[kindOf(frame.msgType, frame.topicId, frame.businessId)].add(VeskFrame::FRAME_HEAD_SIZE + frame.data.size());
+    countRequest(mRequestsIn, frame);
+}
+
+void TrafficCounters::delivered(VeskFrame const& frame, bool local) {
+    if (local) return;
+    ++mDelivered;
+    countRequest(mRequestsDelivered, frame);
+}
+
+void TrafficCounters::countRequest(ByBusiness& counts, VeskFrame const& frame) {
+    if (frame.msgType != REQUEST || !isCounted(frame.topicId, frame.businessId)) return;
+    ++counts[indexOf(frame.topicId, frame.businessId)];
+}
+
+uint64_t TrafficCounters::unprovided(uint16_t topicId, uint16_t businessId) const {
+    if (!isCounted(topicId, businessId)) return 0;
+    size_t const index = indexOf(topicId, businessId);
+    uint64_t const delivered = mRequestsDelivered[index];  // first, as in undelivered()
+    return mRequestsIn[index] - delivered;
+}
+
 uint64_t TrafficCounters::undelivered() const {
     uint64_t const delivered = mDelivered;  // first: each of these has been counted in before
     return in(REQUESTS).frames + in(REPLIES).frames + in(OTHERS).frames - delivered;

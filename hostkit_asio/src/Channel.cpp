@@ -41,6 +41,7 @@ public:
     Outbox& outbox() { return mOutbox; }
     FrameReader const& reader() const { return mReader; }
     uint64_t reconnects() const { return mOpened > 0 ? mOpened - 1 : 0; }
+    std::chrono::steady_clock::time_point changed() const { return mChanged; }
 
 private:
     void opened(std::shared_ptr<Link> link, asio::error_code const& error);
@@ -74,6 +75,7 @@ private:
     size_t mFrames = 0;  // of this turn
     bool mGoesOn = false;
     uint64_t mOpened = 0;
+    std::chrono::steady_clock::time_point mChanged = std::chrono::steady_clock::now();
     uint64_t mReportedSkipped = 0;
     std::string mLastError;
 };
@@ -119,6 +121,7 @@ void Channel::Impl::opened(std::shared_ptr<Link> link, asio::error_code const& e
     ++mOpened;
     if (mEvents.watcher) mEvents.watcher->opened(mEndpoint.toString());
     mOutbox.open();
+    mChanged = std::chrono::steady_clock::now();
     mEvents.report("channel up: " + mEndpoint.toString());
     mEvents.onState(true);
     read();
@@ -142,6 +145,7 @@ void Channel::Impl::drop(std::string const& reason) {
     reportSkipped();
     size_t const lost = mOutbox.close();
     if (mEvents.watcher) mEvents.watcher->closed();
+    mChanged = std::chrono::steady_clock::now();
     mEvents.report("channel down: " + reason + "; " + std::to_string(lost) +
                    " bytes on their way out are lost; clients stay and wait");
     mEvents.onState(false);
@@ -288,6 +292,11 @@ Outbox const& Channel::outbox() const {
 
 FrameReader const& Channel::reader() const {
     return mImpl->reader();
+}
+
+uint64_t Channel::stateMillis() const {
+    auto const time = std::chrono::steady_clock::now() - mImpl->changed();
+    return static_cast<uint64_t>(std::chrono::duration_cast<Milliseconds>(time).count());
 }
 
 uint64_t Channel::reconnects() const {

@@ -1,6 +1,7 @@
 #include "Clients.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include <vesk/Vesk.h>
 #include <vesk/hostkit/CatalogueNames.h>
@@ -15,6 +16,9 @@ constexpr size_t MAX_JOIN_SIZE = client::MessageReader::PREFIX_SIZE + 1 + 1 + 25
 void removeSession(uint32_t clientId) {
     Vesk::getInstance()->getSessionManager()->removeSessionByClient(clientId);
 }
+
+// For whom something has waited for so long, that one does not read.
+constexpr std::chrono::milliseconds SLOW{1000};
 
 char const* roleName(int role) {
     return role == VeskSessionManager::PROVIDER ? "provider" : "consumer";
@@ -83,6 +87,9 @@ bool Clients::onMessage(ClientConnection& connection, client::Message const& mes
             } else {
                 message.type == client::MessageType::WATCH ? watch(client) : answerQuery(client);
             }
+            break;
+        case client::MessageType::STATUS:
+            answerStatus(client, message);
             break;
         default:
             refuse(connection, "a client does not send messages of type " +
@@ -208,6 +215,29 @@ void Clients::answerQuery(Client& client) {
     counters.evicted = mEvicted;
     mServices.addCounters(counters);
     send(*client.connection, counters.encode());
+}
+
+void Clients::answerStatus(Client& client, client::Message const& message) {
+    auto const question = client::StatusMessage::decode(message.body);
+    if (!question) return refuse(*client.connection, "a STATUS message is not of its form");
+    if (!mServices.status) return refuse(*client.connection, "this host tells no status");
+    HostStatus status = mServices.status();
+    status.slowClients = slowClients();
+    bool const isJson = question->format == client::StatusFormat::JSON;
+    send(*client.connection, client::encodeMessage(client::MessageType::STATUS_TEXT,
+                                                   isJson ? status.json() : status.text()));
+}
+
+std::vector<HostStatus::SlowClient> Clients::slowClients() const {
+    std::vector<HostStatus::SlowClient> found;
+    for (auto const& [id, client] : mClients) {
+        auto const waited = Backlog::Clock::now() - client.connection->waitingSince();
+        if (client.connection->backlog() == 0 || waited < SLOW) continue;
+        using Milliseconds = std::chrono::milliseconds;
+        auto const millis = std::chrono::duration_cast<Milliseconds>(waited).count();
+        found.push_back({id, client.connection->backlog(), static_cast<uint64_t>(millis)});
+    }
+    return found;
 }
 
 void Clients::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <vesk/VeskFrame.h>
 #include <vesk/client/ClientProtocol.h>
@@ -46,6 +47,8 @@ private:
     void publish(Client& client, client::Message const& message);
     void watch(Client& client);
     void answerQuery(Client& client);
+    void answerStatus(Client& client, client::Message const& message);
+    std::vector<HostStatus::SlowClient> slowClients() const;
     void broadcast(client::Bytes const& message);
     void send(ClientConnection& connection, client::Bytes message);
     void refuse(ClientConnection& connection, std::string const& reason);

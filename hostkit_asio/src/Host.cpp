@@ -9,7 +9,9 @@
 
 #include <vesk/Vesk.h>
 #include <vesk/hostkit/CatalogueNames.h>
+#include <vesk/hostkit/HostStatus.h>
 #include <vesk/hostkit/SendGate.h>
+#include <vesk/hostkit/TrafficCounters.h>
 #include <vesk/hostkit_asio/Channel.h>
 #include <vesk/hostkit_asio/ClientServer.h>
 
@@ -89,10 +91,13 @@ private:
     void channelChanged(bool up);
     void progressed();
     void holdChannel();
+    void received(std::shared_ptr<VeskFrame> const& frame);
     void addCounters(client::Counters& counters) const;
+    HostStatus status() const;
 
     std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
     Report const mReport;
+    TrafficCounters mTraffic;
     Channel mChannel;
     SendGate const mGate;
     bool mClientsHold = false;
@@ -107,7 +112,7 @@ Host::Impl::Impl(asio::io_context& io, Options const& options)
       mGate(*mQueue, mChannel.outbox(), gateLimits(options.limits)),
       mClients(io, options.clients, {options.localTopics.begin(), options.localTopics.end()},
                options.limits, services(options)),
-      mCallback(new HostCallback(mChannel, mClients)) {
+      mCallback(new HostCallback(mChannel, mClients, mTraffic)) {
     refuseOwnSocket(options);  // by another name, now that it is there
     Vesk::getInstance()->init(mCallback);
     createTopics(options);
@@ -117,7 +122,7 @@ Host::Impl::Impl(asio::io_context& io, Options const& options)
 
 Channel::Events Host::Impl::channelEvents(Options const& options) {
     return {[this](bool up) { channelChanged(up); },
-            [this](std::shared_ptr<VeskFrame> const& frame) { mQueue->receiveFromChannel(frame); },
+            [this](std::shared_ptr<VeskFrame> const& frame) { received(frame); },
             [this] { progressed(); },
             options.onEnd,
             mReport,
@@ -131,6 +136,7 @@ ClientServer::Services Host::Impl::services(Options const& options) {
                 holdChannel();
             },
             [this](client::Counters& counters) { addCounters(counters); },
+            [this] { return status(); },
             mReport,
             true,
             options.access};
@@ -161,6 +167,19 @@ void Host::Impl::progressed() {
 // Each frame that comes is acknowledged, whether or not the peer reads that.
 void Host::Impl::holdChannel() {
     mChannel.hold(mClientsHold || !mGate.mayRead());
+}
+
+void Host::Impl::received(std::shared_ptr<VeskFrame> const& frame) {
+    mTraffic.in(*frame);
+    mQueue->receiveFromChannel(frame);
+}
+
+HostStatus Host::Impl::status() const {
+    HostStatus status =
+            HostStatus::of(*Vesk::getInstance(), mTraffic, &mChannel.outbox(), &mChannel.reader());
+    status.channelMillis = mChannel.stateMillis();
+    status.reconnects = mChannel.reconnects();
+    return status;
 }
 
 void Host::Impl::addCounters(client::Counters& counters) const {

@@ -10,14 +10,18 @@ void HostCallback::detach() {
     mChannel = nullptr;
 }
 
-void HostCallback::receive(uint32_t clientId, uint32_t sessionId, bool,
+void HostCallback::receive(uint32_t clientId, uint32_t sessionId, bool local,
                            std::shared_ptr<VeskFrame> const& frame) {
-    if (mClients) mClients->deliver(clientId, sessionId, *frame);
+    if (!mClients) return;
+    mTraffic->delivered(*frame, local);
+    mClients->deliver(clientId, sessionId, *frame);
 }
 
 void HostCallback::sendToChannel(std::vector<uint8_t> bytes) {
     std::lock_guard<std::mutex> lock(mMutex);
-    if (mChannel) mChannel->write(std::move(bytes));
+    if (!mChannel) return;
+    mTraffic->out(bytes);
+    mChannel->write(std::move(bytes));
 }
 
 void HostCallback::notifyTopicChanged(bool added, std::string topicName) {

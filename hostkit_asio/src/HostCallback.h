@@ -4,6 +4,7 @@
 
 #include <vesk/VeskCallback.h>
 #include <vesk/VeskThreadAnnotations.h>
+#include <vesk/hostkit/TrafficCounters.h>
 #include <vesk/hostkit_asio/Channel.h>
 #include <vesk/hostkit_asio/ClientServer.h>
 
@@ -20,9 +21,9 @@ namespace vesk::hostkit {
  */
 class HostCallback : public VeskCallback {
 public:
-    /** Both must live until detach(). */
-    HostCallback(Channel& channel, ClientServer& clients)
-        : mChannel(&channel), mClients(&clients) {}
+    /** They must live until detach(). */
+    HostCallback(Channel& channel, ClientServer& clients, TrafficCounters& traffic)
+        : mChannel(&channel), mClients(&clients), mTraffic(&traffic) {}
 
     /** On the host's thread. */
     void detach() VESK_EXCLUDES(mMutex);
@@ -41,6 +42,7 @@ private:
     std::mutex mMutex;
     Channel* mChannel VESK_GUARDED_BY(mMutex);
     ClientServer* mClients;
+    TrafficCounters* const mTraffic;  // used only where the others are there
 };
 
 }  // namespace vesk::hostkit

@@ -59,9 +59,10 @@ private:
         ClientServer::Services services;
         services.obstacle = [] { return SendGate::Obstacle::CHANNEL_DOWN; };
         services.holdChannel = [](bool) {};
-        services.addCounters = [status = std::move(status)](client::Counters& counters) {
+        services.addCounters = [status](client::Counters& counters) {
             addCounters(status(), counters);
         };
+        services.status = std::move(status);
         services.report = std::move(report);
         services.joins = false;
         return services;

@@ -185,13 +185,18 @@ TEST_F(HostTest, MessagesHaveTheirDocumentedBytes) {
     Bytes counted = client::Counters{1, 0x203}.encode();
     counted.resize(16);
     EXPECT_EQ(counted, (Bytes{113, 0, 0, 0, 10, 1, 0, 0, 0, 0, 0, 0, 0, 3, 2, 0}));
+    EXPECT_EQ(client::StatusMessage{client::StatusFormat::JSON}.encode(),
+              (Bytes{2, 0, 0, 0, 11, 2}));
+    EXPECT_FALSE(client::StatusMessage::decode({3}));
 }
 
 TEST_F(HostTest, AHostThatIsGoneIsNotCalled) {
     hostkit::Channel channel(mIo, hostkit::Endpoint::parse(socket("channel")), false,
                              *Vesk::getInstance()->getConfig(), {});
     hostkit::ClientServer clients(mIo, path("host"), {}, hostkit::FlowLimits(), {});
-    android::sp<hostkit::HostCallback> const callback = new hostkit::HostCallback(channel, clients);
+    hostkit::TrafficCounters traffic;
+    android::sp<hostkit::HostCallback> const callback =
+            new hostkit::HostCallback(channel, clients, traffic);
     callback->detach();
     callback->sendToChannel({1});
     EXPECT_EQ(channel.outbox().lostBytes(), 0U);

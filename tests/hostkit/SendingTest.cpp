@@ -152,7 +152,8 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
         traffic.in(*frame), vesk.getQueue()->receiveFromChannel(frame);
     });
     android::sp<testkit::RecordingCallback> const callback = new testkit::RecordingCallback;
-    callback->onReceive([&](auto const& delivery) { traffic.delivered(delivery.local); });
+    callback->onReceive(
+            [&](auto const& delivery) { traffic.delivered(*delivery.frame, delivery.local); });
     callback->onSend([&](auto const& bytes) { traffic.out(bytes), outbox.put(bytes); });
     vesk.init(callback);
     vesk.createTopic("test", false);
@@ -189,7 +190,7 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
         feed(other);
     reader.feed(Bytes{'x'}.data(), 1);
     send(*vesk.getQueue(), 2, 1001, 2006);
-    traffic.delivered(true);
+    traffic.delivered(*VeskFrame::obtainFrame(false), true);
     std::stringstream found, expected;
     found << HostStatus().json() << "\n" << HostStatus::of(vesk, traffic).text();
     for (int closing = 0; closing < 2; ++closing, outbox.close()) {

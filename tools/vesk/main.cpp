@@ -19,6 +19,7 @@
 #include "HostCommand.h"
 #include "ListCommand.h"
 #include "ProvideCommand.h"
+#include "StatusCommand.h"
 #include "WatchCommand.h"
 
 namespace vesk::tool {
@@ -193,6 +194,15 @@ void addWatch(CLI::App& app, HostAddress& address, Command& command) {
     sub->callback([&] { command = [&] { return runWatch(address); }; });
 }
 
+void addStatus(CLI::App& app, StatusOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand(
+            "status", "Prints all that can be counted about a host, and what is probably wrong");
+    addHostAddress(sub, options.address);
+    sub->add_flag("--json", options.json, "As one JSON object");
+    sub->add_flag("--watch", options.watch, "Again every second, until it is interrupted");
+    sub->callback([&] { command = [&] { return runStatus(options); }; });
+}
+
 void addList(CLI::App& app, ListOptions& options, Command& command) {
     CLI::App* sub = app.add_subcommand("list", "Prints the topics and businesses that there are");
     sub->add_flag("--json", options.json, "As one JSON object");
@@ -242,6 +252,7 @@ int run(int argc, char** argv) {
     ProvideOptions provide;
     CallOptions call;
     HostAddress watched;
+    StatusOptions asked;
     ListOptions list;
     DecodeOptions decode;
     DemoOptions demo;
@@ -255,6 +266,7 @@ int run(int argc, char** argv) {
     addProvide(app, provide, command);
     addCall(app, call, command);
     addWatch(app, watched, command);
+    addStatus(app, asked, command);
     addList(app, list, command);
     addDecode(app, decode, command);
     addDemo(app, demo, command);

@@ -41,6 +41,8 @@ public:
         asio::write(mEnd, asio::buffer(bytes), closed);
     }
     void close() { mEnd.close(); }
+    /** Reads no more. */
+    void stop() { mEnd.cancel(); }
 
     /**
      * Writes these bytes again and again until the other side takes no more of them, or has taken

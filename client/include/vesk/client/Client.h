@@ -26,8 +26,8 @@ namespace vesk::client {
  * Threads:   each client has a thread of its own that reads, keeps the time and runs every
  *            callback, one at a time. Every operation may be called from any thread and from inside
  *            a callback, but for those that wait: the constructor waits on the calling thread;
- *            join(), serve() and query() throw std::logic_error inside a callback of this client,
- *            because the answer would have to come through the same thread. Nor may a callback wait
+ *            join(), serve(), query() and status() throw std::logic_error inside a callback of this
+ *            client, because the answer would have to come through the same thread. Nor may a callback wait
  *            for a future of this client.
  * Callbacks: no lock is held. While one runs, nothing is read: the host makes a client wait for its
  *            own slowness alone, and closes one that leaves its messages unread for too long (see
@@ -41,7 +41,7 @@ namespace vesk::client {
 class VESK_EXPORT Client {
 public:
     struct Options {
-        /** For the host to accept, and for each answer that join(), serve() or query() wait for. */
+        /** For the host to accept, and for each answer that an operation waits for. */
         std::chrono::milliseconds limit{10000};
 
         /**
@@ -146,6 +146,12 @@ public:
 
     /** The same without waiting. `done` is called exactly once, without counters for a failure. */
     void query(std::function<void(std::optional<Counters> const& counters)> done);
+
+    /**
+     * What the host tells about itself, for a person or as one JSON object. Waits for it, and throws
+     * std::runtime_error when it does not come. A host of an older version refuses the question.
+     */
+    std::string status(StatusFormat format);
 
     /**
      * Runs a task on the client's thread, between two callbacks: what only callbacks and tasks use

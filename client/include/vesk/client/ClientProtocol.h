@@ -28,12 +28,16 @@ namespace vesk::client {
  *     PROVIDER      host    added(1) topic:name business:name
  *     QUERY         client  -
  *     COUNTERS      host    every number of Counters, 8 bytes each, in the order of its fields
+ *     STATUS        client  format(1: 1 text, 2 JSON)
+ *     STATUS_TEXT   host    text in UTF-8, to the end
  *
  * A connection joins once, as consumer or as provider; its end is the end of its session. A
  * consumer sends REQUEST (whose session the host fills in) and gets REPLY; a provider gets REQUEST
  * and sends REPLY with the session and the msgId of the request. WATCH is answered with what is
- * present, as added, and then with every change; a second WATCH changes nothing. Anything that is
- * not exactly of this form is an error.
+ * present, as added, and then with every change; a second WATCH changes nothing. STATUS is answered
+ * with all that can be counted about the host, for a person or as one JSON object, whose members a
+ * newer host may add to. QUERY and STATUS are answered in the order in which they come. Anything
+ * that is not exactly of this form is an error.
  *
  * Flow control. The figures are for a host with its default of 64 MiB (`vesk host --memory`), and
  * stand in proportion for another.
@@ -69,7 +73,12 @@ enum class MessageType : uint8_t {
     PROVIDER,
     QUERY,
     COUNTERS,
+    STATUS,
+    STATUS_TEXT,
 };
+
+/** How a host writes down its status. */
+enum class StatusFormat : uint8_t { TEXT = 1, JSON };
 
 /** Of the size field: type, session, msgId and the greatest payload. */
 constexpr size_t MAX_MESSAGE_SIZE = 1 + 2 + 2 + MAX_PAYLOAD_SIZE;
@@ -140,6 +149,13 @@ struct VESK_EXPORT Counters {
 
 /** A message without a body, or one whose body is text. */
 VESK_EXPORT Bytes encodeMessage(MessageType type, std::string const& body = {});
+
+struct StatusMessage {
+    Bytes encode() const;
+    static std::optional<StatusMessage> decode(Bytes const& body);
+
+    StatusFormat format = StatusFormat::TEXT;
+};
 
 struct Message {
     MessageType type{};

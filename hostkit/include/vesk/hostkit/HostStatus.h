@@ -23,12 +23,20 @@ namespace vesk::hostkit {
  *          host goes on, so they agree with each other only where it rests.
  */
 struct VESK_EXPORT HostStatus {
-    /** Sessions that have joined one business of the catalogue. */
+    /** Sessions that have joined one business of the catalogue, and what nobody provided. */
     struct Business {
         std::string topic;
         std::string business;
         size_t consumers = 0;
         size_t providers = 0;
+        uint64_t unprovided = 0;  // requests of the peer that no provider got
+    };
+
+    /** A local client that does not take what is sent to it. */
+    struct SlowClient {
+        uint32_t id = 0;
+        size_t waiting = 0;        // bytes
+        uint64_t sinceMillis = 0;  // for so long
     };
 
     struct Traffic {
@@ -44,7 +52,14 @@ struct VESK_EXPORT HostStatus {
     static HostStatus of(Vesk& vesk, TrafficCounters const& traffic, Outbox const* outbox = nullptr,
                          FrameReader const* reader = nullptr);
 
-    /** For a person: a few lines, each with its line break. */
+    /**
+     * What is probably wrong, a sentence for each: the channel is down, the peer does not
+     * acknowledge or does not read, nobody provides what is asked for, bytes belong to no frame,
+     * frames were dropped, a client does not read. None for a host that is well.
+     */
+    std::vector<std::string> suspicions() const;
+
+    /** For a person: a few lines, each with its line break, and the suspicions last. */
     std::string text() const;
 
     /** For a program: one JSON object in one line, without a line break. "delayMs" may be null. */
@@ -75,7 +90,12 @@ struct VESK_EXPORT HostStatus {
     std::array<Traffic, TrafficCounters::KINDS> traffic;  // by TrafficCounters::Kind
     uint64_t undelivered = 0;                             // frames that found no session
 
-    std::vector<Business> businesses;  // those that somebody has joined, by their ids
+    std::vector<Business> businesses;  // those that somebody has joined or asked for, by their ids
+
+    // What of() cannot know; a host that does, fills it in.
+    std::optional<uint64_t> channelMillis;  // for so long the channel has been up, or down
+    uint64_t reconnects = 0;
+    std::vector<SlowClient> slowClients;
 };
 
 }  // namespace vesk::hostkit

@@ -12,9 +12,9 @@
 namespace vesk::hostkit {
 
 /**
- * Counts the frames of a channel, by direction and type, as a host feeds it: in() with each frame
- * before VeskQueue::receiveFromChannel() gets it, out() in VeskCallback::sendToChannel(), and
- * delivered() in VeskCallback::receive().
+ * Counts the frames of a channel, by direction and type, and the requests that found no provider, by
+ * business, as a host feeds it: in() with each frame before VeskQueue::receiveFromChannel() gets it,
+ * out() in VeskCallback::sendToChannel(), and delivered() in VeskCallback::receive().
  *
  * Threads: every operation may be called from any thread. The counters are independent: a reader
  *          may see one updated before another. Nothing resets them.
@@ -29,10 +29,7 @@ public:
     };
 
     /** A frame has been read from the channel. */
-    void in(VeskFrame const& frame) {
-        mIn[kindOf(frame.msgType, frame.topicId, frame.businessId)].add(VeskFrame::FRAME_HEAD_SIZE +
-                                                                        frame.data.size());
-    }
+    void in(VeskFrame const& frame);
 
     /** A frame goes to the channel: the bytes that sendToChannel() has brought. */
     void out(std::vector<uint8_t> const& bytes) {
@@ -42,7 +39,7 @@ public:
     }
 
     /** The library has delivered a frame; one that it looped back (`local`) does not count. */
-    void delivered(bool local) { mDelivered += local ? 0 : 1; }
+    void delivered(VeskFrame const& frame, bool local);
 
     Count in(Kind kind) const { return mIn[kind].read(); }
     Count out(Kind kind) const { return mOut[kind].read(); }
@@ -53,6 +50,15 @@ public:
      * is just being delivered counts as well.
      */
     uint64_t undelivered() const;
+
+    /**
+     * Requests in for a business that no provider got; one that is just being delivered counts as
+     * well. 0 for ids beyond MAX_ID, which are not counted one by one.
+     */
+    uint64_t unprovided(uint16_t topicId, uint16_t businessId) const;
+
+    /** Up to here topics and businesses have counters of their own; the catalogue ends below. */
+    static constexpr uint16_t MAX_ID = 15;
 
 private:
     struct Cell {
@@ -66,11 +72,16 @@ private:
         Count read() const { return {frames, bytes}; }
     };
 
+    using ByBusiness = std::array<std::atomic<uint64_t>, (MAX_ID + 1) * (MAX_ID + 1)>;
+
     static Kind kindOf(uint8_t msgType, uint8_t topicId, uint8_t businessId);
+    static void countRequest(ByBusiness& counts, VeskFrame const& frame);
 
     std::array<Cell, KINDS> mIn;
     std::array<Cell, KINDS> mOut;
     std::atomic<uint64_t> mDelivered{0};
+    ByBusiness mRequestsIn{};
+    ByBusiness mRequestsDelivered{};
 };
 
 }  // namespace vesk::hostkit

@@ -67,6 +67,9 @@ public:
     /** What comes in, for a HostStatus. */
     FrameReader const& reader() const;
 
+    /** For how many milliseconds the channel has been up, or down. */
+    uint64_t stateMillis() const;
+
     /** How often the channel came up again after a drop. */
     uint64_t reconnects() const;
 

@@ -8,6 +8,7 @@
 
 #include <vesk/VeskFrame.h>
 #include <vesk/client/ClientProtocol.h>
+#include <vesk/hostkit/HostStatus.h>
 #include <vesk/hostkit/SendGate.h>
 #include <vesk/hostkit_asio/FlowLimits.h>
 #include <vesk/hostkit_asio/Report.h>
@@ -34,6 +35,8 @@ public:
         std::function<SendGate::Obstacle()> obstacle;  // to one more frame for the peer
         std::function<void(bool)> holdChannel;  // whether to leave unread what the peer sends
         std::function<void(client::Counters&)> addCounters;  // fills in what the host knows
+        /** All that can be counted, but for the clients that do not read. Empty: not told. */
+        std::function<HostStatus()> status;
         Report report;
         bool joins = true;  // false: clients may only look; the library is not asked for sessions
         SocketAccess access = {};  // to the socket for the clients
