@@ -46,6 +46,11 @@ std::string Client::status(StatusFormat format) {
     return mImpl->status(format);
 }
 
+void Client::status(StatusFormat format,
+                    std::function<void(std::optional<std::string> const& text)> done) {
+    mImpl->status(format, std::move(done));
+}
+
 void Client::query(std::function<void(std::optional<Counters> const& counters)> done) {
     mImpl->query(std::move(done));
 }

@@ -160,6 +160,13 @@ std::string Client::Impl::status(StatusFormat format) {
     return {body.begin(), body.end()};
 }
 
+void Client::Impl::status(StatusFormat format,
+                          std::function<void(std::optional<std::string> const& text)> done) {
+    ask(StatusMessage{format}.encode(), [done = std::move(done)](Bytes const* body) {
+        done(body ? std::optional<std::string>({body->begin(), body->end()}) : std::nullopt);
+    });
+}
+
 Bytes Client::Impl::askAndWait(Bytes const& question) {
     auto const promise = std::make_shared<std::promise<std::optional<Bytes>>>();
     {

@@ -43,6 +43,8 @@ public:
     Counters query();
     void query(QueryDone done);
     std::string status(StatusFormat format);
+    void status(StatusFormat format,
+                std::function<void(std::optional<std::string> const& text)> done);
     void post(std::function<void()> task);
     bool connected() const;
     /** Sends a reply to a request that came through the connection with this number. */

@@ -203,6 +203,7 @@ std::string HostStatus::json() const {
             .add("undelivered", undelivered)
             .addRaw("sessions",
                     jsonList(businesses, [](Business const& entry) { return jsonOf(entry); }))
+            .addRaw("localTopics", jsonList(localTopics, jsonString))
             .addRaw("slowClients",
                     jsonList(slowClients, [](SlowClient const& client) { return jsonOf(client); }))
             .addRaw("suspicions", jsonList(suspicions(), jsonString))

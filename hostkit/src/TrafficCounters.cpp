@@ -17,7 +17,8 @@ bool isCounted(uint16_t topicId, uint16_t businessId) {
 }  // namespace
 
 void TrafficCounters::in(VeskFrame const& frame) {
-    mIn[kindOf(frame.msgType, frame.topicId, frame.businessId)].add(VeskFrame::FRAME_HEAD_SIZE + frame.data.size());
+    mIn[kindOf(frame.msgType, frame.topicId, frame.businessId)].add(VeskFrame::FRAME_HEAD_SIZE +
+                                                                    frame.data.size());
     countRequest(mRequestsIn, frame);
 }
 

@@ -223,6 +223,7 @@ void Clients::answerStatus(Client& client, client::Message const& message) {
     if (!mServices.status) return refuse(*client.connection, "this host tells no status");
     HostStatus status = mServices.status();
     status.slowClients = slowClients();
+    status.localTopics.assign(mLocalTopics.begin(), mLocalTopics.end());
     bool const isJson = question->format == client::StatusFormat::JSON;
     send(*client.connection, client::encodeMessage(client::MessageType::STATUS_TEXT,
                                                    isJson ? status.json() : status.text()));

@@ -36,9 +36,9 @@ protected:
 
 TEST_F(CommandTest, ACallKeepsItsWindowFullAndSucceedsWhenEveryReplyCameAndWasRight) {
     for (auto const& [option, second, output, status, errors] :
-         {std::tuple{"--stats", "b", "b\nx\nx\n", 0, "requests 3, replies 3, lost 0, p50 "},
-          {"--verify", "x", "x\nx\nx\n", 0, ""},
-          {"--verify", "b", "b\nx\nx\n", 1, "1 replies were not the request's bytes"},
+         {std::tuple{"--stats", "b", "bxx", 0, "requests 3, replies 3, lost 0, p50 "},
+          {"--verify --hex", "x", "78\n78\n78\n", 0, ""},
+          {"--verify", "b", "bxx", 1, "1 replies were not the request's bytes"},
           {"--report", "b", "progress 1\n", 0, ""}}) {
         auto const [process, line] =
                 startJoined("call --data x --count 3 --window 2 " + std::string(option));
@@ -72,10 +72,13 @@ TEST_F(CommandTest, ALateReplyIsNobodysReply) {
         awaitHeard(line, 3);  // the first has been given up
         reply(line, 1, "late");
         reply(line, 2, "in time, where the machine is not too busy");
-        expectEnd(process, 1, " of 2 requests got no reply");
+        awaitHeard(line, 4);
+        EXPECT_EQ(line.heard()[3], client::StatusMessage{client::StatusFormat::JSON}.encode());
+        line.close();
+        expectEnd(process, 3, " of 2 requests got no reply\n");
         output = process.output();
     }
-    EXPECT_EQ(output, "in time, where the machine is not too busy\n");
+    EXPECT_EQ(output, "in time, where the machine is not too busy");
 
     // An id that was given up is not used again.
     auto const [process, line] = startJoined("call --count 65600 --window 600 --timeout 1");
@@ -84,6 +87,42 @@ TEST_F(CommandTest, ALateReplyIsNobodysReply) {
     std::set<uint16_t> ids;
     for (size_t i = 1; i < line.heard().size(); ++i)
         EXPECT_TRUE(ids.insert(line.number(i, 2)).second);
+}
+
+// What the host tells of itself when a reply has not come, and what that makes of it.
+TEST_F(CommandTest, ACallSaysWhyNoReplyCame) {
+    for (auto const& [status, exitStatus, reason] :
+         {std::tuple{R"("up":false,"channelMs":12999)", 4, "the host's channel is down since 12 s"},
+          {R"("up":true,"acknowledged":0,"awaitingAck":0)", 6, "the peer has not acknowledged"},
+          {R"("up":true,"acknowledged":9,"awaitingAck":1)", 6, "the peer has not acknowledged"},
+          {R"("up":true,"acknowledged":9,"pending":0)", 7, "acknowledged them and nobody answered"},
+          {R"("up":false,"localTopics":["testing","test"])", 5,
+           "nobody provides test/test on this host"},
+          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test","providers":1}])",
+           7, "its provider on this host has not answered"},
+          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test","providers":0}])",
+           5, "nobody provides test/test"}}) {
+        auto const [process, line] = startJoined("call --timeout 1");
+        awaitHeard(line, 3);
+        line.say(client::encodeMessage(Type::STATUS_TEXT, "{" + std::string(status) + "}"));
+        expectEnd(process, exitStatus, "vesk: 1 of 1 requests got no reply: ");
+        EXPECT_NE(process.errors().find(reason), std::string::npos) << process.errors();
+    }
+}
+
+TEST_F(CommandTest, EachLineOfStdinIsARequest) {
+    Process& process = start("call a/b --lines --interval 1 --host " + socket("host") +
+                             " <<'END'\none\n\nthree\nEND\n");
+    Line& line = accept(mListener, Line::MESSAGES);
+    awaitHeard(line, 1);
+    line.say(mJoined);
+    for (size_t request : {size_t{1}, size_t{2}, size_t{3}}) {
+        awaitHeard(line, request + 1);
+        reply(line, request,
+              std::string(line.heard()[request].begin() + 9, line.heard()[request].end()));
+    }
+    expectEnd(process, 0);
+    EXPECT_EQ(process.output(), "onethree");
 }
 
 TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
@@ -102,7 +141,7 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
         line.close();
         expectEnd(process, status, errors);
     }
-    expectEnd(start("call a/b --host " + socket("none")), 1, "vesk host --clients unix:");
+    expectEnd(start("call a/b --host " + socket("none")), 3, "vesk host --clients unix:");
     auto const [unread, line] = startJoined("call >/dev/full");
     awaitHeard(line, 2);
     reply(line, 1, "x");
@@ -113,7 +152,7 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     awaitText(watch, "provider a\\x1B/b\\x9B added\n");
     mListener.acceptor().listen(0);  // who does not accept has room for one that waits
     for (char const* const errors : {"does not answer", "does not accept"})
-        expectEnd(start("call a/b --join-timeout 50 --host " + socket("host")), 1, errors);
+        expectEnd(start("call a/b --join-timeout 50 --host " + socket("host")), 3, errors);
     expectEnd(start("host --channel tty:x --clients " + socket("host")), 1, "another process");
 }
 

@@ -1,18 +1,26 @@
 #include "CallCommand.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <optional>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
 #include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "CallReport.h"
 #include "EndSignals.h"
 #include "Errors.h"
 #include "LatencyHistogram.h"
+#include "NoReply.h"
 #include "PayloadSource.h"
 
 namespace vesk::tool {
@@ -20,6 +28,16 @@ namespace vesk::tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+std::string hexDigits(client::Bytes const& bytes) {
+    constexpr char const* DIGITS = "0123456789abcdef";
+    std::string text;
+    for (uint8_t const byte : bytes) {
+        text += DIGITS[byte >> 4];
+        text += DIGITS[byte & 15];
+    }
+    return text;
+}
 
 /**
  * One consumer: keeps up to `window` requests outstanding until all are answered or given up.
@@ -33,13 +51,20 @@ public:
 
 private:
     void sendMore();
+    bool isAllSent();
+    bool mayGoOn();
+    void callLater(Clock::time_point time, std::function<void()> what);
+    void finish();
     bool sendOne();
     void ended(client::Client::Reply const& reply, Clock::time_point sent,
                client::Bytes const& payload);
     void accept(client::Bytes const& reply, Clock::time_point sent, client::Bytes const& payload);
-    void fail(std::string const& reason);
+    void print(client::Bytes const& reply);
+    void fail(std::string const& reason, int status = EXIT_FAILED);
     void reportProgress();
     void require(bool written);
+    void explainLost();
+    void printStats() const;
     int conclude();
 
     asio::io_context& mIo;
@@ -52,22 +77,36 @@ private:
     CallReport mReport;
     Clock::time_point mNextProgress = Clock::now();
     Clock::time_point const mStart = Clock::now();
-    bool mFailed = false;
+    asio::steady_timer mTimer;  // the main thread's
+    Clock::time_point mNextSend{};
+    bool mFinished = false;
+    std::string mStatusOfHost;  // empty: not known
+    int mStatus = EXIT_OK;
 };
 
 Caller::Caller(asio::io_context& io, CallOptions const& options)
     : mIo(io),
       mOptions(options),
       mBusiness(client::BusinessName::parse(options.business)),
-      mPayloads(options) {
+      mPayloads(options),
+      mTimer(io) {
     client::Client::Options how = options.address.options();
     how.limit = std::chrono::milliseconds(options.joinTimeoutMillis);
-    how.onLost = [this](std::string const& reason) { fail(reason); };
-    mHost.emplace(options.address.path(), how);
+    how.onLost = [this](std::string const& reason) { fail(reason, EXIT_NO_HOST); };
+    std::string const path = options.address.path();
+    try {
+        mHost.emplace(path, how);
+    } catch (std::runtime_error const& error) {
+        throw NoHost(error);
+    }
 }
 
 int Caller::run() {
-    mHost->join(mBusiness);
+    try {
+        mHost->join(mBusiness);
+    } catch (std::runtime_error const& error) {
+        throw NoHost(error);
+    }
     bool interrupted = false;
     EndSignals signals(mIo);
     signals.async_wait([&](asio::error_code const& error, int) {
@@ -78,15 +117,55 @@ int Caller::run() {
     mHost->post([this] { sendMore(); });
     mIo.run();
     mHost.reset();  // and with it the client's thread; what was outstanding is lost
-    mFailed = mFailed || interrupted;
-    return conclude();
+    int const status = conclude();
+    return interrupted ? EXIT_INTERRUPTED : status;
 }
 
 void Caller::sendMore() {
-    while (!mFailed && mReport.requests < mOptions.count && mOutstanding < mOptions.window) {
-        if (!sendOne()) break;
+    while (mStatus == EXIT_OK && mOutstanding < mOptions.window && !isAllSent()) {
+        if (!mayGoOn() || !sendOne()) return;
     }
-    if (mReport.requests == mOptions.count && mOutstanding == 0) mIo.stop();
+    if (isAllSent() && mOutstanding == 0) finish();
+}
+
+bool Caller::isAllSent() {
+    if (mOptions.lines) return mPayloads.atEnd();
+    return mReport.requests == mOptions.count;
+}
+
+/** Whether the next request may be sent now; otherwise this comes back to it. */
+bool Caller::mayGoOn() {
+    // To wait for a line would keep replies from being printed; the next of them asks again.
+    if (mOptions.lines && mOutstanding > 0 && !mPayloads.hasLine()) return false;
+    if (mOptions.intervalMillis == 0) return true;
+    auto const now = Clock::now();
+    if (now < mNextSend) {
+        callLater(mNextSend, [this] { mHost->post([this] { sendMore(); }); });
+        return false;
+    }
+    mNextSend = now + std::chrono::milliseconds(mOptions.intervalMillis);
+    return true;
+}
+
+void Caller::callLater(Clock::time_point time, std::function<void()> what) {
+    asio::post(mIo, [this, time, what = std::move(what)] {
+        mTimer.expires_at(time);
+        mTimer.async_wait([what](asio::error_code const& error) {
+            if (!error) what();
+        });
+    });
+}
+
+// Where replies are missing, the host may know why. One that does not answer knows nothing.
+void Caller::finish() {
+    if (std::exchange(mFinished, true)) return;
+    if (mReport.lost == 0) return mIo.stop();
+    auto const limit = std::chrono::milliseconds(mOptions.joinTimeoutMillis);
+    callLater(Clock::now() + limit, [this] { mIo.stop(); });
+    mHost->status(client::StatusFormat::JSON, [this](std::optional<std::string> const& status) {
+        mStatusOfHost = status.value_or("");
+        mIo.stop();
+    });
 }
 
 bool Caller::sendOne() {
@@ -128,9 +207,16 @@ void Caller::accept(client::Bytes const& reply, Clock::time_point sent,
     mLatencies.add(static_cast<uint64_t>(micros));
     ++mReport.replies;
     if (mOptions.verify && reply != payload) ++mReport.wrong;
-    if (mOptions.report) return reportProgress();
-    require(std::fwrite(reply.data(), 1, reply.size(), stdout) == reply.size() &&
-            std::fputc('\n', stdout) != EOF);
+    mOptions.report ? reportProgress() : print(reply);
+}
+
+// For a file or a pipe the reply's bytes alone; for a person, and in digits, a line.
+void Caller::print(client::Bytes const& reply) {
+    std::string const text =
+            mOptions.hex ? hexDigits(reply) : std::string(reply.begin(), reply.end());
+    bool const isLine = mOptions.hex || ::isatty(STDOUT_FILENO) != 0;
+    require(std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
+            (!isLine || std::fputc('\n', stdout) != EOF) && std::fflush(stdout) == 0);
 }
 
 // Whoever reads the replies may have seen enough of them.
@@ -138,9 +224,11 @@ void Caller::require(bool written) {
     if (!written) fail(std::string("cannot write to stdout: ") + std::strerror(errno));
 }
 
-void Caller::fail(std::string const& reason) {
-    if (!mFailed) say(reason);
-    mFailed = true;
+void Caller::fail(std::string const& reason, int status) {
+    if (mStatus == EXIT_OK) {
+        say(reason);
+        mStatus = status;
+    }
     mIo.stop();
 }
 
@@ -157,20 +245,31 @@ int Caller::conclude() {
     mReport.p99Micros = mLatencies.percentile(99);
     if (mOptions.report) std::printf("%s\n", mReport.line().c_str());
     require(std::fflush(stdout) == 0);
-    if (mOptions.stats) {
-        std::chrono::duration<double> const seconds = Clock::now() - mStart;
-        std::fprintf(stderr, "requests %zu, replies %zu, lost %zu, p50 %s, p99 %s, %.2f s\n",
-                     mReport.requests, mReport.replies, mReport.lost,
-                     formatMicros(mReport.p50Micros).c_str(),
-                     formatMicros(mReport.p99Micros).c_str(), seconds.count());
-    } else if (mReport.lost > 0) {
-        say(std::to_string(mReport.lost) + " of " + std::to_string(mReport.requests) +
-            " requests got no reply");
-    }
+    if (mOptions.stats) printStats();
+    if (mReport.lost > 0) explainLost();
     if (mReport.wrong > 0)
         say(std::to_string(mReport.wrong) + " replies were not the request's bytes");
-    bool const all = mReport.complete() && mReport.requests == mOptions.count;
-    return all && !mFailed ? EXIT_OK : EXIT_FAILED;
+    bool const all = mReport.complete() && isAllSent();
+    return mStatus == EXIT_OK && !all ? EXIT_FAILED : mStatus;
+}
+
+void Caller::printStats() const {
+    std::chrono::duration<double> const seconds = Clock::now() - mStart;
+    std::fprintf(stderr, "requests %zu, replies %zu, lost %zu, p50 %s, p99 %s, %.2f s\n",
+                 mReport.requests, mReport.replies, mReport.lost,
+                 formatMicros(mReport.p50Micros).c_str(), formatMicros(mReport.p99Micros).c_str(),
+                 seconds.count());
+}
+
+void Caller::explainLost() {
+    std::string text = std::to_string(mReport.lost) + " of " + std::to_string(mReport.requests) +
+                       " requests got no reply";
+    if (!mStatusOfHost.empty()) {
+        NoReply const why = NoReply::explain(mStatusOfHost, mBusiness.toString(), mReport.lost);
+        text += ": " + why.reason;
+        if (mStatus == EXIT_OK) mStatus = why.exitStatus;
+    }
+    say(text);
 }
 
 }  // namespace

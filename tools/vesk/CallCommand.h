@@ -21,11 +21,14 @@ struct CallOptions {
     bool verify = false;  // each reply must equal its request
     bool stats = false;
     bool report = false;
+    bool hex = false;           // print each reply as a line of hex digits
+    bool lines = false;         // each line of the payload is a request
+    size_t intervalMillis = 0;  // between the requests
 };
 
 /**
  * vesk call: sends requests to a business and prints the replies. Returns 0 only when every reply
- * came (and, with `verify`, was right).
+ * came (and, with `verify`, was right), and else a status that says what was wrong.
  */
 int runCall(CallOptions const& options);
 

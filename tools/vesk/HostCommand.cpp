@@ -12,6 +12,7 @@
 
 #include "EndSignals.h"
 #include "Errors.h"
+#include "HostAddress.h"
 #include "HostLog.h"
 
 namespace vesk::tool {
@@ -27,6 +28,12 @@ void raiseDescriptorLimit() {
     ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+std::string clientsPath(HostOptions const& options) {
+    return hostkit::parseUnixPath("--clients", options.clients.empty()
+                                                       ? HostAddress::defaultSocket("--clients")
+                                                       : options.clients);
+}
+
 }  // namespace
 
 int runHost(HostOptions const& options) {
@@ -39,7 +46,7 @@ int runHost(HostOptions const& options) {
     hostkit::Host::Options host;
     host.channel = hostkit::Endpoint::parse(options.channel);
     host.listen = options.listen;
-    host.clients = hostkit::parseUnixPath("--clients", options.clients);
+    host.clients = clientsPath(options);
     host.topics = options.topics;
     host.localTopics = options.localTopics;
     host.limits = hostkit::FlowLimits(options.memoryMib * hostkit::FlowLimits::MIB);

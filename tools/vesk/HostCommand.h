@@ -12,7 +12,7 @@ namespace vesk::tool {
 struct HostOptions {
     std::string channel;  // an endpoint
     bool listen = false;
-    std::string clients;  // unix:PATH
+    std::string clients;  // unix:PATH; empty: the default
     std::vector<std::string> topics;
     std::vector<std::string> localTopics;
     hostkit::SocketAccess access;       // to the sockets that it creates

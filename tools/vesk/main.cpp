@@ -58,7 +58,10 @@ private:
 constexpr size_t DAY = 86400000;  // in milliseconds
 
 void addHostAddress(CLI::App* sub, HostAddress& address) {
-    sub->add_option("--host", address.host, "The host's client socket: unix:PATH")->required();
+    sub->add_option("--host", address.host,
+                    "The host's client socket: unix:PATH (default: $VESK_HOST, else that of a host "
+                    "without --clients)")
+            ->envname("VESK_HOST");
     sub->add_flag("--any-owner", address.anyOwner,
                   "Talk also to a host of another user, who can read everything");
 }
@@ -98,8 +101,9 @@ void addHost(CLI::App& app, HostOptions& options, Command& command) {
             ->required();
     sub->add_flag("--listen", options.listen,
                   "Wait for the peer at a unix: or tcp: channel instead of connecting to it");
-    sub->add_option("--clients", options.clients, "The socket for local clients: unix:PATH")
-            ->required();
+    sub->add_option("--clients", options.clients,
+                    "The socket for local clients: unix:PATH (default: vesk-host in "
+                    "$XDG_RUNTIME_DIR)");
     sub->add_option("--topic", options.topics,
                     "Serve this topic with the peer; may be repeated (default: all there are)");
     sub->add_option("--local-topic", options.localTopics,
@@ -151,22 +155,35 @@ void addProvide(CLI::App& app, ProvideOptions& options, Command& command) {
 }
 
 void addCall(CLI::App& app, CallOptions& options, Command& command) {
-    CLI::App* sub = app.add_subcommand(
-            "call",
-            "Sends requests to a business and prints the replies; succeeds only when every "
-            "reply came");
+    CLI::App* sub = app.add_subcommand("call",
+                                       "Sends requests to a business and prints the replies, their "
+                                       "exact bytes where stdout is "
+                                       "no terminal; succeeds only when every reply came");
+    sub->footer(
+            "Exit status: 0 every reply came, 1 failure, 2 wrong usage or refused, 3 no host; and "
+            "where replies did not come: 4 its channel is down, 5 nobody provides the business, 6 "
+            "the peer has not acknowledged, 7 it has and nobody answered; 130 interrupted.\n"
+            "Examples:\n"
+            "  vesk call test/test --data hello\n"
+            "  seq 1000 | vesk call test/test --lines --window 16 --stats");
     addHostAddress(sub, options.address);
     sub->add_option("business", options.business, "TOPIC/BUSINESS")->required();
     CLI::Option_group* payload =
             sub->add_option_group("payload", "What to send, up to 65535 bytes (default: stdin)");
     payload->add_option("--data", options.data, "This text");
-    payload->add_option("--file", options.file, "The content of this file");
+    payload->add_option("--file", options.file, "The content of this file; - is stdin");
+    payload->add_flag("--lines", options.lines,
+                      "Each line of stdin, without its end, as a request of its own; as many "
+                      "requests as lines");
     payload->add_option("--random-size", options.randomSize,
                         "Random bytes, another length up to this one for each request")
             ->transform(WholeNumber(0, MAX_PAYLOAD_SIZE));
     payload->require_option(0, 1);
     sub->add_option("--count", options.count, "Number of requests")
             ->transform(WholeNumber(1, 1000000000))
+            ->capture_default_str();
+    sub->add_option("--interval", options.intervalMillis, "Milliseconds between two requests")
+            ->transform(WholeNumber(0, DAY))
             ->capture_default_str();
     sub->add_option("--window", options.window, "Requests that may be outstanding")
             ->transform(WholeNumber(1, 32768))
@@ -179,6 +196,7 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
             ->transform(WholeNumber(1, DAY))
             ->capture_default_str();
     sub->add_flag("--verify", options.verify, "Count a reply that is no echo as a failure");
+    sub->add_flag("--hex", options.hex, "Print each reply as a line of hex digits");
     sub->add_flag("--stats", options.stats, "Print count, lost, p50 and p99 to stderr");
     sub->add_flag("--report", options.report,
                   "Print, instead of the replies, lines for a program: 'progress REPLIES' and last "
@@ -296,6 +314,9 @@ int main(int argc, char** argv) {
     } catch (vesk::tool::UsageError const& error) {
         vesk::tool::say(error.what());
         return vesk::tool::EXIT_USAGE;
+    } catch (vesk::tool::NoHost const& error) {
+        vesk::tool::say(error.what());
+        return vesk::tool::EXIT_NO_HOST;
     } catch (std::exception const& error) {
         vesk::tool::say(error.what());
         return vesk::tool::EXIT_FAILED;

@@ -153,6 +153,10 @@ public:
      */
     std::string status(StatusFormat format);
 
+    /** The same without waiting. `done` is called exactly once, without a text for a failure. */
+    void status(StatusFormat format,
+                std::function<void(std::optional<std::string> const& text)> done);
+
     /**
      * Runs a task on the client's thread, between two callbacks: what only callbacks and tasks use
      * needs no lock. One that has not begun when the client is destroyed never does.

@@ -95,6 +95,7 @@ struct VESK_EXPORT HostStatus {
     // What of() cannot know; a host that does, fills it in.
     std::optional<uint64_t> channelMillis;  // for so long the channel has been up, or down
     uint64_t reconnects = 0;
+    std::vector<std::string> localTopics;
     std::vector<SlowClient> slowClients;
 };
 

@@ -35,7 +35,7 @@ public:
         std::function<SendGate::Obstacle()> obstacle;  // to one more frame for the peer
         std::function<void(bool)> holdChannel;  // whether to leave unread what the peer sends
         std::function<void(client::Counters&)> addCounters;  // fills in what the host knows
-        /** All that can be counted, but for the clients that do not read. Empty: not told. */
+        /** All but what this class knows itself: slow clients, local topics. Empty: not told. */
         std::function<HostStatus()> status;
         Report report;
         bool joins = true;  // false: clients may only look; the library is not asked for sessions

@@ -1,0 +1,53 @@
+#include "NoReply.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+#include "Errors.h"
+
+namespace vesk::tool {
+
+namespace {
+
+/** The number behind the first member of this name; 0 where there is none. */
+uint64_t numberOf(std::string const& json, std::string const& name) {
+    std::string const key = '"' + name + "\":";
+    size_t const at = json.find(key);
+    return at == std::string::npos ? 0 : std::strtoull(json.c_str() + at + key.size(), nullptr, 10);
+}
+
+/** Whether the host sends the topic's frames to no peer. */
+bool isLocal(std::string const& json, std::string const& topic) {
+    size_t const begin = json.find("\"localTopics\":[");
+    if (begin == std::string::npos) return false;
+    return json.substr(begin, json.find(']', begin) - begin).find('"' + topic + '"') !=
+           std::string::npos;
+}
+
+}  // namespace
+
+NoReply NoReply::explain(std::string const& status, std::string const& business, size_t lost) {
+    std::string const topic = business.substr(0, business.find('/'));
+    if (isLocal(status, topic)) {
+        std::string const served = "\"topic\":\"" + topic + "\",\"business\":\"" +
+                                   business.substr(topic.size() + 1) + "\",\"providers\":";
+        size_t const at = status.find(served);
+        bool const isProvided = at != std::string::npos && status[at + served.size()] != '0';
+        if (isProvided) return {EXIT_NOT_ANSWERED, "its provider on this host has not answered"};
+        return {EXIT_NO_PROVIDER, "nobody provides " + business + " on this host"};
+    }
+    if (status.find("\"up\":false") != std::string::npos) {
+        return {EXIT_CHANNEL_DOWN, "the host's channel is down since " +
+                                           std::to_string(numberOf(status, "channelMs") / 1000) +
+                                           " s"};
+    }
+    uint64_t const awaiting = numberOf(status, "awaitingAck") + numberOf(status, "pending");
+    if (numberOf(status, "acknowledged") == 0 || awaiting >= lost) {
+        return {EXIT_NOT_ACKNOWLEDGED,
+                "the peer has not acknowledged them: see whether it runs and reads"};
+    }
+    return {EXIT_NOT_ANSWERED, "the peer has acknowledged them and nobody answered: see whether " +
+                                       business + " is provided there"};
+}
+
+}  // namespace vesk::tool
