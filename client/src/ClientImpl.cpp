@@ -27,6 +27,9 @@ constexpr milliseconds RECONNECT_LIMIT{100};
 // What waits behind a slow callback leaves at least this often.
 constexpr milliseconds FLUSH_INTERVAL{1};
 
+// What a request takes beside its payload while it is not answered.
+constexpr size_t REQUEST_OVERHEAD = 64;
+
 constexpr char const* NOT_UNDERSTOOD =
         "the host's messages are not understood; is it another version of vesk?";
 constexpr char const* NO_ANSWER = "the host does not answer; see whether it is stopped";
@@ -45,8 +48,19 @@ auto await(Future future, milliseconds limit) {
 
 class Client::Impl::Request : public Responder::Target {
 public:
-    Request(std::weak_ptr<Impl> client, uint64_t connection, DataMessage const& data)
-        : Target(data.session, data.msgId), mClient(std::move(client)), mConnection(connection) {}
+    Request(std::shared_ptr<Impl> const& client, uint64_t connection, DataMessage const& data)
+        : Target(data.session, data.msgId),
+          mClient(client),
+          mConnection(connection),
+          mSize(REQUEST_OVERHEAD + data.payload.size()) {
+        client->countUnanswered(mSize);
+    }
+    Request(Request const&) = delete;
+    Request& operator=(Request const&) = delete;
+
+    ~Request() override {
+        if (auto const client = mClient.lock()) client->discountUnanswered(mSize);
+    }
 
 private:
     bool send(Bytes const& payload) override {
@@ -56,6 +70,7 @@ private:
 
     std::weak_ptr<Impl> const mClient;
     uint64_t const mConnection;
+    size_t const mSize;
 };
 
 Client::Impl::Impl(std::string path, Options options)
@@ -250,9 +265,8 @@ void Client::Impl::runTasks() {
 /** Returns whether anything came. */
 bool Client::Impl::receive() {
     {
-        // A provider that cannot get rid of its replies takes no further request.
         Lock const lock(mMutex);
-        if (mRole == Role::PROVIDER && backlog() > mOptions.maxBacklog) return false;
+        if (isFull() && !mHungUp) return false;
     }
     switch (mConnection.read(mReader)) {
         case Connection::Result::WOULD_BLOCK:
@@ -344,7 +358,7 @@ void Client::Impl::requested(Message const& message) {
         handler = mHandler;
         connection = mConnections;
     }
-    Responder const responder(std::make_shared<Request>(weak_from_this(), connection, *request));
+    Responder const responder(std::make_shared<Request>(shared_from_this(), connection, *request));
     (*handler)(std::move(request->payload), responder);
 }
 
@@ -396,9 +410,8 @@ void Client::Impl::sleep() {
         Lock const lock(mMutex);
         bool const canSend = mConnection.isOpen() && mLeaving.empty() && !mWaiting.empty();
         if (mStopping || canSend || !mTasks.empty()) return;
-        bool const full = mRole == Role::PROVIDER && backlog() > mOptions.maxBacklog;
         waited[1].events =
-                static_cast<short>((full ? 0 : POLLIN) | (mLeaving.empty() ? 0 : POLLOUT));
+                static_cast<short>((isFull() ? 0 : POLLIN) | (mLeaving.empty() ? 0 : POLLOUT));
         if (auto const next = nextTurn()) {
             auto const left = std::max(*next - Clock::now(), Clock::duration::zero());
             time.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
@@ -410,8 +423,27 @@ void Client::Impl::sleep() {
     ::ppoll(waited, 2, hasTime ? &time : nullptr, nullptr);
     eventfd_t ignored;
     if (waited[0].revents != 0) ::eventfd_read(mWake.get(), &ignored);
+    mHungUp = (waited[1].revents & (POLLHUP | POLLERR)) != 0;
     Lock const lock(mMutex);
     mAsleep = false;
+}
+
+// A provider that cannot get rid of its replies, or does not make them, takes no further request.
+bool Client::Impl::isFull() const {
+    return mRole == Role::PROVIDER &&
+           (backlog() > mOptions.maxBacklog || mUnanswered > mOptions.maxUnanswered);
+}
+
+void Client::Impl::countUnanswered(size_t size) {
+    Lock const lock(mMutex);
+    mUnanswered += size;
+}
+
+void Client::Impl::discountUnanswered(size_t size) {
+    Lock const lock(mMutex);
+    bool const wasFull = isFull();
+    mUnanswered -= size;
+    if (wasFull && !isFull()) wake();
 }
 
 std::optional<Client::Impl::Clock::time_point> Client::Impl::nextTurn() const {

@@ -81,6 +81,9 @@ private:
     void send(Bytes const& message) VESK_REQUIRES(mMutex);
     void wake() VESK_REQUIRES(mMutex);
     size_t backlog() const VESK_REQUIRES(mMutex) { return mWaiting.size() + mUnsent; }
+    bool isFull() const VESK_REQUIRES(mMutex);
+    void countUnanswered(size_t size);
+    void discountUnanswered(size_t size);
     bool isUp() const VESK_REQUIRES(mMutex) { return mUp && (mRole == Role::NONE || mJoined); }
     void refuseToWait() const VESK_REQUIRES(mMutex);
 
@@ -90,8 +93,9 @@ private:
 
     Connection mConnection;
     MessageReader mReader;
-    Bytes mLeaving;    // the thread writes these
-    size_t mSent = 0;  // of mLeaving
+    Bytes mLeaving;        // the thread writes these
+    size_t mSent = 0;      // of mLeaving
+    bool mHungUp = false;  // the host has closed its end
     Clock::time_point mLastFlush = Clock::now();
     Clock::time_point mRetry{};
     std::chrono::milliseconds mBackOff;
@@ -108,7 +112,8 @@ private:
     std::string mWhyLost VESK_GUARDED_BY(mMutex);
     uint64_t mConnections VESK_GUARDED_BY(mMutex) = 1;
     Bytes mWaiting VESK_GUARDED_BY(mMutex);
-    size_t mUnsent VESK_GUARDED_BY(mMutex) = 0;  // of mLeaving
+    size_t mUnsent VESK_GUARDED_BY(mMutex) = 0;      // of mLeaving
+    size_t mUnanswered VESK_GUARDED_BY(mMutex) = 0;  // bytes of requests
     Role mRole VESK_GUARDED_BY(mMutex) = Role::NONE;
     BusinessName mBusiness VESK_GUARDED_BY(mMutex);
     std::shared_ptr<Handler const> mHandler VESK_GUARDED_BY(mMutex);

@@ -6,7 +6,7 @@
 
 namespace vesk::hostkit {
 
-class ClientServer::Impl : public Clients {
+class ClientServer::Impl final : public Clients {
 public:
     using Clients::Clients;
 };

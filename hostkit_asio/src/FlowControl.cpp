@@ -161,7 +161,7 @@ void FlowControl::resume() {
         resume(business.line);
     resume(mChannelLine);
     resume(mShortageLine);
-    for (size_t const local : {0, 1}) {
+    for (size_t const local : {size_t{0}, size_t{1}}) {
         if ((mParts[local] + 1) * PART <= mLimits.parts) resume(mPartLines[local]);
     }
 }

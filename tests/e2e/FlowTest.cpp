@@ -90,6 +90,18 @@ TEST_F(FlowTest, APeerThatOnlySendsIsNotReadFromAfterAWhile) {
     awaitHeard(provider, data(Type::REQUEST, consumer.number(0), 1, "hi"));
 }
 
+TEST_F(FlowTest, AProviderTakesNoMoreThanItCanAnswer) {
+    for (char const* const how : {"--echo", "--exec 'sleep 60'"}) {
+        Process& provider = start("provide test/test --host " + socket("channel") + " " + how);
+        Line& line = accept(*mListener, Line::MESSAGES);
+        awaitHeard(line, joining(PROVIDER));
+        line.say(client::JoinedMessage{7}.encode());
+        EXPECT_LT(line.flood(data(Type::REQUEST, 1, 1, mLong), 64 * MIB), 16 * MIB) << how;
+        line.close();
+        expectEnd(provider, 1, "the host is gone");
+    }
+}
+
 TEST_F(FlowTest, WhoSaysNothingMakesPlace) {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);

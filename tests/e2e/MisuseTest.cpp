@@ -203,7 +203,7 @@ TEST_F(MisuseTest, AJobEndsWithItsCommandItsTimeOrItsProvider) {
 
 TEST_F(MisuseTest, APercentileIsNeverTooLowAndHardlyTooHigh) {
     EXPECT_EQ(tool::LatencyHistogram().percentile(99), 0U);
-    for (uint64_t const unit : {1, 2, 100, 12345, 80000000}) {
+    for (uint64_t const unit : {1U, 2U, 100U, 12345U, 80000000U}) {
         tool::LatencyHistogram histogram;
         for (uint64_t i = 1; i <= 1000; ++i)
             histogram.add(i * unit);

@@ -21,8 +21,7 @@ namespace vesk::tool {
 namespace {
 
 /**
- * Reads every request at once and keeps those that wait for a free job, so that its need of memory
- * is bounded by what its consumers have outstanding.
+ * Keeps the requests that wait for a free job; the client bounds them, together with those at work.
  *
  * Threads: requests come on the client's thread; jobs belong to the one that runs the io_context,
  *          where processes are started.

@@ -64,6 +64,12 @@ public:
         size_t maxBacklog = size_t{8} * 1024 * 1024;
 
         /**
+         * Bytes of requests that a provider may be at work on. A request counts, with its payload
+         * and 64 bytes, as long as there is a Responder for it; with more, no further one is read.
+         */
+        size_t maxUnanswered = size_t{1024} * 1024;
+
+        /**
          * The host is gone, or not understood, or has refused something: for good, or until onBack
          * where `reconnect` says so. Called once for each loss. May be empty.
          */

@@ -48,7 +48,7 @@ namespace vesk::client {
  * - A consumer has to read while it writes. It is paused while more than 128 KiB wait for it, until
  *   that is below 64; while the replies to what it has asked may come to 3.8 MiB, less in its first
  *   moments; and while the requests of its business that had no reply come to 1 MiB, for 3 seconds
- *   at most, and then, as long as no reply comes at all, for 100 ms. It slows only itself.
+ *   at most, and then, as long as no reply comes at all, for 250 ms. It slows only itself.
  * - A provider may finish a reply before it reads on: while the host leaves unread what it sends,
  *   its time does not count. Otherwise it has 3 seconds for each request while more than 2 MiB wait
  *   for it; then it is disconnected.

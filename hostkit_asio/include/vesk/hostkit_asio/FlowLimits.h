@@ -20,7 +20,7 @@ struct FlowLimits {
     static constexpr std::chrono::milliseconds PATIENCE{3000};
 
     /** The same, for a consumer of whose requests the last had no reply. */
-    static constexpr std::chrono::milliseconds SHORT_PATIENCE{100};
+    static constexpr std::chrono::milliseconds SHORT_PATIENCE{250};
 
     /** How long anybody may have something waiting while memory is short. */
     static constexpr std::chrono::milliseconds SHORTAGE_PATIENCE{1000};
