@@ -150,7 +150,7 @@ struct VESK_EXPORT Counters {
 /** A message without a body, or one whose body is text. */
 VESK_EXPORT Bytes encodeMessage(MessageType type, std::string const& body = {});
 
-struct StatusMessage {
+struct VESK_EXPORT StatusMessage {
     Bytes encode() const;
     static std::optional<StatusMessage> decode(Bytes const& body);
 
