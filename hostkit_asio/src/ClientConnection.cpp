@@ -13,13 +13,13 @@ namespace vesk::hostkit {
 using Result = client::MessageReader::Result;
 
 ClientConnection::ClientConnection(uint32_t id, asio::local::stream_protocol::socket socket,
-                                   Owner& owner, Shared& shared, size_t limit)
+                                   Owner& owner, std::shared_ptr<Shared> shared, size_t limit)
     : mId(id),
       mSocket(std::move(socket)),
       mOwner(owner),
-      mShared(shared),
+      mShared(std::move(shared)),
       mLimit(limit),
-      mBacklog(shared.backlog) {}
+      mBacklog(mShared->backlog) {}
 
 void ClientConnection::start() {
     awaitEnd();
@@ -61,13 +61,13 @@ void ClientConnection::take() {
 
 // Looks at what has come and takes out of the socket only what the owner has taken.
 void ClientConnection::takeWhole() {
-    ssize_t const size = receive(mShared.chunk.data(), mShared.chunk.size(), MSG_PEEK);
+    ssize_t const size = receive(mShared->chunk.data(), mShared->chunk.size(), MSG_PEEK);
     if (size <= 0) return;
     size_t used = 0;
     Result result = Result::MESSAGE;
     while (result == Result::MESSAGE && !mPaused && !mClosed && !mRefused) {
         size_t taken = 0;
-        result = offer(mShared.chunk.data() + used, static_cast<size_t>(size) - used, taken);
+        result = offer(mShared->chunk.data() + used, static_cast<size_t>(size) - used, taken);
         used += taken;
     }
     if (mClosed) return;
@@ -77,13 +77,13 @@ void ClientConnection::takeWhole() {
 
 // Offers the message that stands at the beginning of these bytes.
 Result ClientConnection::offer(uint8_t const* bytes, size_t size, size_t& taken) {
-    Result const result = client::MessageReader::cut(bytes, size, mShared.message, taken);
+    Result const result = client::MessageReader::cut(bytes, size, mShared->message, taken);
     if (result == Result::EMPTY) {
         mOwner.onBadMessage(*this, "a message without a type");
     } else if (result == Result::TOO_LONG) {
         mOwner.onBadMessage(*this, "a message is too long; a payload has " +
                                            std::to_string(MAX_PAYLOAD_SIZE) + " bytes at most");
-    } else if (result == Result::MESSAGE && !mOwner.onMessage(*this, mShared.message)) {
+    } else if (result == Result::MESSAGE && !mOwner.onMessage(*this, mShared->message)) {
         taken = 0;
         pause();
     }
@@ -91,13 +91,13 @@ Result ClientConnection::offer(uint8_t const* bytes, size_t size, size_t& taken)
 }
 
 void ClientConnection::beginPart(size_t size) {
-    size_t const whole = client::MessageReader::sizeOf(mShared.chunk.data(), size);
+    size_t const whole = client::MessageReader::sizeOf(mShared->chunk.data(), size);
     if (!mOwner.onPart(*this, whole)) return pause();
     if (mClosed || mRefused) return;
     mPartSince = Backlog::Clock::now();
-    auto const end = mShared.chunk.begin() + static_cast<client::Bytes::difference_type>(size);
+    auto const end = mShared->chunk.begin() + static_cast<client::Bytes::difference_type>(size);
     mPart.reserve(whole);
-    mPart.assign(mShared.chunk.begin(), end);
+    mPart.assign(mShared->chunk.begin(), end);
     discard(size);
 }
 
@@ -105,9 +105,9 @@ void ClientConnection::beginPart(size_t size) {
 void ClientConnection::takePart() {
     size_t const whole = client::MessageReader::sizeOf(mPart.data(), mPart.size());
     if (size_t const missing = whole - mPart.size(); missing > 0) {
-        ssize_t const size = receive(mShared.chunk.data(), missing, 0);
+        ssize_t const size = receive(mShared->chunk.data(), missing, 0);
         if (size <= 0) return;
-        mPart.insert(mPart.end(), mShared.chunk.begin(), mShared.chunk.begin() + size);
+        mPart.insert(mPart.end(), mShared->chunk.begin(), mShared->chunk.begin() + size);
     }
     size_t taken = 0;
     offer(mPart.data(), mPart.size(), taken);
@@ -125,7 +125,7 @@ ssize_t ClientConnection::receive(uint8_t* bytes, size_t size, int flags) {
 
 void ClientConnection::discard(size_t size) {
     while (size > 0 && !mClosed) {
-        ssize_t const received = receive(mShared.chunk.data(), size, 0);
+        ssize_t const received = receive(mShared->chunk.data(), size, 0);
         if (received <= 0) return;
         size -= static_cast<size_t>(received);
     }

@@ -55,7 +55,7 @@ public:
     };
 
     ClientConnection(uint32_t id, asio::local::stream_protocol::socket socket, Owner& owner,
-                     Shared& shared, size_t limit);
+                     std::shared_ptr<Shared> shared, size_t limit);
 
     uint32_t id() const { return mId; }
 
@@ -111,7 +111,7 @@ private:
     uint32_t const mId;
     asio::local::stream_protocol::socket mSocket;
     Owner& mOwner;
-    Shared& mShared;
+    std::shared_ptr<Shared> const mShared;  // a connection may outlive its owner by a handler
     size_t const mLimit;
     client::Bytes mPart;  // the beginning of a message, or one that waits to be taken
     Backlog::Clock::time_point mPartSince;

@@ -35,10 +35,11 @@ Clients::Clients(asio::io_context& io, std::string const& path, std::set<std::st
       mLocalTopics(std::move(localTopics)),
       mLimits(limits),
       mServices(std::move(services)),
-      mFlow(io, mLimits, mServices, mClients, mShared.backlog) {}
+      mFlow(io, mLimits, mServices, mClients, mShared->backlog) {}
 
 Clients::~Clients() {
-    for (auto const& [id, client] : mClients) {
+    for (auto& [id, client] : mClients) {
+        client.unanswered.reset();  // it counts in what mFlow holds, which goes before the clients
         if (client.session) removeSession(id);
     }
 }

@@ -58,7 +58,8 @@ private:
     std::set<std::string> const mLocalTopics;
     FlowLimits const mLimits;
     Services const mServices;
-    ClientConnection::Shared mShared;
+    std::shared_ptr<ClientConnection::Shared> const mShared =
+            std::make_shared<ClientConnection::Shared>();
     ClientTable mClients;
     FlowControl mFlow;
     std::set<std::string> mTopics;
