@@ -26,7 +26,7 @@ namespace vesk::client {
  */
 class Client::Impl : public std::enable_shared_from_this<Impl> {
 public:
-    enum class Role : uint8_t { NONE, CONSUMER, PROVIDER };
+    enum class Role : uint8_t { NONE, CONSUMER = 1, PROVIDER = 2 };  // as JOIN has them
     using QueryDone = std::function<void(std::optional<Counters> const& counters)>;
     /** Gets the body of the answer, or null when there will be none. */
     using Answered = std::function<void(Bytes const* body)>;

@@ -151,6 +151,7 @@ TEST_F(HostTest, ACommandOrADeviceCarriesAChannelAndTheCommandEndsWithIt) {
     near.signal(SIGKILL);
     expectEnd(provider, 1, "the host is gone");
     std::filesystem::remove(path("host"));
+    expectEnd(start("host --channel stdio: --clients " + socket("host")), 0, "channel down");
 
     ASSERT_EQ(::mkfifo(path("loop").c_str(), 0600), 0);
     startHost("dev:" + path("loop"));

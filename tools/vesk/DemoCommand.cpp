@@ -13,6 +13,7 @@
 #include <optional>
 #include <vector>
 
+#include <vesk/VeskProtocol.h>
 #include <vesk/client/BusinessName.h>
 #include <vesk/client/Client.h>
 #include <vesk/hostkit/CatalogueNames.h>
@@ -202,15 +203,15 @@ void Demo::startProviders() {
 
 void Demo::startConsumers() {
     std::printf(
-            "%zu consumers send %zu requests each, of 0 to 65535 bytes, through two hosts to "
+            "%zu consumers send %zu requests each, of 0 to %zu bytes, through two hosts to "
             "%zu providers\n",
-            mBusinesses.size(), mOptions.requests, mBusinesses.size());
+            mBusinesses.size(), mOptions.requests, MAX_PAYLOAD_SIZE, mBusinesses.size());
     flushOutput();
     for (std::string const& business : mBusinesses) {
-        hostkit::ChildProcess::Options options =
-                vesk({"call", "--host", "unix:" + mNear, business, "--random-size", "65535",
-                      "--count", std::to_string(mOptions.requests), "--window", "16", "--timeout",
-                      "30000", "--verify", "--report"});
+        hostkit::ChildProcess::Options options = vesk(
+                {"call", "--host", "unix:" + mNear, business, "--random-size",
+                 std::to_string(MAX_PAYLOAD_SIZE), "--count", std::to_string(mOptions.requests),
+                 "--window", "16", "--timeout", "30000", "--verify", "--report"});
         options.pipeOutput = true;
         mConsumers.push_back(std::make_unique<Consumer>(mIo, business, options));
     }

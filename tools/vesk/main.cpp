@@ -168,8 +168,9 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
             "  seq 1000 | vesk call test/test --lines --window 16 --stats");
     addHostAddress(sub, options.address);
     sub->add_option("business", options.business, "TOPIC/BUSINESS")->required();
-    CLI::Option_group* payload =
-            sub->add_option_group("payload", "What to send, up to 65535 bytes (default: stdin)");
+    CLI::Option_group* payload = sub->add_option_group(
+            "payload",
+            "What to send, up to " + std::to_string(MAX_PAYLOAD_SIZE) + " bytes (default: stdin)");
     payload->add_option("--data", options.data, "This text");
     payload->add_option("--file", options.file, "The content of this file; - is stdin");
     payload->add_flag("--lines", options.lines,

@@ -136,8 +136,8 @@ public:
      * Sends a request. Throws std::invalid_argument for a payload of more than 65,535 bytes and
      * std::logic_error for one who has not joined.
      *
-     * @param done is called exactly once where the result is YES, on the client's thread and perhaps
-     *             before this returns, and never where it is not.
+     * @param done is called exactly once where the result is YES, on the client's thread and
+     *             perhaps before this returns, and never where it is not.
      */
     Sent call(Bytes payload, std::chrono::milliseconds timeout, Done done);
 

@@ -20,7 +20,7 @@ namespace vesk::hostkit {
 struct Endpoint {
     enum class Kind { UNIX, TCP, TTY, DEV, EXEC, STDIO };
 
-    /** Throws std::invalid_argument, which says what was wrong with the text and what would be right. */
+    /** Throws std::invalid_argument, which says what is wrong and what would be right. */
     static Endpoint parse(std::string const& text);
 
     std::string toString() const;
