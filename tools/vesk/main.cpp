@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <csignal>
+#include <cstdio>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -12,12 +13,14 @@
 #include <vesk/VeskProtocol.h>
 #include <CLI/CLI.hpp>
 
+#include "BashCompletion.h"
 #include "CallCommand.h"
 #include "DecodeCommand.h"
 #include "DemoCommand.h"
 #include "Errors.h"
 #include "HostCommand.h"
 #include "ListCommand.h"
+#include "ManualPage.h"
 #include "ProvideCommand.h"
 #include "StatusCommand.h"
 #include "WatchCommand.h"
@@ -254,6 +257,21 @@ void addDemo(CLI::App& app, DemoOptions& options, Command& command) {
     sub->callback([&] { command = [&] { return runDemo(options); }; });
 }
 
+// For the build, which installs what this prints.
+void addManual(CLI::App& app, std::string& form, Command& command) {
+    CLI::App* sub = app.add_subcommand("manual", "Prints the manual page or the bash completion");
+    sub->group("");
+    sub->add_option("form", form)->required()->check(CLI::IsMember({"man", "bash"}));
+    sub->callback([&] {
+        command = [&] {
+            CommandLine const program(app);
+            std::string const text = form == "man" ? manualPage(program) : bashCompletion(program);
+            std::fputs(text.c_str(), stdout);
+            return EXIT_OK;
+        };
+    });
+}
+
 // Help goes to stdout, what is wrong with the command line to stderr.
 int explain(CLI::App const& app, CLI::ParseError const& error) {
     std::stringstream wrong;
@@ -275,6 +293,7 @@ int run(int argc, char** argv) {
     ListOptions list;
     DecodeOptions decode;
     DemoOptions demo;
+    std::string form;
     Command command;
     app.set_version_flag("--version", "vesk " VESK_VERSION);
     app.add_flag("-v,--verbose", verbose, "Print the library's log lines to stderr");
@@ -289,6 +308,7 @@ int run(int argc, char** argv) {
     addList(app, list, command);
     addDecode(app, decode, command);
     addDemo(app, demo, command);
+    addManual(app, form, command);
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {
