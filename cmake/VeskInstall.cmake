@@ -4,6 +4,9 @@
 
 include(CMakePackageConfigHelpers)
 
+# What is for programs that are built against the library, unless it says otherwise.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
+
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vesk)
 get_target_property(refbase_libraries vesk_refbase INTERFACE_LINK_LIBRARIES)
 set(VESK_WITH_LIBUTILS OFF)
@@ -24,6 +27,7 @@ endif()
 set_target_properties(vesk_refbase PROPERTIES EXPORT_NAME refbase)
 set_target_properties(vesk_testkit PROPERTIES EXPORT_NAME testkit)
 install(TARGETS vesk quillexutils vesk_refbase EXPORT vesk
+    LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT vesk FILE veskTargets.cmake NAMESPACE vesk:: DESTINATION ${package_dir})
 
@@ -40,8 +44,9 @@ endif()
 # The kits, each in a component of its own: the library does without them, and most users too.
 function(install_kit kit)  # and targets that it needs and nobody else installs
     set_target_properties(vesk_${kit} PROPERTIES EXPORT_NAME ${kit})
-    install(TARGETS vesk_${kit} ${ARGN} EXPORT vesk-${kit} COMPONENT ${kit}
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    install(TARGETS vesk_${kit} ${ARGN} EXPORT vesk-${kit}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT ${kit}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${kit}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
     install(EXPORT vesk-${kit} FILE vesk-${kit}Targets.cmake NAMESPACE vesk::
         DESTINATION ${package_dir} COMPONENT ${kit})
@@ -88,8 +93,15 @@ if(TARGET vesk_tool)
     set_target_properties(vesk_tool PROPERTIES
         INSTALL_RPATH "$ORIGIN/${libraries_from_tool}"
         INSTALL_RPATH_USE_LINK_PATH ON)
-    install(TARGETS vesk_tool)
-    install(FILES tools/wireshark/vesk.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/vesk)
+    install(TARGETS vesk_tool COMPONENT tool)
+    install(FILES tools/wireshark/vesk.lua DESTINATION ${CMAKE_INSTALL_DATADIR}/vesk COMPONENT tool)
+    install(FILES $<TARGET_FILE_DIR:vesk_tool>/vesk.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+    install(FILES $<TARGET_FILE_DIR:vesk_tool>/vesk.bash RENAME vesk
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+    install(FILES tools/systemd/vesk-host@.service DESTINATION lib/systemd/system COMPONENT tool)
+    install(FILES tools/systemd/vesk-host.env DESTINATION ${CMAKE_INSTALL_DATADIR}/vesk
+        COMPONENT tool)
 endif()
 
 # As they stand in the tree, so that the links among them hold; but the README is one that names
@@ -100,3 +112,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/README.installed.md RENAME README.md
 install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs examples abi DESTINATION ${CMAKE_INSTALL_DOCDIR}
         PATTERN Doxyfile EXCLUDE)
+
+if(VESK_SHARED AND TARGET vesk_tool AND PROJECT_IS_TOP_LEVEL)
+    include(VeskPackages)
+endif()
