@@ -235,8 +235,7 @@ std::vector<HostStatus::SlowClient> Clients::slowClients() const {
     for (auto const& [id, client] : mClients) {
         auto const waited = Backlog::Clock::now() - client.connection->waitingSince();
         if (client.connection->backlog() == 0 || waited < SLOW) continue;
-        using Milliseconds = std::chrono::milliseconds;
-        auto const millis = std::chrono::duration_cast<Milliseconds>(waited).count();
+        auto const millis = std::chrono::duration_cast<std::chrono::milliseconds>(waited).count();
         found.push_back({id, client.connection->backlog(), static_cast<uint64_t>(millis)});
     }
     return found;

@@ -135,8 +135,8 @@ void callAfterTheEnd() {
     vesk->getTopic(2)->addSession(9, true, session);
 }
 
-// Also where sessions are being made and announced while the process ends. What is registered before
-// the instance is made runs after its end.
+// Also where sessions are being made and announced while the process ends. What is registered
+// before the instance is made runs after its end.
 void nothingStays() {
     static std::vector<std::weak_ptr<void>> kept;
     static std::thread threads[2];

@@ -92,7 +92,9 @@ Caller::Caller(asio::io_context& io, CallOptions const& options)
       mTimer(io) {
     client::Client::Options how = options.address.options();
     how.limit = std::chrono::milliseconds(options.joinTimeoutMillis);
-    how.onLost = [this](std::string const& reason) { fail(reason, EXIT_NO_HOST); };
+    how.onLost = [this](std::string const& reason) {
+        if (!mFinished) fail(reason, EXIT_NO_HOST);
+    };
     std::string const path = options.address.path();
     try {
         mHost.emplace(path, how);

@@ -27,8 +27,8 @@ namespace vesk::client {
  *            callback, one at a time. Every operation may be called from any thread and from inside
  *            a callback, but for those that wait: the constructor waits on the calling thread;
  *            join(), serve(), query() and status() throw std::logic_error inside a callback of this
- *            client, because the answer would have to come through the same thread. Nor may a callback wait
- *            for a future of this client.
+ *            client, because the answer would have to come through the same thread. Nor may a
+ *            callback wait for a future of this client.
  * Callbacks: no lock is held. While one runs, nothing is read: the host makes a client wait for its
  *            own slowness alone, and closes one that leaves its messages unread for too long (see
  *            ClientProtocol.h). An exception that leaves a callback ends the process.
@@ -154,8 +154,9 @@ public:
     void query(std::function<void(std::optional<Counters> const& counters)> done);
 
     /**
-     * What the host tells about itself, for a person or as one JSON object. Waits for it, and throws
-     * std::runtime_error when it does not come. A host of an older version refuses the question.
+     * What the host tells about itself, for a person or as one JSON object. Waits for it, and
+     * throws std::runtime_error when it does not come. A host of an older version refuses the
+     * question.
      */
     std::string status(StatusFormat format);
 

@@ -12,9 +12,9 @@
 namespace vesk::hostkit {
 
 /**
- * Counts the frames of a channel, by direction and type, and the requests that found no provider, by
- * business, as a host feeds it: in() with each frame before VeskQueue::receiveFromChannel() gets it,
- * out() in VeskCallback::sendToChannel(), and delivered() in VeskCallback::receive().
+ * Counts the frames of a channel, by direction and type, and the requests that found no provider,
+ * by business, as a host feeds it: in() with each frame before VeskQueue::receiveFromChannel() gets
+ * it, out() in VeskCallback::sendToChannel(), and delivered() in VeskCallback::receive().
  *
  * Threads: every operation may be called from any thread. The counters are independent: a reader
  *          may see one updated before another. Nothing resets them.
