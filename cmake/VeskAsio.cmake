@@ -1,5 +1,5 @@
-# Standalone Asio, for the parts of a host that do I/O. A target of its own, so that whoever uses them
-# gets its options as well; there is none where Asio is not installed.
+# Standalone Asio, for the parts of a host that do I/O. A target of its own, so that whoever uses
+# them gets its options as well; there is none where Asio is not installed.
 
 find_path(Asio_INCLUDE_DIR asio/io_context.hpp)
 mark_as_advanced(Asio_INCLUDE_DIR)

@@ -51,6 +51,14 @@ void Client::status(StatusFormat format,
     mImpl->status(format, std::move(done));
 }
 
+void Client::tap(std::function<void(TappedMessage const& tapped)> onFrame) {
+    mImpl->tap(std::move(onFrame));
+}
+
+uint64_t Client::untap() {
+    return mImpl->untap();
+}
+
 void Client::query(std::function<void(std::optional<Counters> const& counters)> done) {
     mImpl->query(std::move(done));
 }

@@ -182,6 +182,19 @@ void Client::Impl::status(StatusFormat format,
     });
 }
 
+void Client::Impl::tap(Tapper onFrame) {
+    Lock const lock(mMutex);
+    if (mTapper) throw std::logic_error("this client taps already; make another one");
+    mTapper = std::make_shared<Tapper const>(std::move(onFrame));
+    if (mUp) send(TapMessage{true}.encode());
+}
+
+uint64_t Client::Impl::untap() {
+    auto const tapped = TappedMessage::decode(askAndWait(TapMessage{false}.encode()));
+    if (!tapped) throw std::runtime_error(NOT_UNDERSTOOD);
+    return tapped->missed;
+}
+
 Bytes Client::Impl::askAndWait(Bytes const& question) {
     auto const promise = std::make_shared<std::promise<std::optional<Bytes>>>();
     {
@@ -307,6 +320,8 @@ void Client::Impl::dispatch(Message const& message) {
         case MessageType::COUNTERS:
         case MessageType::STATUS_TEXT:
             return answered(message);
+        case MessageType::TAPPED:
+            return tapped(message);
         default:
             return;  // a newer host's, which nobody here has asked for
     }
@@ -381,6 +396,18 @@ void Client::Impl::answered(Message const& message) {
     if (Answered const done = takeQuestion()) done(&message.body);
 }
 
+void Client::Impl::tapped(Message const& message) {
+    auto const tapped = TappedMessage::decode(message.body);
+    if (!tapped) return lose(NOT_UNDERSTOOD);
+    if (tapped->bytes.empty()) return answered(message);
+    std::shared_ptr<Tapper const> tapper;
+    {
+        Lock const lock(mMutex);
+        tapper = mTapper;
+    }
+    if (tapper) (*tapper)(*tapped);
+}
+
 // Whatever has gathered leaves in one write.
 void Client::Impl::flush() {
     {
@@ -414,8 +441,10 @@ void Client::Impl::sleep() {
                 static_cast<short>((isFull() ? 0 : POLLIN) | (mLeaving.empty() ? 0 : POLLOUT));
         if (auto const next = nextTurn()) {
             auto const left = std::max(*next - Clock::now(), Clock::duration::zero());
-            time.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(left).count();
-            time.tv_nsec = (left % std::chrono::seconds(1)).count();
+            // Some seconds at most: 32 bits are enough for both.
+            auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+            time.tv_sec = static_cast<time_t>(seconds.count());
+            time.tv_nsec = static_cast<long>((left - seconds).count());
             hasTime = true;
         }
         mAsleep = true;
@@ -529,6 +558,7 @@ void Client::Impl::reconnect() {
                          .encode());
         }
         if (mWatcher) send(encodeMessage(MessageType::WATCH));
+        if (mTapper) send(TapMessage{true}.encode());
     }
     if (joins) return;  // joined() goes on
     mBackOff = BACK_OFF_FIRST;

@@ -30,6 +30,7 @@ public:
     using QueryDone = std::function<void(std::optional<Counters> const& counters)>;
     /** Gets the body of the answer, or null when there will be none. */
     using Answered = std::function<void(Bytes const* body)>;
+    using Tapper = std::function<void(TappedMessage const& tapped)>;
 
     Impl(std::string path, Options options);
 
@@ -45,6 +46,8 @@ public:
     std::string status(StatusFormat format);
     void status(StatusFormat format,
                 std::function<void(std::optional<std::string> const& text)> done);
+    void tap(Tapper onFrame);
+    uint64_t untap();
     void post(std::function<void()> task);
     bool connected() const;
     /** Sends a reply to a request that came through the connection with this number. */
@@ -66,6 +69,7 @@ private:
     void requested(Message const& message);
     void changed(Message const& message);
     void answered(Message const& message);
+    void tapped(Message const& message);
     void flush();
     void flushAfterWhile();
     void sleep();
@@ -119,6 +123,7 @@ private:
     std::shared_ptr<Handler const> mHandler VESK_GUARDED_BY(mMutex);
     std::optional<std::promise<uint16_t>> mJoining VESK_GUARDED_BY(mMutex);
     std::shared_ptr<Watcher const> mWatcher VESK_GUARDED_BY(mMutex);
+    std::shared_ptr<Tapper const> mTapper VESK_GUARDED_BY(mMutex);
     std::deque<std::function<void()>> mTasks VESK_GUARDED_BY(mMutex);
     std::deque<Answered> mQuestions VESK_GUARDED_BY(mMutex);  // the host answers in their order
     Calls mCalls VESK_GUARDED_BY(mMutex);

@@ -192,6 +192,35 @@ std::optional<StatusMessage> StatusMessage::decode(Bytes const& body) {
     return isKnown ? whole(reader, status) : std::nullopt;
 }
 
+Bytes TapMessage::encode() const {
+    return BodyWriter(MessageType::TAP).number(on ? 1 : 0, 1).finish();
+}
+
+std::optional<TapMessage> TapMessage::decode(Bytes const& body) {
+    BodyReader reader(body);
+    auto const on = reader.number<uint8_t>(1);
+    return on <= 1 ? whole(reader, TapMessage{on == 1}) : std::nullopt;
+}
+
+Bytes TappedMessage::encode() const {
+    return BodyWriter(MessageType::TAPPED)
+            .number(micros, 8)
+            .number(out ? 1 : 0, 1)
+            .number(missed, 8)
+            .rest(bytes)
+            .finish();
+}
+
+std::optional<TappedMessage> TappedMessage::decode(Bytes const& body) {
+    BodyReader reader(body);
+    TappedMessage tapped;
+    tapped.micros = reader.number<uint64_t>(8);
+    tapped.out = reader.number<bool>(1);
+    tapped.missed = reader.number<uint64_t>(8);
+    tapped.bytes = reader.rest();
+    return whole(reader, tapped);
+}
+
 Bytes encodeMessage(MessageType type, std::string const& body) {
     return BodyWriter(type).rest(body).finish();
 }

@@ -4,22 +4,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
 
+#include "WallClock.h"
+
 namespace vesk::hostkit {
-
-namespace {
-
-uint64_t microsSince1970() {
-    using std::chrono::duration_cast;
-    auto const now = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(duration_cast<std::chrono::microseconds>(now).count());
-}
-
-}  // namespace
 
 CaptureFile::CaptureFile(std::string const& path, uint64_t limit, std::string const& application,
                          Report report)

@@ -1,6 +1,7 @@
 #include "ClientConnection.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -170,6 +171,14 @@ void ClientConnection::wrote(size_t size) {
         return close("it was refused");
     }
     mOwner.onBacklog(*this);
+}
+
+bool ClientConnection::isTrusted() {
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    bool const known =
+            ::getsockopt(mSocket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+    return known && (peer.uid == ::geteuid() || peer.uid == 0);
 }
 
 Backlog::Clock::time_point ClientConnection::waitingSince() const {

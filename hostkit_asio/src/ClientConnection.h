@@ -80,6 +80,9 @@ public:
 
     size_t backlog() const { return mBacklog.bytes(); }
 
+    /** Whether the client is of the host's user or of root. */
+    bool isTrusted();
+
     /** Since when the first of what waits for it has been waiting; now where nothing does. */
     Backlog::Clock::time_point waitingSince() const;
 

@@ -35,7 +35,8 @@ Clients::Clients(asio::io_context& io, std::string const& path, std::set<std::st
       mLocalTopics(std::move(localTopics)),
       mLimits(limits),
       mServices(std::move(services)),
-      mFlow(io, mLimits, mServices, mClients, mShared->backlog) {}
+      mFlow(io, mLimits, mServices, mClients, mShared->backlog),
+      mTappers(io, mServices.tap) {}
 
 Clients::~Clients() {
     for (auto& [id, client] : mClients) {
@@ -92,6 +93,9 @@ bool Clients::onMessage(ClientConnection& connection, client::Message const& mes
         case client::MessageType::STATUS:
             answerStatus(client, message);
             break;
+        case client::MessageType::TAP:
+            tap(client, message);
+            break;
         default:
             refuse(connection, "a client does not send messages of type " +
                                        std::to_string(static_cast<int>(message.type)));
@@ -124,6 +128,7 @@ void Clients::onClosed(ClientConnection& connection, std::string const& reason) 
     auto const entry = mClients.extract(connection.id());
     Client& client = entry.mapped();
     mFlow.left(client);
+    mTappers.left(connection.id());
     if (connection.evicted()) ++mEvicted;
     // A client that came for a look and leaves as it should is not worth a line.
     if (client.session || connection.evicted()) {
@@ -239,6 +244,15 @@ std::vector<HostStatus::SlowClient> Clients::slowClients() const {
         found.push_back({id, client.connection->backlog(), static_cast<uint64_t>(millis)});
     }
     return found;
+}
+
+void Clients::tap(Client& client, client::Message const& message) {
+    auto const question = client::TapMessage::decode(message.body);
+    if (!question) return refuse(*client.connection, "a TAP message is not of its form");
+    if (!question->on) return mTappers.remove(*client.connection);
+    std::string const why = mTappers.whyNot(*client.connection);
+    if (!why.empty()) return refuse(*client.connection, why);
+    mTappers.add(client.connection);
 }
 
 void Clients::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {

@@ -16,6 +16,7 @@
 #include "Client.h"
 #include "ClientConnection.h"
 #include "FlowControl.h"
+#include "Tappers.h"
 #include "UnixListener.h"
 
 namespace vesk::hostkit {
@@ -48,6 +49,7 @@ private:
     void watch(Client& client);
     void answerQuery(Client& client);
     void answerStatus(Client& client, client::Message const& message);
+    void tap(Client& client, client::Message const& message);
     std::vector<HostStatus::SlowClient> slowClients() const;
     void broadcast(client::Bytes const& message);
     void send(ClientConnection& connection, client::Bytes message);
@@ -62,6 +64,7 @@ private:
             std::make_shared<ClientConnection::Shared>();
     ClientTable mClients;
     FlowControl mFlow;
+    Tappers mTappers;
     std::set<std::string> mTopics;
     std::multiset<std::pair<std::string, std::string>> mProviders;
     uint32_t mLastClientId = 0;

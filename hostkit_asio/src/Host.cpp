@@ -14,6 +14,7 @@
 #include <vesk/hostkit/TrafficCounters.h>
 #include <vesk/hostkit_asio/Channel.h>
 #include <vesk/hostkit_asio/ClientServer.h>
+#include <vesk/hostkit_asio/Tap.h>
 
 #include "HostCallback.h"
 
@@ -98,6 +99,7 @@ private:
     std::shared_ptr<VeskQueue> const mQueue = Vesk::getInstance()->getQueue();
     Report const mReport;
     TrafficCounters mTraffic;
+    Tap mTap;
     Channel mChannel;
     SendGate const mGate;
     bool mClientsHold = false;
@@ -112,7 +114,7 @@ Host::Impl::Impl(asio::io_context& io, Options const& options)
       mGate(*mQueue, mChannel.outbox(), gateLimits(options.limits)),
       mClients(io, options.clients, {options.localTopics.begin(), options.localTopics.end()},
                options.limits, services(options)),
-      mCallback(new HostCallback(mChannel, mClients, mTraffic)) {
+      mCallback(new HostCallback(mChannel, mClients, mTraffic, mTap)) {
     refuseOwnSocket(options);  // by another name, now that it is there
     Vesk::getInstance()->init(mCallback);
     createTopics(options);
@@ -139,7 +141,8 @@ ClientServer::Services Host::Impl::services(Options const& options) {
             [this] { return status(); },
             mReport,
             true,
-            options.access};
+            options.access,
+            &mTap};
 }
 
 void Host::Impl::createTopics(Options const& options) {
@@ -171,6 +174,7 @@ void Host::Impl::holdChannel() {
 
 void Host::Impl::received(std::shared_ptr<VeskFrame> const& frame) {
     mTraffic.in(*frame);
+    mTap.in(*frame);
     mQueue->receiveFromChannel(frame);
 }
 

@@ -21,6 +21,7 @@ void HostCallback::sendToChannel(std::vector<uint8_t> bytes) {
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mChannel) return;
     mTraffic->out(bytes);
+    mTap->out(bytes);
     mChannel->write(std::move(bytes));
 }
 

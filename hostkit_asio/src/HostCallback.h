@@ -7,6 +7,7 @@
 #include <vesk/hostkit/TrafficCounters.h>
 #include <vesk/hostkit_asio/Channel.h>
 #include <vesk/hostkit_asio/ClientServer.h>
+#include <vesk/hostkit_asio/Tap.h>
 
 namespace vesk::hostkit {
 
@@ -22,8 +23,9 @@ namespace vesk::hostkit {
 class HostCallback : public VeskCallback {
 public:
     /** They must live until detach(). */
-    HostCallback(Channel& channel, ClientServer& clients, TrafficCounters& traffic)
-        : mChannel(&channel), mClients(&clients), mTraffic(&traffic) {}
+    HostCallback(Channel& channel, ClientServer& clients,
+                 TrafficCounters& traffic, Tap& tap)
+        : mChannel(&channel), mClients(&clients), mTraffic(&traffic), mTap(&tap) {}
 
     /** On the host's thread. */
     void detach() VESK_EXCLUDES(mMutex);
@@ -42,7 +44,9 @@ private:
     std::mutex mMutex;
     Channel* mChannel VESK_GUARDED_BY(mMutex);
     ClientServer* mClients;
-    TrafficCounters* const mTraffic;  // used only where the others are there
+    // Used only where the others are there.
+    TrafficCounters* const mTraffic;
+    Tap* const mTap;
 };
 
 }  // namespace vesk::hostkit

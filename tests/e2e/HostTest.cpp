@@ -196,8 +196,9 @@ TEST_F(HostTest, AHostThatIsGoneIsNotCalled) {
                              *Vesk::getInstance()->getConfig(), {});
     hostkit::ClientServer clients(mIo, path("host"), {}, hostkit::FlowLimits(), {});
     hostkit::TrafficCounters traffic;
+    hostkit::Tap tap;
     android::sp<hostkit::HostCallback> const callback =
-            new hostkit::HostCallback(channel, clients, traffic);
+            new hostkit::HostCallback(channel, clients, traffic, tap);
     callback->detach();
     callback->sendToChannel({1});
     EXPECT_EQ(channel.outbox().lostBytes(), 0U);

@@ -23,6 +23,7 @@
 #include "ManualPage.h"
 #include "ProvideCommand.h"
 #include "StatusCommand.h"
+#include "TapCommand.h"
 #include "WatchCommand.h"
 
 namespace vesk::tool {
@@ -225,6 +226,22 @@ void addStatus(CLI::App& app, StatusOptions& options, Command& command) {
     sub->callback([&] { command = [&] { return runStatus(options); }; });
 }
 
+void addTap(CLI::App& app, TapOptions& options, Command& command) {
+    CLI::App* sub = app.add_subcommand(
+            "tap",
+            "Prints or records what a host's channel carries, until it is interrupted; the host "
+            "does not wait for it, and what it is too slow for is counted");
+    addHostAddress(sub, options.address);
+    CLI::Option* write = sub->add_option(
+            "-w,--write", options.file,
+            "Record the frames in this file (pcapng), for vesk decode or Wireshark; - is stdout");
+    sub->add_flag("--json", options.json, "Print JSON objects, one in a line")->excludes(write);
+    sub->add_option("filter", options.filters,
+                    "Only frames with business=TOPIC/BUSINESS, topic=TOPIC, type=request, reply or "
+                    "ack, dir=in or out; of several of a kind, one has to fit");
+    sub->callback([&] { command = [&] { return runTap(options); }; });
+}
+
 void addList(CLI::App& app, ListOptions& options, Command& command) {
     CLI::App* sub = app.add_subcommand("list", "Prints the topics and businesses that there are");
     sub->add_flag("--json", options.json, "As one JSON object");
@@ -290,6 +307,7 @@ int run(int argc, char** argv) {
     CallOptions call;
     HostAddress watched;
     StatusOptions asked;
+    TapOptions tap;
     ListOptions list;
     DecodeOptions decode;
     DemoOptions demo;
@@ -305,6 +323,7 @@ int run(int argc, char** argv) {
     addCall(app, call, command);
     addWatch(app, watched, command);
     addStatus(app, asked, command);
+    addTap(app, tap, command);
     addList(app, list, command);
     addDecode(app, decode, command);
     addDemo(app, demo, command);

@@ -43,6 +43,8 @@ public:
     void close() { mEnd.close(); }
     /** Reads no more. */
     void stop() { mEnd.cancel(); }
+    /** Reads again. */
+    void go() { read(); }
 
     /**
      * Writes these bytes again and again until the other side takes no more of them, or has taken

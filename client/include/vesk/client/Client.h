@@ -165,6 +165,20 @@ public:
                 std::function<void(std::optional<std::string> const& text)> done);
 
     /**
+     * Gets each frame that the host's channel carries from now on, both ways and also those of
+     * other clients; on a new connection again. A client that is slow misses some, and slows nobody.
+     * `onFrame` runs on the client's thread. Once for each client; only the host's user and root
+     * may, any other client is refused.
+     */
+    void tap(std::function<void(TappedMessage const& tapped)> onFrame);
+
+    /**
+     * Ends that, and returns how many frames were missed on this connection. Waits for the host to
+     * tell, and throws std::runtime_error when it does not.
+     */
+    uint64_t untap();
+
+    /**
      * Runs a task on the client's thread, between two callbacks: what only callbacks and tasks use
      * needs no lock. One that has not begun when the client is destroyed never does.
      */

@@ -30,14 +30,21 @@ namespace vesk::client {
  *     COUNTERS      host    every number of Counters, 8 bytes each, in the order of its fields
  *     STATUS        client  format(1: 1 text, 2 JSON)
  *     STATUS_TEXT   host    text in UTF-8, to the end
+ *     TAP           client  on(1: 1 begin, 0 end)
+ *     TAPPED        host    time(8: us since 1970) direction(1: 0 in, 1 out) missed(8) bytes, to
+ *                           the end
  *
  * A connection joins once, as consumer or as provider; its end is the end of its session. A
  * consumer sends REQUEST (whose session the host fills in) and gets REPLY; a provider gets REQUEST
  * and sends REPLY with the session and the msgId of the request. WATCH is answered with what is
  * present, as added, and then with every change; a second WATCH changes nothing. STATUS is answered
  * with all that can be counted about the host, for a person or as one JSON object, whose members a
- * newer host may add to. QUERY and STATUS are answered in the order in which they come. Anything
- * that is not exactly of this form is an error.
+ * newer host may add to. TAP begins a copy of the channel's frames, in TAPPED messages: a frame is
+ * the bytes of one message, or of several behind each other where it is longer than MAX_BYTES.
+ * `missed` counts the frames since the beginning that the client was too slow for. The end is
+ * answered with a TAPPED without bytes, and nothing is copied behind it. QUERY, STATUS and the end
+ * of a TAP are answered in the order in which they come. Anything that is not exactly of this form
+ * is an error.
  *
  * Flow control. The figures are for a host with its default of 64 MiB (`vesk host --memory`), and
  * stand in proportion for another.
@@ -75,6 +82,8 @@ enum class MessageType : uint8_t {
     COUNTERS,
     STATUS,
     STATUS_TEXT,
+    TAP,
+    TAPPED,
 };
 
 /** How a host writes down its status. */
@@ -155,6 +164,27 @@ struct VESK_EXPORT StatusMessage {
     static std::optional<StatusMessage> decode(Bytes const& body);
 
     StatusFormat format = StatusFormat::TEXT;
+};
+
+struct TapMessage {
+    Bytes encode() const;
+    static std::optional<TapMessage> decode(Bytes const& body);
+
+    bool on = true;
+};
+
+/** A frame that the channel of a host has carried, or a part of one. */
+struct TappedMessage {
+    /** A message holds no more of a frame than this. */
+    static constexpr size_t MAX_BYTES = MAX_MESSAGE_SIZE - 1 - 8 - 1 - 8;
+
+    Bytes encode() const;
+    static std::optional<TappedMessage> decode(Bytes const& body);
+
+    uint64_t micros = 0;  // since 1970
+    bool out = false;     // to the peer
+    uint64_t missed = 0;  // frames
+    Bytes bytes;
 };
 
 struct Message {

@@ -13,6 +13,7 @@
 #include <vesk/hostkit_asio/FlowLimits.h>
 #include <vesk/hostkit_asio/Report.h>
 #include <vesk/hostkit_asio/SocketAccess.h>
+#include <vesk/hostkit_asio/Tap.h>
 #include <asio/io_context.hpp>
 
 namespace vesk::hostkit {
@@ -40,6 +41,7 @@ public:
         Report report;
         bool joins = true;  // false: clients may only look; the library is not asked for sessions
         SocketAccess access = {};  // to the socket for the clients
+        Tap* tap = nullptr;  // not owned, must outlive the server; null: clients cannot tap
     };
 
     /** Throws std::runtime_error where it cannot listen on `path`. */

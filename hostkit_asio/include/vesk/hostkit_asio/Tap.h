@@ -1,0 +1,77 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include <vesk/VeskFrame.h>
+#include <vesk/VeskThreadAnnotations.h>
+#include <vesk/hostkit/FrameText.h>
+
+namespace vesk::hostkit {
+
+/**
+ * Copies of the frames that a channel carries, for clients that tap it. The host calls in() and
+ * out() for every frame and names the tap to its ClientServer, which does the rest. While nobody
+ * taps, a call is one look at a flag.
+ *
+ * Memory:  up to MAX_BYTES that nobody has taken yet; a frame beyond that is missed, and counted.
+ * Threads: every operation may be called from any thread, and none waits for a client.
+ */
+class Tap {
+public:
+    static constexpr size_t MAX_BYTES = size_t{1024} * 1024;
+
+    struct Copy {
+        FrameText::Direction direction{};
+        uint64_t micros = 0;  // since 1970
+        std::vector<uint8_t> bytes;
+    };
+
+    struct Batch {
+        std::vector<Copy> copies;  // in the order of their times
+        uint64_t missed = 0;       // frames behind the copies
+    };
+
+    Tap() = default;
+    Tap(Tap const&) = delete;
+    Tap& operator=(Tap const&) = delete;
+
+    /** A frame has been read from the channel. Call it before the library gets the frame. */
+    void in(VeskFrame const& frame) {
+        if (mOn.load(std::memory_order_relaxed)) copyIn(frame);
+    }
+
+    /** The bytes that sendToChannel() has brought go to the channel. Call it before they do. */
+    void out(std::vector<uint8_t> const& bytes) {
+        if (mOn.load(std::memory_order_relaxed)) copy(FrameText::Direction::OUT, bytes);
+    }
+
+    /**
+     * From now on frames are copied.
+     *
+     * @param onCopies called when there is something to take() where there was nothing, on any
+     *                 thread and with a lock held: it only wakes whoever takes.
+     */
+    void begin(std::function<void()> onCopies) VESK_EXCLUDES(mMutex);
+
+    /** No longer; what was not taken is dropped. `onCopies` is not called behind this. */
+    void end() VESK_EXCLUDES(mMutex);
+
+    Batch take() VESK_EXCLUDES(mMutex);
+
+private:
+    void copyIn(VeskFrame const& frame);
+    void copy(FrameText::Direction direction, std::vector<uint8_t> bytes) VESK_EXCLUDES(mMutex);
+
+    std::atomic<bool> mOn{false};
+    std::mutex mMutex;
+    std::function<void()> mOnCopies VESK_GUARDED_BY(mMutex);  // empty while nobody taps
+    Batch mBatch VESK_GUARDED_BY(mMutex);
+    size_t mBytes VESK_GUARDED_BY(mMutex) = 0;  // of the batch
+};
+
+}  // namespace vesk::hostkit

@@ -1,0 +1,51 @@
+#include <vesk/hostkit_asio/Tap.h>
+
+#include <utility>
+
+#include "WallClock.h"
+
+namespace vesk::hostkit {
+
+void Tap::begin(std::function<void()> onCopies) {
+    std::lock_guard<std::mutex> const lock(mMutex);
+    mOnCopies = std::move(onCopies);
+    mOn = true;
+}
+
+void Tap::end() {
+    std::lock_guard<std::mutex> const lock(mMutex);
+    mOn = false;
+    mOnCopies = nullptr;
+    mBatch = {};
+    mBytes = 0;
+}
+
+Tap::Batch Tap::take() {
+    std::lock_guard<std::mutex> const lock(mMutex);
+    mBytes = 0;
+    return std::exchange(mBatch, {});
+}
+
+void Tap::copyIn(VeskFrame const& frame) {
+    std::vector<uint8_t> bytes;
+    frame.serialze(bytes);
+    copy(FrameText::Direction::IN, std::move(bytes));
+}
+
+void Tap::copy(FrameText::Direction direction, std::vector<uint8_t> bytes) {
+    std::lock_guard<std::mutex> const lock(mMutex);
+    if (!mOnCopies) return;
+    bool const wasEmpty = mBatch.copies.empty() && mBatch.missed == 0;
+    // A frame behind a missed one is missed too, so that the count has its place.
+    size_t const size = sizeof(Copy) + bytes.size();
+    if (mBatch.missed > 0 || mBytes + size > MAX_BYTES) {
+        ++mBatch.missed;
+    } else {
+        mBytes += size;
+        // The time is taken under the lock, so that no copy is older than the one before it.
+        mBatch.copies.push_back({direction, microsSince1970(), std::move(bytes)});
+    }
+    if (wasEmpty) mOnCopies();
+}
+
+}  // namespace vesk::hostkit

@@ -1,0 +1,118 @@
+// Looking at the traffic of a running host.
+
+#include <regex>
+
+#include "support/HostScene.h"
+
+namespace vesk::e2e {
+
+class TapTest : public HostScene {
+protected:
+    Process& tap(std::string const& more = "") {
+        Process& tap = start("tap --host " + socket("host") + more);
+        awaitText(tap, "tapping");
+        return tap;
+    }
+
+    /** Ends it, which may have shown and missed so much, and returns its lines without times. */
+    std::string endOf(Process& tap, std::string const& words) {
+        tap.signal(SIGINT);
+        expectEnd(tap, 0, words);
+        return std::regex_replace(tap.output(), std::regex("(^|\n)\\d+\\.\\d{3} "), "$1");
+    }
+
+    static Bytes tapping(bool on) { return client::TapMessage{on}.encode(); }
+};
+
+TEST_F(TapTest, ShowsBothDirectionsWholeAndFiltered) {
+    startHost(socket("channel"));
+    Line& peer = acceptPeer();
+    Line& consumer = join(CONSUMER);
+    expectExchange(peer, consumer, 1);
+    std::string const file = path("t.pcapng");
+    Process& all = tap(" type=request type=reply");
+    Process& some = tap(" dir=in business=test/test type=reply --json");
+    Process& none = tap(" topic=virtualcomm");
+    Process& capture = tap(" dir=out type=request -w " + file);
+    std::string const big(65535, 'x');
+    expectExchange(peer, consumer, 2);
+    consumer.say(data(Type::REQUEST, 0, 3, big));
+    awaitHeard(peer, frame(2, 1, 3, big));
+    awaitText(all, "msg 3");
+
+    std::string const lines = endOf(all, "3 frames shown; 0 missed");
+    EXPECT_EQ(std::regex_replace(lines, std::regex("serial \\d+"), "serial S"),
+              "out request test/test from session 1, msg 2, serial S, 2 bytes: \"hi\"\n"
+              "in  reply test/test to session 1, msg 2, serial S, 2 bytes: \"ho\"\n"
+              "out request test/test from session 1, msg 3, serial S, 65535 bytes: \"" +
+                      big.substr(0, 64) + "\"...\n");
+    EXPECT_NE(endOf(some, "1 frames shown").find(R"("direction":"in","type":"reply")"),
+              std::string::npos);
+    EXPECT_EQ(endOf(none, "0 frames shown; 0 missed"), "");
+    endOf(capture, "2 frames shown");
+    Process& decoded = start("decode " + file);
+    expectEnd(decoded, 0);
+    EXPECT_NE(decoded.output().find("out request test/test from session 1, msg 3"),
+              std::string::npos);
+    // The empty record that opens the channel, and the two frames.
+    std::string const capinfos = "command -v capinfos >/dev/null || exit 0; capinfos -c -M " +
+                                 file + " | grep -q 'packets: *3$'";
+    EXPECT_EQ(std::system(capinfos.c_str()), 0);
+
+    for (auto const& [words, errors] :
+         {std::pair{"dirin", "is no filter; write business=TOPIC/BUSINESS"},
+          {"dir=up", "fits no frame; for dir= there are: in, out"},
+          {"business=test/none", "there are: "},
+          {"--json -w x", "--write"}}) {
+        expectEnd(start("tap --host unix:/none " + std::string(words)), 2, errors);
+    }
+    expectEnd(start("tap --host " + socket("host") + " -w " + path("no/file")), 1, "cannot write");
+}
+
+TEST_F(TapTest, ATapThatDoesNotReadSlowsNobodyAndIsToldWhatItMissed) {
+    startHost(socket("channel"));
+    Line& peer = acceptPeer();
+    Line& consumer = join(CONSUMER);
+    Line& tap = connect();
+    tap.say(tapping(true));
+    tap.say(client::encodeMessage(Type::QUERY));
+    awaitHeard(tap, 1);
+    tap.stop();
+    // Far more than a connection holds, both in the socket and in the host.
+    constexpr int EXCHANGES = 100;
+    std::string const big(60000, 'x');
+    for (uint16_t id = 1; id <= EXCHANGES; ++id) {
+        consumer.say(data(Type::REQUEST, 0, id, big));
+        awaitHeard(peer, id);
+        peer.say(frame(3, 1, id, "ho"));
+        awaitHeard(consumer, 1U + id);
+    }
+    EXPECT_EQ(counters().evicted, 0U);
+    tap.say(tapping(false));
+    tap.go();
+    auto const last = [&] {
+        Bytes const& message = tap.heard().back();
+        return *client::TappedMessage::decode({message.begin() + 5, message.end()});
+    };
+    await("the end of the tap", [&] { return tap.heard().size() > 1 && last().bytes.empty(); });
+    size_t frames = 0;
+    for (size_t i = 1; i + 1 < tap.heard().size(); ++i)
+        frames += tap.heard()[i].size() > 60000 ? 1 : 0;
+    EXPECT_GT(frames, 0U);
+    EXPECT_LT(frames, size_t{EXCHANGES});
+    EXPECT_GE(frames + last().missed, size_t{EXCHANGES});
+    // It is over.
+    size_t const heard = tap.heard().size();
+    expectExchange(peer, consumer, 1000);
+    tap.say(client::encodeMessage(Type::QUERY));
+    awaitHeard(tap, heard + 1);
+    EXPECT_EQ(tap.heard().size(), heard + 1);
+
+    tap.say(tapping(true));
+    tap.say(tapping(true));
+    awaitClosed(tap);
+    Bytes const& refused = tap.heard().back();
+    EXPECT_EQ(std::string(refused.begin() + 5, refused.end()), "this client taps already");
+}
+
+}  // namespace vesk::e2e
