@@ -441,7 +441,7 @@ void Client::Impl::sleep() {
                 static_cast<short>((isFull() ? 0 : POLLIN) | (mLeaving.empty() ? 0 : POLLOUT));
         if (auto const next = nextTurn()) {
             auto const left = std::max(*next - Clock::now(), Clock::duration::zero());
-            // Some seconds at most: 32 bits are enough for both.
+            // A time-out of 68 years is the longest that 32 bits hold.
             auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
             time.tv_sec = static_cast<time_t>(seconds.count());
             time.tv_nsec = static_cast<long>((left - seconds).count());

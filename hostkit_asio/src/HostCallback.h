@@ -23,8 +23,7 @@ namespace vesk::hostkit {
 class HostCallback : public VeskCallback {
 public:
     /** They must live until detach(). */
-    HostCallback(Channel& channel, ClientServer& clients,
-                 TrafficCounters& traffic, Tap& tap)
+    HostCallback(Channel& channel, ClientServer& clients, TrafficCounters& traffic, Tap& tap)
         : mChannel(&channel), mClients(&clients), mTraffic(&traffic), mTap(&tap) {}
 
     /** On the host's thread. */

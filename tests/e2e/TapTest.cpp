@@ -1,4 +1,4 @@
-// Looking at the traffic of a running host.
+// Looking at the traffic of a running host, and at whom it serves.
 
 #include <regex>
 
@@ -113,6 +113,26 @@ TEST_F(TapTest, ATapThatDoesNotReadSlowsNobodyAndIsToldWhatItMissed) {
     awaitClosed(tap);
     Bytes const& refused = tap.heard().back();
     EXPECT_EQ(std::string(refused.begin() + 5, refused.end()), "this client taps already");
+}
+
+TEST_F(TapTest, ListTellsWhatAHostServesAndToHowMany) {
+    startHost(socket("channel"), " --topic test");
+    acceptPeer();
+    join(PROVIDER);
+    join(CONSUMER);
+    join(CONSUMER);
+    Process& table = start("list --host " + socket("host"));
+    expectEnd(table, 0);
+    EXPECT_TRUE(std::regex_search(table.output(), std::regex("\ntest/test +2 +1  yes +1 +2\n")))
+            << table.output();
+    EXPECT_TRUE(std::regex_search(table.output(), std::regex("  no +0 +0\n")));
+    Process& json = start("list --json --host " + socket("host"));
+    expectEnd(json, 0);
+    EXPECT_NE(
+            json.output().find(R"("name":"test","id":2,"served":true,"businesses":[{"name":"test",)"
+                               R"("id":1,"providers":1,"consumers":2}])"),
+            std::string::npos)
+            << json.output();
 }
 
 }  // namespace vesk::e2e

@@ -1,7 +1,12 @@
 #include "ListCommand.h"
 
 #include <cstdio>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
 #include <string>
+#include <vector>
 
 #include <vesk/VeskConfig.h>
 #include <vesk/hostkit/CatalogueNames.h>
@@ -15,39 +20,102 @@ namespace {
 using hostkit::businessNames;
 using hostkit::topicNames;
 
+/** What a host serves. */
+struct Served {
+    struct Count {
+        std::string providers = "0";
+        std::string consumers = "0";
+    };
+
+    bool has(std::string const& topic) const { return topics.count(topic) > 0; }
+    Count count(std::string const& topic, std::string const& business) const {
+        auto const found = businesses.find(client::BusinessName{topic, business}.toString());
+        return found == businesses.end() ? Count{} : found->second;
+    }
+
+    std::set<std::string> topics;
+    std::map<std::string, Count> businesses;  // those that somebody has joined
+};
+
+// The object is the host kit's; what a newer host adds stands behind these members.
+std::map<std::string, Served::Count> countsOf(std::string const& status) {
+    std::regex const sessions(
+            R"re(\{"topic":"([^"]+)","business":"([^"]+)","providers":(\d+),"consumers":(\d+))re");
+    std::map<std::string, Served::Count> counts;
+    for (std::sregex_iterator at(status.begin(), status.end(), sessions), end; at != end; ++at)
+        counts[at->str(1) + "/" + at->str(2)] = {at->str(3), at->str(4)};
+    return counts;
+}
+
+std::optional<Served> ask(HostAddress const& address) {
+    if (address.host.empty()) return std::nullopt;
+    Served served;
+    std::string status;
+    {
+        client::Client host(address.path(), address.options());
+        auto const onTopic = [&served](bool added, std::string const& topic) {
+            added ? void(served.topics.insert(topic)) : void(served.topics.erase(topic));
+        };
+        host.watch({onTopic, {}});
+        status = host.status(client::StatusFormat::JSON);  // comes behind the topics
+    }
+    served.businesses = countsOf(status);
+    return served;
+}
+
 /** The name and the id; the names of the catalogue need no escapes. */
 std::string jsonMembers(std::string const& name, int id) {
     return "\"name\":\"" + name + "\",\"id\":" + std::to_string(id);
 }
 
-std::string json(VeskConfig const& catalogue) {
-    std::string topics;
-    for (std::string const& topic : topicNames(catalogue)) {
-        int const topicId = catalogue.getTopicIdByName(topic);
-        std::string businesses;
-        for (std::string const& business : businessNames(catalogue, topic)) {
-            businesses += (businesses.empty() ? "{" : ",{") +
-                          jsonMembers(business, catalogue.getBussinessIdByName(topicId, business)) +
-                          '}';
-        }
-        topics += (topics.empty() ? "{" : ",{") + jsonMembers(topic, topicId) +
-                  ",\"businesses\":[" + businesses + "]}";
-    }
-    return "{\"topics\":[" + topics + "]}\n";
+std::string jsonList(std::vector<std::string> const& objects) {
+    std::string list;
+    for (std::string const& object : objects)
+        list += (list.empty() ? "{" : ",{") + object + '}';
+    return '[' + list + ']';
 }
 
-std::string table(VeskConfig const& catalogue) {
-    std::string text = "business                  topic id  business id\n";
+std::string json(VeskConfig const& catalogue, std::optional<Served> const& served) {
+    std::vector<std::string> topics;
+    for (std::string const& topic : topicNames(catalogue)) {
+        int const topicId = catalogue.getTopicIdByName(topic);
+        std::vector<std::string> businesses;
+        for (std::string const& business : businessNames(catalogue, topic)) {
+            businesses.push_back(
+                    jsonMembers(business, catalogue.getBussinessIdByName(topicId, business)));
+            if (!served) continue;
+            Served::Count const count = served->count(topic, business);
+            businesses.back() +=
+                    ",\"providers\":" + count.providers + ",\"consumers\":" + count.consumers;
+        }
+        topics.push_back(jsonMembers(topic, topicId));
+        if (served) {
+            topics.back() += std::string(",\"served\":") + (served->has(topic) ? "true" : "false");
+        }
+        topics.back() += ",\"businesses\":" + jsonList(businesses);
+    }
+    return "{\"topics\":" + jsonList(topics) + "}\n";
+}
+
+std::string table(VeskConfig const& catalogue, std::optional<Served> const& served) {
+    std::string text = "business                  topic id  business id";
+    text += served ? "  served  providers  consumers\n" : "\n";
     for (std::string const& topic : topicNames(catalogue)) {
         int const topicId = catalogue.getTopicIdByName(topic);
         for (std::string const& business : businessNames(catalogue, topic)) {
-            std::string name = topic;
-            name += '/';
-            name += business;
+            std::string const name = client::BusinessName{topic, business}.toString();
             char line[128];
-            std::snprintf(line, sizeof(line), "%-24s  %8d  %11d\n", name.c_str(), topicId,
+            std::snprintf(line, sizeof(line), "%-24s  %8d  %11d", name.c_str(), topicId,
                           catalogue.getBussinessIdByName(topicId, business));
             text += line;
+            if (served) {
+                Served::Count const count = served->count(topic, business);
+                std::snprintf(line, sizeof(line), "  %-6s  %9s  %9s",
+                              served->has(topic) ? "yes" : "no", count.providers.c_str(),
+                              count.consumers.c_str());
+                text += line;
+            }
+            text += '\n';
         }
     }
     return text;
@@ -57,7 +125,8 @@ std::string table(VeskConfig const& catalogue) {
 
 int runList(ListOptions const& options) {
     VeskConfig const catalogue;
-    std::string const text = options.json ? json(catalogue) : table(catalogue);
+    std::optional<Served> const served = ask(options.address);
+    std::string const text = options.json ? json(catalogue, served) : table(catalogue, served);
     std::fputs(text.c_str(), stdout);
     return EXIT_OK;
 }

@@ -243,7 +243,14 @@ void addTap(CLI::App& app, TapOptions& options, Command& command) {
 }
 
 void addList(CLI::App& app, ListOptions& options, Command& command) {
-    CLI::App* sub = app.add_subcommand("list", "Prints the topics and businesses that there are");
+    CLI::App* sub = app.add_subcommand("list",
+                                       "Prints the topics and businesses that there are; with "
+                                       "--host also which it serves, and to how many");
+    // Without a default: the catalogue can be had without any host.
+    CLI::Option* host = sub->add_option("--host", options.address.host,
+                                        "Ask the host at this client socket: unix:PATH");
+    sub->add_flag("--any-owner", options.address.anyOwner, "Ask also a host of another user")
+            ->needs(host);
     sub->add_flag("--json", options.json, "As one JSON object");
     sub->callback([&] { command = [&] { return runList(options); }; });
 }

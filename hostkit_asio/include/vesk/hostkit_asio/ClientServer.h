@@ -41,7 +41,7 @@ public:
         Report report;
         bool joins = true;  // false: clients may only look; the library is not asked for sessions
         SocketAccess access = {};  // to the socket for the clients
-        Tap* tap = nullptr;  // not owned, must outlive the server; null: clients cannot tap
+        Tap* tap = nullptr;        // not owned, must outlive the server; null: clients cannot tap
     };
 
     /** Throws std::runtime_error where it cannot listen on `path`. */
