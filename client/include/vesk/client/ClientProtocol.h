@@ -166,7 +166,7 @@ struct VESK_EXPORT StatusMessage {
     StatusFormat format = StatusFormat::TEXT;
 };
 
-struct TapMessage {
+struct VESK_EXPORT TapMessage {
     Bytes encode() const;
     static std::optional<TapMessage> decode(Bytes const& body);
 
@@ -174,7 +174,7 @@ struct TapMessage {
 };
 
 /** A frame that the channel of a host has carried, or a part of one. */
-struct TappedMessage {
+struct VESK_EXPORT TappedMessage {
     /** A message holds no more of a frame than this. */
     static constexpr size_t MAX_BYTES = MAX_MESSAGE_SIZE - 1 - 8 - 1 - 8;
 
