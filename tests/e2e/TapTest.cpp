@@ -1,6 +1,9 @@
 // Looking at the traffic of a running host, and at whom it serves.
 
+#include <atomic>
 #include <regex>
+
+#include <vesk/client/Client.h>
 
 #include "support/HostScene.h"
 
@@ -113,6 +116,67 @@ TEST_F(TapTest, ATapThatDoesNotReadSlowsNobodyAndIsToldWhatItMissed) {
     awaitClosed(tap);
     Bytes const& refused = tap.heard().back();
     EXPECT_EQ(std::string(refused.begin() + 5, refused.end()), "this client taps already");
+}
+
+TEST_F(TapTest, EachTapperGetsItsOwnAndTheWireIsAsDescribed) {
+    startHost(socket("channel"));
+    Line& peer = acceptPeer();
+    auto const begin = [&]() -> Line& {
+        Line& line = connect();
+        line.say(tapping(true));
+        line.say(client::encodeMessage(Type::QUERY));
+        awaitHeard(line, 1);
+        return line;
+    };
+    auto const noise = [&](uint16_t id) { peer.say(frame(2, 0, id, "")); };
+    Line& first = begin();
+    noise(1);
+    awaitHeard(first, 2);
+    Line& second = begin();
+    noise(2);
+    awaitHeard(first, 3);
+    awaitHeard(second, 2);
+    Bytes const& heard = second.heard()[1];
+    EXPECT_EQ(Bytes(heard.begin(), heard.begin() + 5), (Bytes{30, 0, 0, 0, 14}));
+    EXPECT_EQ(Bytes(heard.begin() + 13, heard.end()),
+              (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0x55, 0, 0, 2, 1, 2, 0, 0, 0, 0, 2, 0}));
+    EXPECT_EQ(first.heard()[2], heard);
+    first.close();
+    noise(3);
+    awaitHeard(second, 3);
+    EXPECT_EQ(tapping(true), (Bytes{2, 0, 0, 0, 13, 1}));
+    for (Bytes const& wrong :
+         {Bytes{1, 0, 0, 0, 13}, {2, 0, 0, 0, 13, 2}, {3, 0, 0, 0, 13, 1, 0}}) {
+        Line& line = connect();
+        line.say(wrong);
+        awaitClosed(line);
+        EXPECT_EQ(line.heard()[0],
+                  client::encodeMessage(Type::REFUSED, "a TAP message is not of its form"));
+    }
+    EXPECT_FALSE(client::TappedMessage::decode(Bytes(16)));
+}
+
+TEST_F(TapTest, AClientTapsAgainWhenItsHostIsBack) {
+    Process& host = startHost(socket("channel"));
+    Line& peer = acceptPeer();
+    client::Client::Options options;
+    options.reconnect = true;
+    std::atomic<int> frames{0};
+    client::Client client(path("host"), options);
+    client.tap([&](client::TappedMessage const& tapped) { frames += tapped.out ? 100 : 1; });
+    EXPECT_THROW(client.tap({}), std::logic_error);
+    client.query();
+    peer.say(frame(2, 0, 1, ""));
+    await("a frame", [&] { return frames % 100 == 1; });
+    host.signal(SIGKILL);
+    await("the end of the host", [&] { return !host.ending().empty(); });
+    startHost(socket("channel"));
+    Line& again = acceptPeer();
+    await("the client", [&] { return client.connected(); });
+    client.query();
+    again.say(frame(2, 0, 2, ""));
+    await("another frame", [&] { return frames % 100 == 2; });
+    EXPECT_EQ(client.untap(), 0U);
 }
 
 TEST_F(TapTest, ListTellsWhatAHostServesAndToHowMany) {

@@ -29,20 +29,20 @@ std::map<std::string, Names> knownValues(VeskConfig const& catalogue) {
 }  // namespace
 
 TapFilter::TapFilter(Names const& words, VeskConfig const& catalogue) : mCatalogue(catalogue) {
-    auto const known = knownValues(catalogue);
+    auto const kinds = knownValues(catalogue);
     for (std::string const& word : words) {
         size_t const sign = std::min(word.find('='), word.size());
         std::string const kind = word.substr(0, sign);
-        auto const values = known.find(kind);
-        if (sign == word.size() || values == known.end()) {
+        auto const values = kinds.find(kind);
+        if (sign == word.size() || values == kinds.end()) {
             throw UsageError("'" + word + "' is no filter; write business=TOPIC/BUSINESS, " +
                              "topic=TOPIC, type=request, reply or ack, or dir=in or out");
         }
         Names const& allowed = values->second;
         std::string const value = word.substr(sign + 1);
         if (std::find(allowed.begin(), allowed.end(), value) == allowed.end()) {
-            throw UsageError("'" + word + "' fits no frame; for " + kind +
-                             "= there are: " + hostkit::joinNames(allowed));
+            std::string const known = kind + "= there are: " + hostkit::joinNames(allowed);
+            throw UsageError("'" + word + "' fits no frame; for " + known);
         }
         mWanted[kind].insert(value);
     }
