@@ -1,5 +1,8 @@
 // What a host tells about itself when something is wrong.
 
+#include <optional>
+#include <utility>
+
 #include <vesk/testkit/FarPeer.h>
 
 #include "support/Scene.h"
@@ -30,10 +33,10 @@ protected:
 };
 
 TEST_F(StatusTest, StatusNamesEachStagedCause) {
-    hostkit::UnixListener listener(mIo, path("channel"));
+    std::optional<hostkit::UnixListener> listener(std::in_place, mIo, path("channel"));
     awaitText(start("host --clients " + socket("host") + " --channel " + socket("channel")),
               "serving");
-    Line& peer = accept(listener, Line::FRAMES);
+    Line& peer = accept(*listener, Line::FRAMES);
     EXPECT_EQ(awaitStatus("channel           up").find("suspicion"), std::string::npos);
 
     peer.say(toTest(REQUEST, 0, 3));
@@ -59,6 +62,7 @@ TEST_F(StatusTest, StatusNamesEachStagedCause) {
     awaitStatus("client 5 does not read");
     peer.say(Bytes(60000, 'x'));
     awaitStatus("2 % of the bytes belong to no frame");
+    listener.reset();  // so that the host does not come back
     peer.close();
     awaitStatus("the channel is down since ");
 

@@ -117,6 +117,7 @@ TEST_F(TestkitTest, FarPeerReadsAndWritesTheWiresBytesAndNoOthers) {
     auto const sent = frame(1);
     sent->serialNumber = 8;
     queue->enqueue(1, true, sent);
+    clock.settle();  // it is acknowledged at the moment at which it is sent
     peer.send(request(3));
     clock.advance(500);  // its acknowledgement leaves, and is not acknowledged
     EXPECT_EQ(log.count("VeskQueue", "receiveFromChannel:0,msgType:1,msg:170"), 1U);

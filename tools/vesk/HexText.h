@@ -27,7 +27,7 @@ private:
     bool takeOffset(std::string& line);
 
     size_t mLine = 0;
-    size_t mBytes = 0;  // so far
+    uint64_t mBytes = 0;  // so far
     bool mHasOffsets = false;
 };
 
