@@ -95,6 +95,7 @@ TEST_F(CommandTest, ACallSaysWhyNoReplyCame) {
          {std::tuple{R"("up":false,"channelMs":12999)", 4, "the host's channel is down since 12 s"},
           {R"("up":true,"acknowledged":0,"awaitingAck":0)", 6, "the peer has not acknowledged"},
           {R"("up":true,"acknowledged":9,"awaitingAck":1)", 6, "the peer has not acknowledged"},
+          {R"("up":true,"acknowledged":9,"timedOut":1)", 6, "the peer has not acknowledged"},
           {R"("up":true,"acknowledged":9,"pending":0)", 7, "acknowledged them and nobody answered"},
           {R"("up":false,"localTopics":["testing","test"])", 5,
            "nobody provides test/test on this host"},

@@ -267,7 +267,8 @@ void Caller::explainLost() {
     std::string text = std::to_string(mReport.lost) + " of " + std::to_string(mReport.requests) +
                        " requests got no reply";
     if (!mStatusOfHost.empty()) {
-        NoReply const why = NoReply::explain(mStatusOfHost, mBusiness.toString(), mReport.lost);
+        NoReply const why = NoReply::explain(mStatusOfHost, mBusiness.toString(), mReport.lost,
+                                             mOptions.timeoutMillis);
         text += ": " + why.reason;
         if (mStatus == EXIT_OK) mStatus = why.exitStatus;
     }

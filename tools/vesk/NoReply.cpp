@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include <vesk/VeskProtocol.h>
+
 #include "Errors.h"
 
 namespace vesk::tool {
@@ -26,7 +28,8 @@ bool isLocal(std::string const& json, std::string const& topic) {
 
 }  // namespace
 
-NoReply NoReply::explain(std::string const& status, std::string const& business, size_t lost) {
+NoReply NoReply::explain(std::string const& status, std::string const& business, size_t lost,
+                         size_t waitedMillis) {
     std::string const topic = business.substr(0, business.find('/'));
     if (isLocal(status, topic)) {
         std::string const served = "\"topic\":\"" + topic + "\",\"business\":\"" +
@@ -41,8 +44,12 @@ NoReply NoReply::explain(std::string const& status, std::string const& business,
                                            std::to_string(numberOf(status, "channelMs") / 1000) +
                                            " s"};
     }
-    uint64_t const awaiting = numberOf(status, "awaitingAck") + numberOf(status, "pending");
-    if (numberOf(status, "acknowledged") == 0 || awaiting >= lost) {
+    // What has waited for longer than acknowledgements are waited for is counted by now.
+    uint64_t unacknowledged = numberOf(status, "timedOut");
+    if (waitedMillis < ACK_TIMEOUT_MS) {
+        unacknowledged += numberOf(status, "awaitingAck") + numberOf(status, "pending");
+    }
+    if (numberOf(status, "acknowledged") == 0 || unacknowledged >= lost) {
         return {EXIT_NOT_ACKNOWLEDGED,
                 "the peer has not acknowledged them: see whether it runs and reads"};
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace vesk::tool {
@@ -10,8 +11,10 @@ struct NoReply {
      * @param status the host's, as a JSON object.
      * @param business TOPIC/BUSINESS, which was asked.
      * @param lost how many requests got no reply.
+     * @param waitedMillis how long each was waited for.
      */
-    static NoReply explain(std::string const& status, std::string const& business, size_t lost);
+    static NoReply explain(std::string const& status, std::string const& business, size_t lost,
+                           size_t waitedMillis);
 
     int exitStatus;
     std::string reason;

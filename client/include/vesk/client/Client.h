@@ -166,7 +166,8 @@ public:
 
     /**
      * Gets each frame that the host's channel carries from now on, both ways and also those of
-     * other clients; on a new connection again. A client that is slow misses some, and slows nobody.
+     * other clients; on a new connection again. A client that is slow misses some, and slows
+     * nobody.
      * `onFrame` runs on the client's thread. Once for each client; only the host's user and root
      * may, any other client is refused.
      */
