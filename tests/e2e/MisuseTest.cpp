@@ -71,9 +71,10 @@ TEST_F(MisuseTest, ASocketIsForItsUserWhateverTheUmaskAndGoesWithItsHost) {
           {"unix:${0%/*}/alias", "is this host's own socket for clients; give each a path"}}) {
         expectEnd(start("host --clients " + socket("host") + " --channel " + arguments), 2, error);
     }
-    for (std::string const& where : {path(""), path("none/host"), path(std::string(120, 'x'))})
+    for (std::string const& where : {path(""), path("none/host"), path(std::string(120, 'x'))}) {
         expectEnd(start("host --channel tty:x --clients unix:" + where), where.size() > 108 ? 2 : 1,
                   "vesk: ");
+    }
 }
 
 TEST_F(MisuseTest, ASerialLineHasOneHostAndItsSettingsBackInTheEnd) {
@@ -208,7 +209,8 @@ TEST_F(MisuseTest, APercentileIsNeverTooLowAndHardlyTooHigh) {
         for (uint64_t i = 1; i <= 1000; ++i)
             histogram.add(i * unit);
         for (unsigned const percent : {1U, 50U, 99U, 100U}) {
-            uint64_t const exact = percent * 10 * unit, found = histogram.percentile(percent);
+            uint64_t const exact = uint64_t{percent} * 10 * unit,
+                           found = histogram.percentile(percent);
             EXPECT_GE(found, exact);
             EXPECT_LE(found, exact + (exact < 256 ? 0 : exact / 128));
         }

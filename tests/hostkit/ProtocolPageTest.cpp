@@ -40,15 +40,15 @@ protected:
     }
 
     static std::shared_ptr<VeskFrame> question(uint16_t session, size_t number) {
-        auto const asked = frame(static_cast<uint16_t>(201 + number), REQUEST, session);
+        auto asked = frame(static_cast<uint16_t>(201 + number), REQUEST, session);
         asked->serialNumber = static_cast<uint16_t>(number);
         if (number == 0) asked->data = {'h', 'e', 'l', 'l', 'o'};
         return asked;
     }
 
     std::shared_ptr<VeskFrame> answer(size_t number) const {
-        auto const reply = hostkit::Responder(*callback->deliveries().at(0).frame)
-                                   .reply({'H', 'E', 'L', 'L', 'O'});
+        auto reply = hostkit::Responder(*callback->deliveries().at(0).frame)
+                             .reply({'H', 'E', 'L', 'L', 'O'});
         reply->serialNumber = static_cast<uint16_t>(number);
         return reply;
     }

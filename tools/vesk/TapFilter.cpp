@@ -41,8 +41,9 @@ TapFilter::TapFilter(Names const& words, VeskConfig const& catalogue) : mCatalog
         Names const& allowed = values->second;
         std::string const value = word.substr(sign + 1);
         if (std::find(allowed.begin(), allowed.end(), value) == allowed.end()) {
-            std::string const known = kind + "= there are: " + hostkit::joinNames(allowed);
-            throw UsageError("'" + word + "' fits no frame; for " + known);
+            std::string error = "'" + word + "' fits no frame; for ";
+            error.append(kind).append("= there are: ").append(hostkit::joinNames(allowed));
+            throw UsageError(error);
         }
         mWanted[kind].insert(value);
     }

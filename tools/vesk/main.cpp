@@ -38,10 +38,10 @@ using Command = std::function<int()>;
  */
 class WholeNumber : public CLI::Validator {
 public:
-    WholeNumber(size_t min, size_t max) {
+    WholeNumber(uint64_t min, uint64_t max) {
         desc_function_ = [min, max] { return range(min, max); };
         func_ = [min, max](std::string& text) {
-            size_t number = 0;
+            uint64_t number = 0;
             auto const [end, error] =
                     std::from_chars(text.data(), text.data() + text.size(), number);
             bool const whole = error == std::errc() && end == text.data() + text.size();
@@ -54,7 +54,7 @@ public:
     }
 
 private:
-    static std::string range(size_t min, size_t max) {
+    static std::string range(uint64_t min, uint64_t max) {
         return std::to_string(min) + " to " + std::to_string(max);
     }
 };

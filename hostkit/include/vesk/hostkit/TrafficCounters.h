@@ -72,7 +72,7 @@ private:
         Count read() const { return {frames, bytes}; }
     };
 
-    using ByBusiness = std::array<std::atomic<uint64_t>, (MAX_ID + 1) * (MAX_ID + 1)>;
+    using ByBusiness = std::array<std::atomic<uint64_t>, size_t{MAX_ID + 1} * (MAX_ID + 1)>;
 
     static Kind kindOf(uint8_t msgType, uint8_t topicId, uint8_t businessId);
     static void countRequest(ByBusiness& counts, VeskFrame const& frame);
