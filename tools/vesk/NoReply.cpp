@@ -50,8 +50,11 @@ NoReply NoReply::explain(std::string const& status, std::string const& business,
         unacknowledged += numberOf(status, "awaitingAck") + numberOf(status, "pending");
     }
     if (numberOf(status, "acknowledged") == 0 || unacknowledged >= lost) {
-        return {EXIT_NOT_ACKNOWLEDGED,
-                "the peer has not acknowledged them: see whether it runs and reads"};
+        // A peer may keep acknowledgements for that long before it sends them together.
+        bool const isSoon = waitedMillis <= ACK_BATCH_AGE_MS;
+        return {EXIT_NOT_ACKNOWLEDGED, std::string("the peer has not acknowledged them") +
+                                               (isSoon ? " yet: a longer --timeout tells more"
+                                                       : ": see whether it runs and reads")};
     }
     return {EXIT_NOT_ANSWERED, "the peer has acknowledged them and nobody answered: see whether " +
                                        business + " is provided there"};
