@@ -158,6 +158,9 @@ TEST_F(MisuseTest, OutputThatNobodyTakesEndsACommand) {
     expectEnd(start(at("watch") + " | head -1"), 0, "vesk: cannot write to stdout: Broken pipe");
     expectEnd(start(at("call test/test <&-")), 2, "payload from stdin: Bad file descriptor; give");
     expectEnd(start("call 2>&-"), 2);
+    Process& bare = start("");
+    expectEnd(bare, 0);
+    EXPECT_NE(bare.output().find("Subcommands:"), std::string::npos) << bare.output();
 }
 
 TEST_F(MisuseTest, NumbersAreDecimalAndWithinTheirRange) {

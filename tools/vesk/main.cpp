@@ -335,6 +335,11 @@ int run(int argc, char** argv) {
     addDecode(app, decode, command);
     addDemo(app, demo, command);
     addManual(app, form, command);
+    if (argc == 1) {
+        std::cout << app.help();
+        flushOutput();
+        return EXIT_OK;
+    }
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {
