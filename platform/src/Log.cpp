@@ -18,4 +18,8 @@ void Log::setSink(Sink sink) {
     gSink.store(sink, std::memory_order_release);
 }
 
+bool Log::isSilent() {
+    return gSink.load(std::memory_order_relaxed) == nullptr;
+}
+
 }  // namespace quillex

@@ -54,11 +54,20 @@ char* writePart(char* out, Number part) {
 }
 
 /**
- * Writes one debug line made of texts and decimal numbers. Every frame writes several, so a line is
- * built on the stack; only a host's own long names can need more.
+ * Whether the log drops every line. The device's own log cannot say so, and is taken to listen.
  */
+template <typename Log>
+auto isSilent(int) -> decltype(Log::isSilent()) {
+    return Log::isSilent();
+}
+template <typename Log>
+bool isSilent(long) {
+    return false;
+}
+
+/** Makes the line on the stack; only a host's own long names can need more. */
 template <typename... Parts>
-void debugLog(char const* tag, Parts const&... parts) {
+[[gnu::noinline]] void writeLine(char const* tag, Parts const&... parts) {
     char buffer[256];
     std::string longLine;
     char* const line = [&] {
@@ -71,6 +80,15 @@ void debugLog(char const* tag, Parts const&... parts) {
     ((end = writePart(end, parts)), ...);
     *end = '\0';
     quillex::Log::d(tag, line);
+}
+
+/**
+ * Writes one debug line made of texts and decimal numbers. Every frame writes several, so a line
+ * that nobody would read is not made.
+ */
+template <typename... Parts>
+void debugLog(char const* tag, Parts const&... parts) {
+    if (!isSilent<quillex::Log>(0)) writeLine(tag, parts...);
 }
 
 }  // namespace vesk

@@ -16,6 +16,9 @@ public:
      * it must not call the library that logs.
      */
     static void setSink(Sink sink);
+
+    /** Host only: whether there is no sink, so that a line need not be made at all. Any thread. */
+    static bool isSilent();
 };
 
 }  // namespace quillex
