@@ -1,5 +1,7 @@
 #include <vesk/VeskFrame.h>
 
+#include <array>
+
 #include "frame/ByteOrder.h"
 
 namespace vesk {
@@ -27,16 +29,18 @@ std::shared_ptr<VeskFrame> VeskFrame::obtainFrame(bool const& withSerial) {
 }
 
 void VeskFrame::serialze(std::vector<uint8_t>& out) const {
-    out.reserve(FRAME_HEAD_SIZE + data.size());
-    out.resize(FRAME_HEAD_SIZE);
-    out[MAGIC_INDEX] = magic;
-    putU16(&out[DATASIZE_INDEX], static_cast<uint16_t>(data.size()));
-    out[TOPICID_INDEX] = topicId;
-    out[BUSINESSID_INDEX] = businessId;
-    out[MSGTYPE_INDEX] = msgType;
-    putU16(&out[REPLY_INDEX], reply);
-    putU16(&out[SERIALNUMB_INDEX], serialNumber);
-    putU16(&out[MSGID_INDEX], msgId);
+    std::array<uint8_t, FRAME_HEAD_SIZE> head;
+    head[MAGIC_INDEX] = magic;
+    putU16(&head[DATASIZE_INDEX], static_cast<uint16_t>(data.size()));
+    head[TOPICID_INDEX] = topicId;
+    head[BUSINESSID_INDEX] = businessId;
+    head[MSGTYPE_INDEX] = msgType;
+    putU16(&head[REPLY_INDEX], reply);
+    putU16(&head[SERIALNUMB_INDEX], serialNumber);
+    putU16(&head[MSGID_INDEX], msgId);
+    // Nothing is resized first: that would fill bytes with zeros for nothing.
+    out.reserve(head.size() + data.size());
+    out.assign(head.begin(), head.end());
     out.insert(out.end(), data.begin(), data.end());
 }
 
