@@ -45,27 +45,30 @@ void Vesk::end() {
     mSessionManager.close();
     mTopicManager.close();
     mQueue->cleanup();
-    android::sp<VeskCallback> last;  // released after the lock, and may still call
+    android::sp<VeskCallback> last;  // these are released after the lock, and may still call
+    std::shared_ptr<VeskCallback> lastShared;
     std::lock_guard<std::mutex> lock(mCallbackMutex);
     mEnded = true;
     last = std::exchange(mCallback, nullptr);
+    lastShared.swap(mShared);
 }
 
 void Vesk::init(android::sp<VeskCallback> callback) {
     if (callback == nullptr) {
         return;
     }
-    android::sp<VeskCallback> earlier;  // released after the lock: its destructor is the host's
-    {
-        std::lock_guard<std::mutex> lock(mCallbackMutex);
-        if (mEnded) return;
-        earlier = std::exchange(mCallback, callback);
+    // Its deleter holds the reference.
+    std::shared_ptr<VeskCallback> shared(callback.get(), [callback](VeskCallback*) {});
+    std::lock_guard<std::mutex> lock(mCallbackMutex);
+    if (!mEnded) {
+        std::swap(mCallback, callback);  // the earlier one's destructor is the host's, and runs
+        mShared.swap(shared);            // after the lock
     }
 }
 
-android::sp<VeskCallback> Vesk::callback() const {
+std::shared_ptr<VeskCallback> Vesk::callback() const {
     std::lock_guard<std::mutex> lock(mCallbackMutex);
-    return mCallback;
+    return mShared;
 }
 
 VeskConfig* Vesk::getConfig() {

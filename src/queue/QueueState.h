@@ -128,7 +128,7 @@ struct __attribute__((visibility("hidden"))) VeskQueue::State {
     bool addToHistoryList(QueuedPacket* packet, uint64_t sendTime) VESK_REQUIRES(mMutex);
 
     // Reception
-    void receiveFromChannel(std::shared_ptr<VeskFrame> const& frame) VESK_EXCLUDES(mMutex);
+    void receiveFromChannel(std::shared_ptr<VeskFrame> frame) VESK_EXCLUDES(mMutex);
     void receiveAckMessage(VeskFrame const& frame) VESK_EXCLUDES(mMutex);
     void recordOwedAck(uint16_t serialNumber) VESK_EXCLUDES(mMutex);
     bool sleepsPastAcks() const VESK_REQUIRES(mMutex);

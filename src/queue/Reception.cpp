@@ -40,8 +40,9 @@ std::shared_ptr<VeskFrame> makeAckFrame(size_t entries) {
 
 }  // namespace
 
-void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> const& frame) {
-    debugLog(QUEUE_TAG, "receiveFromChannel:", frame->serialNumber, ",msgType:", frame->msgType,
+void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
+    uint16_t const serialNumber = frame->serialNumber;
+    debugLog(QUEUE_TAG, "receiveFromChannel:", serialNumber, ",msgType:", frame->msgType,
              ",msg:", frame->msgId);
     Vesk* const facade = Vesk::getInstance();
     // Held from here on: a topic that is removed meanwhile still gets its frame.
@@ -56,10 +57,10 @@ void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> const& fram
         return;
     }
     if (topic) {
-        topic->receive(false, frame);
+        topic->receive(false, std::move(frame));
     }
     mFeedback.receivePackets(1);
-    recordOwedAck(frame->serialNumber);
+    recordOwedAck(serialNumber);
 }
 
 void VeskQueue::State::recordOwedAck(uint16_t serialNumber) {

@@ -91,7 +91,7 @@ void VeskQueue::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
         return;
     }
     std::shared_ptr<State> const state = mState;  // the host may let the queue go while it receives
-    state->receiveFromChannel(frame);
+    state->receiveFromChannel(std::move(frame));
 }
 
 void VeskQueue::receiveAckMessage(std::shared_ptr<VeskFrame> frame) {
