@@ -73,7 +73,7 @@ void SessionRegistry::waitForJoining(SessionKey const& key) {
 }
 
 SessionEntry const* SessionRegistry::findProvider(SessionKey const& key) const {
-    for (auto const& [id, session] : mManager.mProviderSessions) {
+    for (auto const& session : ownedBy(VeskSessionManager::PROVIDER, key.clientId)) {
         if (session->mEntry->key == key) return session->mEntry.get();
     }
     return nullptr;
@@ -90,7 +90,7 @@ bool SessionRegistry::admit(Session const& session, Entry const& entry) {
     entry->state = State::LIVE;
     session->mEntry = entry;
     // Another provider may have this place, while its removal, which holds it, announces that.
-    tableOf(entry->key.type)[entry->id] = session;
+    enter(session);
     return true;
 }
 
@@ -112,9 +112,17 @@ SessionRegistry::Session SessionRegistry::findAny(uint16_t sessionId) const {
 std::vector<SessionRegistry::Session> SessionRegistry::sessionsOf(int type,
                                                                   uint32_t clientId) const {
     Guard const lock(mManager.mMutex);
+    return ownedBy(type, clientId);
+}
+
+std::vector<SessionRegistry::Session> SessionRegistry::ownedBy(int type, uint32_t clientId) const {
     std::vector<Session> found;
-    for (auto const& [id, session] : tableOf(type)) {
-        if (session->clientId() == clientId) found.push_back(session);
+    auto const isTheirs = [=](Owned const& owned) {
+        return owned.type == type && owned.clientId == clientId;
+    };
+    for (auto next = mOwned.lower_bound({type, clientId, 0});
+         next != mOwned.end() && isTheirs(*next); ++next) {
+        found.push_back(find(type, next->id));
     }
     return found;
 }
@@ -167,7 +175,10 @@ bool SessionRegistry::endRemoval(Session const& session) {
     }
     entry.state = State::GONE;
     // The next user of the id may have the place already.
-    if (find(entry.key.type, entry.id) == session) tableOf(entry.key.type).erase(entry.id);
+    if (find(entry.key.type, entry.id) == session) {
+        mOwned.erase(Owned(*session));
+        tableOf(entry.key.type).erase(entry.id);
+    }
     return true;
 }
 
@@ -175,8 +186,19 @@ void SessionRegistry::close() {
     SessionTable providers, consumers;  // released after the lock, the consumers first
     Guard const lock(mManager.mMutex);
     mClosed = true;
+    mOwned.clear();
     providers.swap(mManager.mProviderSessions);
     consumers.swap(mManager.mConsumerSessions);
+}
+
+SessionRegistry::Owned::Owned(VeskSession const& session)
+    : Owned(session.type(), session.clientId(), session.sessionId()) {}
+
+void SessionRegistry::enter(Session const& session) {
+    Session& place = tableOf(session->type())[session->sessionId()];
+    if (place) mOwned.erase(Owned(*place));
+    place = session;
+    mOwned.insert(Owned(*session));
 }
 
 SessionRegistry::SessionTable& SessionRegistry::tableOf(int type) const {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <set>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -97,10 +98,29 @@ private:
     void waitForJoining(SessionKey const& key) VESK_REQUIRES(mManager.mMutex);
     SessionEntry const* findProvider(SessionKey const& key) const VESK_REQUIRES(mManager.mMutex);
     SessionTable& tableOf(int type) const VESK_REQUIRES(mManager.mMutex);
+    /** Puts a session into its table, in place of what has its id there. */
+    void enter(Session const& session) VESK_REQUIRES(mManager.mMutex);
+    std::vector<Session> ownedBy(int type, uint32_t clientId) const VESK_REQUIRES(mManager.mMutex);
     Session find(int type, uint16_t sessionId) const VESK_REQUIRES(mManager.mMutex);
     Session findAny(uint16_t sessionId) const VESK_REQUIRES(mManager.mMutex);
 
+    /** A session in a table, in the order that puts those of one client together. */
+    struct Owned {
+        int type;
+        uint32_t clientId;
+        uint16_t id;
+
+        explicit Owned(VeskSession const& session);
+        Owned(int itsType, uint32_t itsClient, uint16_t itsId)
+            : type(itsType), clientId(itsClient), id(itsId) {}
+        bool operator<(Owned const& other) const {
+            return std::tie(type, clientId, id) < std::tie(other.type, other.clientId, other.id);
+        }
+    };
+
     VeskSessionManager& mManager;
+    // What the tables have, so that a client's sessions are found without a walk through all.
+    std::set<Owned> mOwned VESK_GUARDED_BY(mManager.mMutex);
     // Of the ids in use.
     std::unordered_map<uint16_t, Entry> mEntries VESK_GUARDED_BY(mManager.mMutex);
     std::vector<Entry> mJoining VESK_GUARDED_BY(mManager.mMutex);
