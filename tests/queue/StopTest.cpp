@@ -50,6 +50,21 @@ TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
     EXPECT_EQ(left(), std::vector<int>{1});
 }
 
+TEST_F(StopTest, TheThreadIsGoneWithWhatTheHostKeepsInItWhenStopReturns) {
+    static std::atomic<bool> isGone{false};
+    struct Kept {
+        ~Kept() {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            isGone = true;
+        }
+    };
+    callback->onSend([](auto const&) { thread_local Kept const kept; });
+    own->enqueue(1, false, frame(1));
+    ASSERT_TRUE(callback->waitForSent(1));
+    own->stop();
+    EXPECT_TRUE(isGone);
+}
+
 TEST_F(StopTest, NothingIsSentOnceAFramesDestructorHasStoppedTheQueue) {
     std::atomic<size_t> atStop{0};
     auto const stops = [&](VeskFrame* last) {
