@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -29,6 +30,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr std::chrono::milliseconds WHY_LIMIT{2000};
+
 std::string hexDigits(client::Bytes const& bytes) {
     constexpr char const* DIGITS = "0123456789abcdef";
     std::string text;
@@ -55,6 +58,7 @@ private:
     bool mayGoOn();
     void callLater(Clock::time_point time, std::function<void()> what);
     void finish();
+    void askWhy();
     bool sendOne();
     void ended(client::Client::Reply const& reply, Clock::time_point sent,
                client::Bytes const& payload);
@@ -81,6 +85,7 @@ private:
     Clock::time_point mNextSend{};
     bool mFinished = false;
     std::string mStatusOfHost;  // empty: not known
+    std::optional<client::Client> mAsking;
     int mStatus = EXIT_OK;
 };
 
@@ -118,6 +123,7 @@ int Caller::run() {
     });
     mHost->post([this] { sendMore(); });
     mIo.run();
+    mAsking.reset();
     mHost.reset();  // and with it the client's thread; what was outstanding is lost
     int const status = conclude();
     return interrupted ? EXIT_INTERRUPTED : status;
@@ -158,16 +164,27 @@ void Caller::callLater(Clock::time_point time, std::function<void()> what) {
     });
 }
 
-// Where replies are missing, the host may know why. One that does not answer knows nothing.
 void Caller::finish() {
     if (std::exchange(mFinished, true)) return;
-    if (mReport.lost == 0) return mIo.stop();
-    auto const limit = std::chrono::milliseconds(mOptions.joinTimeoutMillis);
-    callLater(Clock::now() + limit, [this] { mIo.stop(); });
-    mHost->status(client::StatusFormat::JSON, [this](std::optional<std::string> const& status) {
-        mStatusOfHost = status.value_or("");
+    asio::post(mIo, [this] { mReport.lost == 0 ? mIo.stop() : askWhy(); });
+}
+
+// Where replies are missing, the host may know why; one that does not answer knows nothing. It is
+// asked by a connection of its own: while requests wait for its channel it does not read the other.
+void Caller::askWhy() {
+    client::Client::Options how = mOptions.address.options();
+    how.limit = std::min(std::chrono::milliseconds(mOptions.joinTimeoutMillis), WHY_LIMIT);
+    mTimer.expires_after(how.limit);
+    mTimer.async_wait([this](asio::error_code const&) { mIo.stop(); });
+    try {
+        mAsking.emplace(mOptions.address.path(), how);
+        mAsking->status(client::StatusFormat::JSON, [this](std::optional<std::string> const& text) {
+            mStatusOfHost = text.value_or("");
+            mIo.stop();
+        });
+    } catch (std::runtime_error const&) {
         mIo.stop();
-    });
+    }
 }
 
 bool Caller::sendOne() {
