@@ -20,19 +20,13 @@ class Check:
     name: str
     command: list
     folder: str
+    program: str          # what has to be built for it
     pattern: str = ""     # where the output decides, as for ctest
     seconds: float = 0.0  # as measured without a mutant
 
     @property
-    def program(self):
-        """What has to be built for it; of a shell's line, the first program named there."""
-        named = re.match(r"'(/[^']+)'", self.command[-1])
-        is_shell = pathlib.Path(self.command[0]).name == "sh"
-        return named[1] if is_shell and named else self.command[0]
-
-    @property
     def of_tool(self):
-        return "/tests/e2e/" in self.program
+        return "/tests/e2e/" in self.program or self.program.endswith("/vesk")
 
     @property
     def is_gtest(self):
@@ -42,11 +36,21 @@ class Check:
         """The same in another build folder."""
         return dataclasses.replace(
             self, folder=self.folder.replace(str(old), str(new)),
+            program=self.program.replace(str(old), str(new)),
             command=[part.replace(str(old), str(new)) for part in self.command])
 
 
+def program_of(command, build):
+    """What is built of a test: the program itself, or the first that a script or shell starts."""
+    for word in " ".join(command).replace("'", " ").split():
+        if word.startswith(f"{build}/") and pathlib.Path(word).is_file():
+            return word
+    return None
+
+
 def known_checks(build):
-    """All that ctest would run; a gtest program is one check and not one for each of its tests."""
+    """All that ctest would run and that needs one program of this build; a gtest program is one
+    check and not one for each of its tests."""
     listed = subprocess.run(["ctest", "--show-only=json-v1"], cwd=build, check=True, text=True,
                             capture_output=True)
     found = {}
@@ -56,12 +60,16 @@ def known_checks(build):
         program, *arguments = test["command"]
         properties = {entry["name"]: entry["value"] for entry in test.get("properties", [])}
         folder = properties.get("WORKING_DIRECTORY", str(build))
+        built = program_of(test["command"], build)
+        if built is None:
+            continue
         if any(argument.startswith("--gtest_filter=") for argument in arguments):
             name = pathlib.Path(program).name
-            found[name] = Check(name, [program, "--gtest_fail_fast"], folder)
+            found[name] = Check(name, [program, "--gtest_fail_fast"], folder, built)
         else:
             pattern = "|".join(properties.get("PASS_REGULAR_EXPRESSION", []))
-            found[test["name"]] = Check(test["name"], [program, *arguments], folder, pattern)
+            found[test["name"]] = Check(test["name"], [program, *arguments], folder, built,
+                                        pattern)
     return list(found.values())
 
 
@@ -98,7 +106,7 @@ def split(check):
         suites = json.loads(report.read_text())["testsuites"] if report.exists() else []
     slow = [f"{suite['name']}.{test['name']}" for suite in suites for test in suite["testsuite"]
             if float(test.get("time", "0s").rstrip("s")) > QUICK_SECONDS or "failures" in test]
-    alone = [Check(name, [*check.command, f"--gtest_filter={name}"], check.folder)
+    alone = [Check(name, [*check.command, f"--gtest_filter={name}"], check.folder, check.program)
              for name in slow]
     check.command.append("--gtest_filter=-" + ":".join(slow))
     return [check, *alone]
