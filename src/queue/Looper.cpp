@@ -79,7 +79,7 @@ bool VeskQueue::State::runPass(Released& released) {
         if (!mRunning) return false;
         mWakeAsked = false;
         mHistoryWasFull = false;
-        sendOwedAcks(pass);
+        if (acksAreDue(pass.start)) ackToPeer();
         expired = expireHistory(pass);
     }
     sendDuePackets(pass);
@@ -90,14 +90,6 @@ bool VeskQueue::State::runPass(Released& released) {
 bool VeskQueue::State::acksAreDue(uint64_t now) const {
     return mAckList.size() >= ACK_BATCH_COUNT ||
            (!mAckList.empty() && elapsed(now, mFirstAckTime) >= ACK_BATCH_AGE_MS);
-}
-
-void VeskQueue::State::sendOwedAcks(Pass& pass) {
-    if (acksAreDue(pass.start)) {
-        ackToPeer();
-    } else if (!mAckList.empty()) {
-        pass.lowerWait(ACK_BATCH_AGE_MS - elapsed(pass.start, mFirstAckTime));
-    }
 }
 
 VeskQueue::State::Packets VeskQueue::State::expireHistory(Pass& pass) {
@@ -122,7 +114,7 @@ void VeskQueue::State::sleep(Pass& pass) {
     // that adopts the guard's lock for the wait and gives it back by release().
     std::lock_guard<std::mutex> guard(mMutex);
     uint64_t const now = SystemClock::uptimeMillis();
-    if (!mAckList.empty()) {  // of some of them the pass may not know
+    if (!mAckList.empty()) {
         pass.lowerWait(acksAreDue(now) ? 0 : elapsed(mFirstAckTime + ACK_BATCH_AGE_MS, pass.start));
     }
     // What is sent is answered: a looper that looks again by then need not be told of that.

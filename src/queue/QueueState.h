@@ -103,7 +103,6 @@ struct __attribute__((visibility("hidden"))) VeskQueue::State {
     void looper();
     bool runPass(Released& released) VESK_EXCLUDES(mMutex);
     bool acksAreDue(uint64_t now) const VESK_REQUIRES(mMutex);
-    void sendOwedAcks(Pass& pass) VESK_REQUIRES(mMutex);
     Packets expireHistory(Pass& pass) VESK_REQUIRES(mMutex);
     void sleep(Pass& pass) VESK_EXCLUDES(mMutex);
     /**

@@ -133,5 +133,23 @@ TEST_F(QueueTest, PacketBelongsToTheQueueThatHoldsItAndItsCopyToNone) {
     EXPECT_EQ(queue->dequeuePacket(), held);
 }
 
+TEST_F(QueueTest, APacketOfTheHostsOwnIsGoneOnceItHasLeft) {
+    struct Watched : VeskQueue::QueuedPacket {
+        Watched(std::shared_ptr<VeskFrame> frame, std::shared_ptr<int> lives)
+            : QueuedPacket(1, false, std::move(frame)), mLives(std::move(lives)) {}
+        std::shared_ptr<int> const mLives;
+    };
+    auto const lives = std::make_shared<int>();
+    Packet packet = new Watched(frame(1), lives);
+    {
+        std::lock_guard<std::mutex> const lock(queue->mutex());
+        queue->enqueuePacket(packet);
+        packet = nullptr;
+    }
+    queue->wake();
+    rest();
+    EXPECT_EQ(lives.use_count(), 1);
+}
+
 }  // namespace
 }  // namespace vesk
