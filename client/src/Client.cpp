@@ -51,8 +51,9 @@ void Client::status(StatusFormat format,
     mImpl->status(format, std::move(done));
 }
 
-void Client::tap(std::function<void(TappedMessage const& tapped)> onFrame) {
-    mImpl->tap(std::move(onFrame));
+void Client::tap(std::function<void(TappedMessage const& tapped)> onFrame,
+                 std::function<void(SkippedMessage const& skipped)> onSkipped) {
+    mImpl->tap({std::move(onFrame), std::move(onSkipped)});
 }
 
 uint64_t Client::untap() {

@@ -182,10 +182,10 @@ void Client::Impl::status(StatusFormat format,
     });
 }
 
-void Client::Impl::tap(Tapper onFrame) {
+void Client::Impl::tap(Tapper tapper) {
     Lock const lock(mMutex);
     if (mTapper) throw std::logic_error("this client taps already; make another one");
-    mTapper = std::make_shared<Tapper const>(std::move(onFrame));
+    mTapper = std::make_shared<Tapper const>(std::move(tapper));
     if (mUp) send(TapMessage{true}.encode());
 }
 
@@ -322,6 +322,11 @@ void Client::Impl::dispatch(Message const& message) {
             return answered(message);
         case MessageType::TAPPED:
             return tapped(message);
+        case MessageType::SKIPPED:
+            return skipped(message);
+        case MessageType::NOTICE:
+            if (mOptions.onNotice) mOptions.onNotice(textOf(message));
+            return;
         default:
             return;  // a newer host's, which nobody here has asked for
     }
@@ -400,12 +405,20 @@ void Client::Impl::tapped(Message const& message) {
     auto const tapped = TappedMessage::decode(message.body);
     if (!tapped) return lose(NOT_UNDERSTOOD);
     if (tapped->bytes.empty()) return answered(message);
-    std::shared_ptr<Tapper const> tapper;
-    {
-        Lock const lock(mMutex);
-        tapper = mTapper;
-    }
-    if (tapper) (*tapper)(*tapped);
+    auto const to = tapper();
+    if (to) to->onFrame(*tapped);
+}
+
+void Client::Impl::skipped(Message const& message) {
+    auto const skipped = SkippedMessage::decode(message.body);
+    if (!skipped) return lose(NOT_UNDERSTOOD);
+    auto const to = tapper();
+    if (to && to->onSkipped) to->onSkipped(*skipped);
+}
+
+std::shared_ptr<Client::Impl::Tapper const> Client::Impl::tapper() const {
+    Lock const lock(mMutex);
+    return mTapper;
 }
 
 // Whatever has gathered leaves in one write.

@@ -30,7 +30,11 @@ public:
     using QueryDone = std::function<void(std::optional<Counters> const& counters)>;
     /** Gets the body of the answer, or null when there will be none. */
     using Answered = std::function<void(Bytes const* body)>;
-    using Tapper = std::function<void(TappedMessage const& tapped)>;
+
+    struct Tapper {
+        std::function<void(TappedMessage const& tapped)> onFrame;
+        std::function<void(SkippedMessage const& skipped)> onSkipped;
+    };
 
     Impl(std::string path, Options options);
 
@@ -46,7 +50,7 @@ public:
     std::string status(StatusFormat format);
     void status(StatusFormat format,
                 std::function<void(std::optional<std::string> const& text)> done);
-    void tap(Tapper onFrame);
+    void tap(Tapper tapper);
     uint64_t untap();
     void post(std::function<void()> task);
     bool connected() const;
@@ -70,6 +74,8 @@ private:
     void changed(Message const& message);
     void answered(Message const& message);
     void tapped(Message const& message);
+    void skipped(Message const& message);
+    std::shared_ptr<Tapper const> tapper() const;
     void flush();
     void flushAfterWhile();
     void sleep();

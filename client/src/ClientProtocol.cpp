@@ -221,6 +221,18 @@ std::optional<TappedMessage> TappedMessage::decode(Bytes const& body) {
     return whole(reader, tapped);
 }
 
+Bytes SkippedMessage::encode() const {
+    return BodyWriter(MessageType::SKIPPED).number(micros, 8).number(bytes, 8).finish();
+}
+
+std::optional<SkippedMessage> SkippedMessage::decode(Bytes const& body) {
+    BodyReader reader(body);
+    SkippedMessage skipped;
+    skipped.micros = reader.number<uint64_t>(8);
+    skipped.bytes = reader.number<uint64_t>(8);
+    return whole(reader, skipped);
+}
+
 Bytes encodeMessage(MessageType type, std::string const& body) {
     return BodyWriter(type).rest(body).finish();
 }

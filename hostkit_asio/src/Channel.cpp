@@ -53,6 +53,7 @@ private:
     void received();
     void watchSilence();
     void flush();
+    void passSkipped();
     void reportSkipped();
 
     asio::io_context& mIo;
@@ -76,6 +77,7 @@ private:
     bool mGoesOn = false;
     uint64_t mOpened = 0;
     std::chrono::steady_clock::time_point mChanged = std::chrono::steady_clock::now();
+    uint64_t mPassedSkipped = 0;
     uint64_t mReportedSkipped = 0;
     std::string mLastError;
 };
@@ -89,6 +91,7 @@ Channel::Impl::Impl(asio::io_context& io, Endpoint const& endpoint, bool listen,
       mSource(io, endpoint, listen, mEvents.report),
       mReader(catalogue,
               [this](std::shared_ptr<VeskFrame> const& frame) {
+                  passSkipped();
                   ++mFrames;
                   mEvents.onFrame(frame);
               }),
@@ -230,7 +233,15 @@ void Channel::Impl::watchSilence() {
     });
 }
 
+void Channel::Impl::passSkipped() {
+    uint64_t const skipped = mReader.skippedBytes();
+    if (skipped == mPassedSkipped) return;
+    uint64_t const bytes = skipped - std::exchange(mPassedSkipped, skipped);
+    if (mEvents.onSkipped) mEvents.onSkipped(bytes);
+}
+
 void Channel::Impl::reportSkipped() {
+    passSkipped();
     uint64_t const skipped = mReader.skippedBytes();
     if (skipped == mReportedSkipped) return;
     mEvents.report("skipped " + std::to_string(skipped - mReportedSkipped) +

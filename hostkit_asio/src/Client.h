@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <unordered_map>
+#include <vector>
 
 #include <vesk/VeskSession.h>
 #include <vesk/VeskSessionManager.h>
@@ -23,6 +24,7 @@ struct Business {
     size_t unanswered = 0;  // bytes of requests
     size_t congested = 0;   // providers that are
     ClientLine line;        // consumers that wait for replies to anybody, or for a provider
+    std::vector<uint32_t> providers;  // in the order in which they have joined
 };
 
 /** Why a message is left with its client. */

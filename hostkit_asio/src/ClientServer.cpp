@@ -36,4 +36,8 @@ void ClientServer::providerChanged(bool added, std::string const& topic,
     mImpl->providerChanged(added, topic, business);
 }
 
+void ClientServer::announce(std::string const& text) {
+    mImpl->announce(text);
+}
+
 }  // namespace vesk::hostkit

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include <vesk/Vesk.h>
+#include <vesk/client/BusinessName.h>
 #include <vesk/hostkit/CatalogueNames.h>
 
 namespace vesk::hostkit {
@@ -19,6 +20,14 @@ void removeSession(uint32_t clientId) {
 
 // For whom something has waited for so long, that one does not read.
 constexpr std::chrono::milliseconds SLOW{1000};
+
+std::string nameOf(VeskSession const& session) {
+    VeskConfig const& catalogue = *Vesk::getInstance()->getConfig();
+    return client::BusinessName{
+            catalogue.getTopicIdById(session.topicId()),
+            catalogue.getBussinessIdById(session.topicId(), session.businessId())}
+            .toString();
+}
 
 char const* roleName(int role) {
     return role == VeskSessionManager::PROVIDER ? "provider" : "consumer";
@@ -127,14 +136,20 @@ void Clients::onBacklog(ClientConnection& connection) {
 void Clients::onClosed(ClientConnection& connection, std::string const& reason) {
     auto const entry = mClients.extract(connection.id());
     Client& client = entry.mapped();
+    bool const hadRequests =
+            client.provides() && client.business->providers.back() == connection.id();
     mFlow.left(client);
     mTappers.left(connection.id());
     if (connection.evicted()) ++mEvicted;
     // A client that came for a look and leaves as it should is not worth a line.
     if (client.session || connection.evicted()) {
-        mServices.report("client " + std::to_string(connection.id()) + " is gone: " + reason);
+        std::string const line =
+                "client " + std::to_string(connection.id()) + " is gone: " + reason;
+        mServices.report(line);
+        announce(line);
     }
     if (client.session) removeSession(connection.id());
+    if (hadRequests) giveBack(client);
 }
 
 void Clients::join(Client& client, client::Message const& message) {
@@ -153,9 +168,48 @@ void Clients::join(Client& client, client::Message const& message) {
     client.session = sessions.getSession(static_cast<uint16_t>(sessionId));
     client.local = mLocalTopics.count(join->topic) > 0;
     mFlow.joined(client);
-    mServices.report("client " + std::to_string(id) + " is a " + roleName(join->role) + " of " +
-                     join->topic + "/" + join->business + ", session " + std::to_string(sessionId));
+    std::string const line = "client " + std::to_string(id) + " is a " + roleName(join->role) +
+                             " of " + nameOf(*client.session) + ", session " +
+                             std::to_string(sessionId);
+    mServices.report(line);
+    announce(line);
     send(*client.connection, client::JoinedMessage{static_cast<uint16_t>(sessionId)}.encode());
+    if (client.provides()) takeOver(client);
+}
+
+// Its business has another provider: what that means is told to all whom it concerns.
+void Clients::takeOver(Client const& client) {
+    std::vector<uint32_t> const& providers = client.business->providers;
+    if (providers.size() < 2) return;
+    uint32_t const before = providers[providers.size() - 2];
+    std::string const id = std::to_string(client.connection->id());
+    std::string const business = nameOf(*client.session);
+    std::string const line = business + ": client " + id + " takes over the requests from client " +
+                             std::to_string(before);
+    mServices.report(line);
+    announce(line);
+    tell(client.connection->id(), "this provider takes over the requests for " + business +
+                                          " from client " + std::to_string(before) +
+                                          ", which gets them again when this one leaves");
+    tell(before, "client " + id + " takes over the requests for " + business +
+                         "; this provider gets them again when that one leaves");
+}
+
+// The one that had the requests has left: the one before it has them again.
+void Clients::giveBack(Client const& client) {
+    std::vector<uint32_t> const& providers = client.business->providers;
+    if (providers.empty()) return;
+    std::string const business = nameOf(*client.session);
+    std::string const line =
+            business + ": client " + std::to_string(providers.back()) + " gets the requests again";
+    mServices.report(line);
+    announce(line);
+    tell(providers.back(), "this provider gets the requests for " + business + " again");
+}
+
+void Clients::tell(uint32_t clientId, std::string const& text) {
+    send(*mClients.at(clientId).connection,
+         client::encodeMessage(client::MessageType::NOTICE, text));
 }
 
 std::string Clients::whyNoSession(client::JoinMessage const& join) const {
@@ -256,9 +310,12 @@ void Clients::tap(Client& client, client::Message const& message) {
 }
 
 void Clients::deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame) {
-    auto const found = mClients.find(clientId);
+    auto found = mClients.find(clientId);
     if (found == mClients.end()) return;
     bool const request = frame.msgType == REQUEST;
+    // Of several providers, the library chooses any.
+    if (request && found->second.provides())
+        found = mClients.find(found->second.business->providers.back());
     uint16_t const session = request ? frame.reply : static_cast<uint16_t>(sessionId);
     client::MessageType const type =
             request ? client::MessageType::REQUEST : client::MessageType::REPLY;
@@ -284,6 +341,10 @@ void Clients::providerChanged(bool added, std::string const& topic, std::string 
         mProviders.erase(found);
     }
     broadcast(client::ChangeMessage{added, topic, business}.encode(client::MessageType::PROVIDER));
+}
+
+void Clients::announce(std::string const& text) {
+    broadcast(client::encodeMessage(client::MessageType::NOTICE, text));
 }
 
 void Clients::broadcast(client::Bytes const& message) {

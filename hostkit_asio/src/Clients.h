@@ -33,6 +33,7 @@ public:
     void deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame);
     void topicChanged(bool added, std::string const& topic);
     void providerChanged(bool added, std::string const& topic, std::string const& business);
+    void announce(std::string const& text);
 
 private:
     bool onMessage(ClientConnection& connection, client::Message const& message) override;
@@ -45,6 +46,9 @@ private:
     bool makePlace();
     void join(Client& client, client::Message const& message);
     std::string whyNoSession(client::JoinMessage const& join) const;
+    void takeOver(Client const& client);
+    void giveBack(Client const& client);
+    void tell(uint32_t clientId, std::string const& text);
     void publish(Client& client, client::Message const& message);
     void watch(Client& client);
     void answerQuery(Client& client);

@@ -35,7 +35,11 @@ void FlowControl::joined(Client& client) {
     // Both are single bytes wherever a frame carries them.
     client.business =
             &mBusinesses[static_cast<uint16_t>(session.topicId() << 8 | session.businessId())];
-    if (client.consumes()) client.unanswered.emplace(client.business->unanswered);
+    if (client.consumes()) {
+        client.unanswered.emplace(client.business->unanswered);
+    } else {
+        client.business->providers.push_back(client.connection->id());
+    }
 }
 
 void FlowControl::left(Client& client) {
@@ -46,6 +50,11 @@ void FlowControl::left(Client& client) {
     }
     if (client.congested) --client.business->congested;
     client.unanswered.reset();
+    if (client.provides()) {
+        auto& providers = client.business->providers;
+        providers.erase(std::remove(providers.begin(), providers.end(), client.connection->id()),
+                        providers.end());
+    }
     updateShortage();
     updateHold();
     resumeSoon();

@@ -128,7 +128,8 @@ Channel::Events Host::Impl::channelEvents(Options const& options) {
             [this] { progressed(); },
             options.onEnd,
             mReport,
-            options.watcher};
+            options.watcher,
+            [this](uint64_t bytes) { mTap.skipped(bytes); }};
 }
 
 ClientServer::Services Host::Impl::services(Options const& options) {
@@ -158,6 +159,7 @@ void Host::Impl::channelChanged(bool up) {
         mReport(std::to_string(mQueue->size()) + " queued frames are lost with the channel");
     }
     Vesk::getInstance()->onChannelAvailable(up);
+    mClients.announce(up ? "the channel is up" : "the channel is down");
     holdChannel();
     mClients.resume();
 }

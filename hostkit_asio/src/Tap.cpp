@@ -32,18 +32,20 @@ void Tap::copyIn(VeskFrame const& frame) {
     copy(FrameText::Direction::IN, std::move(bytes));
 }
 
-void Tap::copy(FrameText::Direction direction, std::vector<uint8_t> bytes) {
+void Tap::add(Copy copy) {
     std::lock_guard<std::mutex> const lock(mMutex);
     if (!mOnCopies) return;
-    bool const wasEmpty = mBatch.copies.empty() && mBatch.missed == 0;
-    // A frame behind a missed one is missed too, so that the count has its place.
-    size_t const size = sizeof(Copy) + bytes.size();
-    if (mBatch.missed > 0 || mBytes + size > MAX_BYTES) {
-        ++mBatch.missed;
+    bool const wasEmpty = mBatch.copies.empty() && mBatch.missed == 0 && mBatch.skipped == 0;
+    size_t const size = sizeof(Copy) + copy.bytes.size();
+    // What is behind something missed is missed too, so that the counts have their place.
+    if (mBatch.missed > 0 || mBatch.skipped > 0 || mBytes + size > MAX_BYTES) {
+        mBatch.missed += copy.skipped > 0 ? 0 : 1;
+        mBatch.skipped += copy.skipped;
     } else {
         mBytes += size;
         // The time is taken under the lock, so that no copy is older than the one before it.
-        mBatch.copies.push_back({direction, microsSince1970(), std::move(bytes)});
+        copy.micros = microsSince1970();
+        mBatch.copies.push_back(std::move(copy));
     }
     if (wasEmpty) mOnCopies();
 }

@@ -4,6 +4,8 @@
 
 #include <asio/post.hpp>
 
+#include "WallClock.h"
+
 namespace vesk::hostkit {
 
 namespace {
@@ -38,7 +40,10 @@ void Tappers::remove(ClientConnection& client) {
     if (mTap) pass();
     auto const found = mTappers.find(client.id());
     client::TappedMessage end;
-    if (found != mTappers.end()) end.missed = found->second.missed;
+    if (found != mTappers.end()) {
+        passSkipped(found->second, microsSince1970());
+        end.missed = found->second.missed;
+    }
     left(client.id());
     client.send(end.encode());
 }
@@ -55,6 +60,9 @@ void Tappers::pass() {
 
 void Tappers::passTo(Tapper& tapper, Tap::Batch const& batch) {
     for (Tap::Copy const& copy : batch.copies) {
+        tapper.skipped += copy.skipped;
+        passSkipped(tapper, copy.micros);
+        if (copy.bytes.empty()) continue;
         if (tapper.client->backlog() + copy.bytes.size() > MAX_WAITING) {
             ++tapper.missed;
             continue;
@@ -70,6 +78,13 @@ void Tappers::passTo(Tapper& tapper, Tap::Batch const& batch) {
         }
     }
     tapper.missed += batch.missed;
+    tapper.skipped += batch.skipped;
+}
+
+void Tappers::passSkipped(Tapper& tapper, uint64_t micros) {
+    if (tapper.skipped == 0 || tapper.client->backlog() > MAX_WAITING) return;
+    tapper.client->send(client::SkippedMessage{micros, tapper.skipped}.encode());
+    tapper.skipped = 0;
 }
 
 }  // namespace vesk::hostkit

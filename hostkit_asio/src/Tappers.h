@@ -40,11 +40,13 @@ public:
 private:
     struct Tapper {
         std::shared_ptr<ClientConnection> client;
-        uint64_t missed = 0;  // frames
+        uint64_t missed = 0;   // frames
+        uint64_t skipped = 0;  // bytes of no frame that it has not been told of
     };
 
     void pass();
     static void passTo(Tapper& tapper, Tap::Batch const& batch);
+    static void passSkipped(Tapper& tapper, uint64_t micros);
 
     asio::io_context& mIo;
     Tap* const mTap;

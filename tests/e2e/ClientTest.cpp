@@ -147,6 +147,11 @@ TEST_F(ClientTest, AnyHostCanBeWatched) {
     awaitText(watch, "clients 3, providers 1, ");
     server.providerChanged(true, "test", "test");
     awaitText(watch, "provider test/test added\n");
+    Process& asked = start("status --host " + socket("host"));
+    expectEnd(asked, 0);
+    EXPECT_NE(asked.output().find("pending           3 of 1000\n"), std::string::npos);
+    EXPECT_NE(asked.output().find("test/test         1 providers, 2 consumers"), std::string::npos)
+            << asked.output();
     expectEnd(start("call test/test --data x --host " + socket("host")), 2, "only be watched");
 }
 

@@ -3,6 +3,7 @@
 #include <set>
 
 #include "CallReport.h"
+#include "WatchPrinter.h"
 #include "support/Scene.h"
 
 namespace vesk::e2e {
@@ -100,10 +101,12 @@ TEST_F(CommandTest, ACallSaysWhyNoReplyCame) {
           {R"("up":true,"acknowledged":9,"pending":0)", 7, "acknowledged them and nobody answered"},
           {R"("up":false,"localTopics":["testing","test"])", 5,
            "nobody provides test/test on this host"},
-          {R"("localTopics":["test"],[{"topic":"test","business":"test","providers":1}])", 7,
-           "its provider on this host has not answered"},
-          {R"("localTopics":["test"],[{"topic":"test","business":"test","providers":0}])", 5,
-           "nobody provides test/test"}}) {
+          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test","providers":1}])",
+           7, "its provider on this host has not answered"},
+          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test","providers":0}])",
+           5, "nobody provides test/test"},
+          {R"("frames":{"timedOut":9},"acknowledged":9,"timedOut":0)", 7, "nobody answered"},
+          {R"("up":"no")", 1, "what the host tells of its state is not understood"}}) {
         auto const [process, line] = startJoined("call --timeout 1");
         Line& asking = accept(mListener, Line::MESSAGES);
         awaitHeard(asking, 1);
@@ -157,6 +160,58 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     for (char const* const errors : {"does not answer", "does not accept"})
         expectEnd(start("call a/b --join-timeout 50 --host " + socket("host")), 3, errors);
     expectEnd(start("host --channel tty:x --clients " + socket("host")), 1, "another process");
+}
+
+TEST_F(CommandTest, AProviderThatRetriesComesBack) {
+    for (char const* const option : {"--retry", "--reconnect"}) {
+        auto const [process, line] = startJoined("provide --echo " + std::string(option));
+        line.close();
+        Line& again = accept(mListener, Line::MESSAGES);
+        awaitHeard(again, joining(PROVIDER));
+        again.say(client::JoinedMessage{8}.encode());
+        again.say(client::encodeMessage(Type::NOTICE, "new\x1B"));
+        awaitText(process, "as session 8\nvesk: the host says: new\\x1B\n");
+    }
+}
+
+// What a watch prints of the same events.
+TEST_F(CommandTest, AWatchPrintsChangesAndCountersThatHaveChanged) {
+    using Form = tool::WatchPrinter::Form;
+    std::string const counters =
+            "channel up, pending 0, awaiting ack 0, owed acks 0, sent 0, received 0, last delay "
+            "unknown, slow 0, clients 0, providers 0, skipped bytes 0, reconnects 0, refused 0, "
+            "evicted 0\n";
+    std::string const rest =
+            "last delay unknown, slow 0, clients 0, providers 0, skipped bytes 0\n"
+            "reconnects 0, refused 0, evicted 0\n";
+    std::string const screen =
+            "channel up, pending 0, awaiting ack 0, owed acks 0, sent 0, received 0\n" + rest;
+    std::string const json =
+            R"(,"pending":0,"awaitingAck":0,"owedAcks":0,"sent":0,"received":0,"delayMs":null,)"
+            R"("slow":0,"clients":0,"providers":0,"skippedBytes":0,"reconnects":0,"refused":0,)"
+            "\"evicted\":0}}\n";
+    for (auto const& [form, expected] :
+         {std::pair{Form::LINES, counters + "provider a\\x1B added\nhost: \\n\nchannel down" +
+                                         counters.substr(10)},
+          {Form::SCREEN, screen + "\x1B[3A\x1B[Jprovider a\\x1B added\n" + screen +
+                                 "\x1B[3A\x1B[Jhost: \\n\n" + screen + "\x1B[3A\x1B[Jchannel down" +
+                                 screen.substr(10)},
+          {Form::JSON, "{\"counters\":{\"up\":true" + json +
+                               "{\"provider\":\"a\\u001b\",\"added\":true}\n" +
+                               "{\"notice\":\"\\n\"}\n{\"counters\":{\"up\":false" + json}}) {
+        ::testing::internal::CaptureStdout();
+        tool::WatchPrinter printer(form);
+        client::Counters now;
+        now.channelUp = 1;
+        now.lastDelayMillis = TIMEOUT_DELAY_MS;
+        printer.counters(now);
+        printer.counters(now);
+        printer.change("provider", "a\x1B", true);
+        printer.notice("\n");
+        now.channelUp = 0;
+        printer.counters(now);
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), expected);
+    }
 }
 
 TEST_F(CommandTest, AProviderAnswersEachRequestOnce) {

@@ -38,6 +38,41 @@ TEST_F(HostTest, FramesFindTheirClientsAndTheirPeerAlsoWhenOneDoesNotRead) {
     EXPECT_FALSE(std::filesystem::exists(path("host")));
 }
 
+TEST_F(HostTest, TheLastProviderTakesOverAndAllWhomItConcernsAreTold) {
+    Process& host = startHost(socket("channel"));
+    Line& peer = acceptPeer();
+    Process& watch = start("watch --json --host " + socket("host"));
+    awaitText(watch, "counters");
+    join(PROVIDER);
+    Line& second = join(PROVIDER);
+    awaitHeard(second, client::encodeMessage(
+                               Type::NOTICE,
+                               "this provider takes over the requests for test/test from client 2, "
+                               "which gets them again when this one leaves"));
+    for (int i = 0; i < 11; ++i)
+        join(CONSUMER);  // so that the library would choose another one than the last
+    Process& last = start("provide test/test --echo --host " + socket("host"));
+    awaitText(last,
+              "the host says: this provider takes over the requests for test/test from "
+              "client 3, which");
+    peer.say(frame(2, 77, 6, "q"));
+    awaitHeard(peer, frame(3, 77, 6, "q"));
+    last.signal(SIGTERM);
+    awaitHeard(second,
+               client::encodeMessage(Type::NOTICE,
+                                     "this provider gets the requests for test/test again"));
+    peer.say(frame(2, 77, 7, "q"));
+    awaitHeard(second, data(Type::REQUEST, 77, 7, "q"));
+    EXPECT_EQ(second.heard().size(), 5U);
+    for (char const* const line : {"test/test: client 15 takes over the requests from client 3",
+                                   "test/test: client 3 gets the requests again"}) {
+        awaitText(host, "vesk: " + std::string(line) + "\n");
+        awaitText(watch, "{\"notice\":\"" + std::string(line) + "\"}\n");
+    }
+    peer.close();
+    awaitText(watch, "{\"notice\":\"the channel is down\"}");
+}
+
 TEST_F(HostTest, ClientsStayWhileTheChannelIsAway) {
     startHost(socket("channel"));
     Line& first = acceptPeer();
@@ -105,7 +140,8 @@ TEST_F(HostTest, ALocalTopicNeedsNoChannelAndWhatCannotBeIsRefused) {
         line.say(bytes);
         line.say(joining(CONSUMER));
         awaitClosed(line);
-        EXPECT_EQ(line.heard().size(), role ? 2U : 1U);
+        // A provider is also told that it takes over.
+        EXPECT_EQ(line.heard().size(), static_cast<size_t>(1 + role));
         std::string const last(line.heard().back().begin() + 4, line.heard().back().end());
         EXPECT_EQ(last[0], static_cast<char>(Type::REFUSED));
         EXPECT_NE(last.find(answer), std::string::npos) << last;

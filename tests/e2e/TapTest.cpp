@@ -1,5 +1,7 @@
 // Looking at the traffic of a running host, and at whom it serves.
 
+#include <unistd.h>
+
 #include <atomic>
 #include <regex>
 
@@ -37,6 +39,7 @@ TEST_F(TapTest, ShowsBothDirectionsWholeAndFiltered) {
     Process& some = tap(" dir=in business=test/test type=reply --json");
     Process& none = tap(" topic=virtualcomm");
     Process& capture = tap(" dir=out type=request -w " + file);
+    Process& piped = tap(" dir=out type=request -w -");
     std::string const big(65535, 'x');
     expectExchange(peer, consumer, 2);
     consumer.say(data(Type::REQUEST, 0, 3, big));
@@ -53,6 +56,8 @@ TEST_F(TapTest, ShowsBothDirectionsWholeAndFiltered) {
               std::string::npos);
     EXPECT_EQ(endOf(none, "0 frames shown; 0 missed"), "");
     endOf(capture, "2 frames shown");
+    endOf(piped, "2 frames shown");
+    EXPECT_EQ(piped.output(), Process::content(file));
     Process& decoded = start("decode " + file);
     expectEnd(decoded, 0);
     EXPECT_NE(decoded.output().find("out request test/test from session 1, msg 3"),
@@ -70,6 +75,46 @@ TEST_F(TapTest, ShowsBothDirectionsWholeAndFiltered) {
         expectEnd(start("tap --host unix:/none " + std::string(words)), 2, errors);
     }
     expectEnd(start("tap --host " + socket("host") + " -w " + path("no/file")), 1, "cannot write");
+}
+
+TEST_F(TapTest, ShowsHowManyBytesBelongToNoFrameAndWhere) {
+    startHost(socket("channel"));
+    Line& peer = acceptPeer();
+    Process& all = tap(" dir=in");
+    Process& json = tap(" --json");
+    Process& requests = tap(" type=request");
+    Bytes bytes = frame(2, 0, 1, "");
+    bytes.resize(bytes.size() + 500, 'x');
+    for (uint8_t const byte : frame(2, 0, 2, ""))
+        bytes.push_back(byte);
+    peer.say(bytes);
+    for (Process* const tap : {&all, &json, &requests})
+        awaitText(*tap, tap == &json ? "\"msgId\":2" : "msg 2");
+    peer.say({'x'});
+    for (Process* const tap : {&all, &json})
+        awaitText(*tap, tap == &json ? "\"skipped\":1}" : "in  1 bytes");
+    std::string const first = "in  request test/test from session 0, msg 1, serial 0, 0 bytes\n";
+    std::string const second = "in  request test/test from session 0, msg 2, serial 0, 0 bytes\n";
+    EXPECT_EQ(endOf(all, "2 frames shown; 0 missed; 501 bytes belong to no frame"),
+              first + "in  500 bytes belong to no frame\n" + second +
+                      "in  1 bytes belong to no frame\n");
+    EXPECT_EQ(endOf(requests, "501 bytes"), first + second);
+    EXPECT_NE(endOf(json, "501 bytes").find(R"("direction":"in","skipped":500})"),
+              std::string::npos);
+}
+
+TEST_F(TapTest, NoOtherUserTaps) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be two users";
+    startHost(socket("channel"), " --mode 0666");
+    std::filesystem::permissions(path(""), std::filesystem::perms::all);
+    ASSERT_EQ(::seteuid(65534), 0);
+    Line& line = connect();
+    ASSERT_EQ(::seteuid(0), 0);
+    line.say(tapping(true));
+    awaitClosed(line);
+    EXPECT_EQ(line.heard()[0],
+              client::encodeMessage(Type::REFUSED,
+                                    "only the user of this host, and root, may tap it"));
 }
 
 TEST_F(TapTest, ATapThatDoesNotReadSlowsNobodyAndIsToldWhatItMissed) {

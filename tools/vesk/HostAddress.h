@@ -28,13 +28,13 @@ struct HostAddress {
     client::Client::Options options() const {
         client::Client::Options options;
         options.anyOwner = anyOwner;
-        options.reconnect = reconnect;
+        options.reconnect = retry;
         return options;
     }
 
-    std::string host;        // unix:PATH; empty: the default
-    bool anyOwner = false;   // also one of another user
-    bool reconnect = false;  // wait for it when it goes away
+    std::string host;       // unix:PATH; empty: the default
+    bool anyOwner = false;  // also one of another user
+    bool retry = false;     // wait for it when it goes away
 };
 
 }  // namespace vesk::tool

@@ -1,15 +1,18 @@
 #include "ListCommand.h"
 
+#include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <optional>
-#include <regex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <vesk/VeskConfig.h>
 #include <vesk/hostkit/CatalogueNames.h>
+#include <nlohmann/json.hpp>
 
 #include "Errors.h"
 
@@ -23,8 +26,8 @@ using hostkit::topicNames;
 /** What a host serves. */
 struct Served {
     struct Count {
-        std::string providers = "0";
-        std::string consumers = "0";
+        uint64_t providers = 0;
+        uint64_t consumers = 0;
     };
 
     bool has(std::string const& topic) const { return topics.count(topic) > 0; }
@@ -37,13 +40,17 @@ struct Served {
     std::map<std::string, Count> businesses;  // those that somebody has joined
 };
 
-// The object is the host kit's; what a newer host adds stands behind these members.
 std::map<std::string, Served::Count> countsOf(std::string const& status) {
-    std::regex const sessions(
-            R"re(\{"topic":"([^"]+)","business":"([^"]+)","providers":(\d+),"consumers":(\d+))re");
     std::map<std::string, Served::Count> counts;
-    for (std::sregex_iterator at(status.begin(), status.end(), sessions), end; at != end; ++at)
-        counts[at->str(1) + "/" + at->str(2)] = {at->str(3), at->str(4)};
+    try {
+        auto const json = nlohmann::json::parse(status);
+        for (auto const& entry : json.at("sessions")) {
+            client::BusinessName const name{entry.at("topic"), entry.at("business")};
+            counts[name.toString()] = {entry.at("providers"), entry.at("consumers")};
+        }
+    } catch (nlohmann::json::exception const&) {
+        throw std::runtime_error("what the host tells of its state is not understood");
+    }
     return counts;
 }
 
@@ -85,8 +92,8 @@ std::string json(VeskConfig const& catalogue, std::optional<Served> const& serve
                     jsonMembers(business, catalogue.getBussinessIdByName(topicId, business)));
             if (!served) continue;
             Served::Count const count = served->count(topic, business);
-            businesses.back() +=
-                    ",\"providers\":" + count.providers + ",\"consumers\":" + count.consumers;
+            businesses.back() += ",\"providers\":" + std::to_string(count.providers) +
+                                 ",\"consumers\":" + std::to_string(count.consumers);
         }
         topics.push_back(jsonMembers(topic, topicId));
         if (served) {
@@ -110,9 +117,8 @@ std::string table(VeskConfig const& catalogue, std::optional<Served> const& serv
             text += line;
             if (served) {
                 Served::Count const count = served->count(topic, business);
-                std::snprintf(line, sizeof(line), "  %-6s  %9s  %9s",
-                              served->has(topic) ? "yes" : "no", count.providers.c_str(),
-                              count.consumers.c_str());
+                std::snprintf(line, sizeof(line), "  %-6s  %9" PRIu64 "  %9" PRIu64,
+                              served->has(topic) ? "yes" : "no", count.providers, count.consumers);
                 text += line;
             }
             text += '\n';

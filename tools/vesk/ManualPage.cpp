@@ -55,6 +55,16 @@ std::string optionsText(CommandLine const& command) {
     return text;
 }
 
+/** Its examples stand as they are, each in a line. */
+std::string footerText(std::string const& footer) {
+    std::string const head = "Examples:\n";
+    size_t const examples = footer.find(head);
+    if (examples == std::string::npos) return footer.empty() ? "" : ".PP\n" + plain(footer) + "\n";
+    std::string const before = footer.substr(0, examples);
+    return (before.empty() ? "" : ".PP\n" + plain(before)) + ".PP\n" + plain(head) + ".PP\n.nf\n" +
+           plain(footer.substr(examples + head.size())) + "\n.fi\n";
+}
+
 /** A word by its place: optional in brackets, and with dots where there may be several. */
 std::string wordText(CommandLine::Option const& option) {
     std::string const word = italic(upper(option.word));
@@ -84,7 +94,7 @@ std::string manualPage(CommandLine const& program) {
     for (CommandLine const& command : program.commands) {
         text += ".SS \"" + program.name + " " + command.name + "\"\n" + plain(command.description) +
                 "\n" + optionsText(command);
-        if (!command.footer.empty()) text += ".PP\n" + plain(command.footer) + "\n";
+        text += footerText(command.footer);
     }
     return text + ".SH NOTES\n" + plain(program.footer) + "\n";
 }

@@ -1,9 +1,10 @@
 #include "NoReply.h"
 
+#include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 
 #include <vesk/VeskProtocol.h>
+#include <nlohmann/json.hpp>
 
 #include "Errors.h"
 
@@ -11,35 +12,37 @@ namespace vesk::tool {
 
 namespace {
 
-/** The number behind the first member of this name; 0 where there is none. */
-uint64_t numberOf(std::string const& json, std::string const& name) {
-    std::string const key = '"' + name + "\":";
-    size_t const at = json.find(key);
-    return at == std::string::npos ? 0 : std::strtoull(json.c_str() + at + key.size(), nullptr, 10);
+using Json = nlohmann::json;
+
+// What a host does not tell, or tells as null, counts as 0 and as empty.
+uint64_t numberOf(Json const& status, char const* name) {
+    auto const found = status.find(name);
+    return found != status.end() && found->is_number() ? found->get<uint64_t>() : 0;
 }
 
 /** Whether the host sends the topic's frames to no peer. */
-bool isLocal(std::string const& json, std::string const& topic) {
-    size_t const begin = json.find("\"localTopics\":[");
-    if (begin == std::string::npos) return false;
-    return json.substr(begin, json.find(']', begin) - begin).find('"' + topic + '"') !=
-           std::string::npos;
+bool isLocal(Json const& status, std::string const& topic) {
+    Json const topics = status.value("localTopics", Json::array());
+    return std::find(topics.begin(), topics.end(), topic) != topics.end();
 }
 
-}  // namespace
+bool isProvided(Json const& status, std::string const& business) {
+    Json const sessions = status.value("sessions", Json::array());
+    return std::any_of(sessions.begin(), sessions.end(), [&](Json const& entry) {
+        return entry.value("topic", "") + '/' + entry.value("business", "") == business &&
+               numberOf(entry, "providers") > 0;
+    });
+}
 
-NoReply NoReply::explain(std::string const& status, std::string const& business, size_t lost,
-                         size_t waitedMillis) {
-    std::string const topic = business.substr(0, business.find('/'));
-    if (isLocal(status, topic)) {
-        std::string const served = "\"topic\":\"" + topic + "\",\"business\":\"" +
-                                   business.substr(topic.size() + 1) + "\",\"providers\":";
-        size_t const at = status.find(served);
-        bool const isProvided = at != std::string::npos && status[at + served.size()] != '0';
-        if (isProvided) return {EXIT_NOT_ANSWERED, "its provider on this host has not answered"};
+NoReply explainBy(Json const& status, std::string const& business, size_t lost,
+                  size_t waitedMillis) {
+    if (isLocal(status, business.substr(0, business.find('/')))) {
+        if (isProvided(status, business)) {
+            return {EXIT_NOT_ANSWERED, "its provider on this host has not answered"};
+        }
         return {EXIT_NO_PROVIDER, "nobody provides " + business + " on this host"};
     }
-    if (status.find("\"up\":false") != std::string::npos) {
+    if (!status.value("up", true)) {
         return {EXIT_CHANNEL_DOWN, "the host's channel is down since " +
                                            std::to_string(numberOf(status, "channelMs") / 1000) +
                                            " s"};
@@ -58,6 +61,17 @@ NoReply NoReply::explain(std::string const& status, std::string const& business,
     }
     return {EXIT_NOT_ANSWERED, "the peer has acknowledged them and nobody answered: see whether " +
                                        business + " is provided there"};
+}
+
+}  // namespace
+
+NoReply NoReply::explain(std::string const& status, std::string const& business, size_t lost,
+                         size_t waitedMillis) {
+    try {
+        return explainBy(Json::parse(status), business, lost, waitedMillis);
+    } catch (Json::exception const&) {
+        return {EXIT_FAILED, "what the host tells of its state is not understood"};
+    }
 }
 
 }  // namespace vesk::tool

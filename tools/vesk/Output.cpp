@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <mutex>
 #include <stdexcept>
 
+#include <vesk/VeskProtocol.h>
 #include <vesk/VeskThreadAnnotations.h>
 #include <vesk/hostkit/FrameText.h>
 
@@ -96,6 +98,22 @@ void flushOutput() {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return;
     std::string const why = errno != 0 ? std::string(": ") + std::strerror(errno) : std::string();
     throw std::runtime_error("cannot write to stdout" + why);
+}
+
+void checkOutput() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    if (::poll(&output, 1, 0) <= 0 || (output.revents & POLLERR) == 0) return;
+    throw std::runtime_error(std::string("cannot write to stdout: ") + std::strerror(EPIPE));
+}
+
+size_t terminalWidth() {
+    winsize size{};
+    bool const isKnown = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return isKnown ? size.ws_col : 80;
+}
+
+std::string delayText(uint64_t millis) {
+    return millis < TIMEOUT_DELAY_MS ? std::to_string(millis) + " ms" : "unknown";
 }
 
 void say(std::string const& line) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace vesk::tool {
@@ -16,6 +18,17 @@ void openStandardStreams();
  * been taken, now or earlier.
  */
 void flushOutput();
+
+/**
+ * Throws the same where nobody will read what is printed to a pipe, also when nothing is printed.
+ */
+void checkOutput();
+
+/** Columns of the terminal that stdout is; 80 where that is not known. */
+size_t terminalWidth();
+
+/** A delay that a host has measured, in words: it counts TIMEOUT_DELAY_MS where there was none. */
+std::string delayText(uint64_t millis);
 
 /**
  * One line for the person at the terminal; stdout stays free for data. Words in it may come from

@@ -65,9 +65,13 @@ client::Client::Options Provider::connection() {
     client::Client::Options options = mOptions.address.options();
     options.onLost = [this](std::string const& reason) {
         say(reason);
-        if (mOptions.address.reconnect) return;
+        if (mOptions.address.retry) return;
         mStatus = EXIT_FAILED;
         mIo.stop();
+    };
+    // Posted, so that it stands behind the line that tells of the session.
+    options.onNotice = [this](std::string const& text) {
+        asio::post(mIo, [text] { say("the host says: " + text); });
     };
     options.onBack = [this](uint16_t session) { sayProviding(session); };
     return options;

@@ -37,6 +37,8 @@ class Sink {
 public:
     virtual ~Sink() = default;
     virtual void frame(Direction direction, uint64_t micros, VeskFrame const& frame) = 0;
+    /** So many bytes have come in that belong to no frame. */
+    virtual void skipped(uint64_t micros, uint64_t bytes) = 0;
 };
 
 /** Prints each frame with the time since the first one. */
@@ -45,13 +47,29 @@ public:
     Printer(VeskConfig const& catalogue, bool json) : mJson(json), mText(catalogue) {}
 
     void frame(Direction direction, uint64_t micros, VeskFrame const& frame) override {
-        if (!mFirst) mFirst = micros;
-        FrameText::Prefix const prefix{(micros - std::min(micros, *mFirst)) / 1000, direction};
-        std::puts((mJson ? mText.json(frame, prefix) : mText.line(frame, prefix)).c_str());
-        flushOutput();
+        FrameText::Prefix const prefix = prefixOf(direction, micros);
+        print(mJson ? mText.json(frame, prefix) : mText.line(frame, prefix));
+    }
+
+    void skipped(uint64_t micros, uint64_t bytes) override {
+        FrameText::Prefix const prefix = prefixOf(Direction::IN, micros);
+        std::string const count = std::to_string(bytes);
+        print(mJson ? "{\"ms\":" + std::to_string(*prefix.millis) +
+                              ",\"direction\":\"in\",\"skipped\":" + count + '}'
+                    : FrameText::prefix(prefix) + count + " bytes belong to no frame");
     }
 
 private:
+    FrameText::Prefix prefixOf(Direction direction, uint64_t micros) {
+        if (!mFirst) mFirst = micros;
+        return {(micros - std::min(micros, *mFirst)) / 1000, direction};
+    }
+
+    static void print(std::string const& line) {
+        std::puts(line.c_str());
+        flushOutput();
+    }
+
     bool const mJson;
     FrameText const mText;
     std::optional<uint64_t> mFirst;
@@ -82,6 +100,8 @@ public:
         record.insert(record.end(), bytes.begin(), bytes.end());
         write(record);
     }
+
+    void skipped(uint64_t /*micros*/, uint64_t /*bytes*/) override {}  // a capture holds bytes
 
 private:
     void write(CaptureWriter::Bytes const& bytes) {
@@ -135,6 +155,7 @@ private:
     }
 
     void tapped(client::TappedMessage const& message);
+    void skipped(client::SkippedMessage const& message);
     void fail(std::string const& reason);
 
     asio::io_context mIo;
@@ -144,6 +165,7 @@ private:
     std::unique_ptr<Sink> const mSink;
     uint64_t mMicros = 0;  // of the message that is being read
     std::atomic<uint64_t> mShown{0};
+    std::atomic<uint64_t> mSkipped{0};  // bytes
     FrameReader mIn = reader(Direction::IN);
     FrameReader mOut = reader(Direction::OUT);
     client::Client mHost;
@@ -152,14 +174,18 @@ private:
 int Tapping::run() {
     EndSignals signals(mIo);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
-    mHost.tap([this](client::TappedMessage const& message) { tapped(message); });
+    mHost.tap([this](client::TappedMessage const& message) { tapped(message); },
+              [this](client::SkippedMessage const& message) { skipped(message); });
     mHost.query();  // its answer tells that the tap is open
     say("tapping; Ctrl-C ends it");
     mIo.run();
     if (mStatus != EXIT_OK) return mStatus;
     uint64_t const missed = mHost.untap();
-    say(std::to_string(mShown) + " frames shown; " + std::to_string(missed) +
-        (missed > 0 ? " missed, because this command was slower than the channel" : " missed"));
+    std::string line =
+            std::to_string(mShown) + " frames shown; " + std::to_string(missed) + " missed";
+    if (missed > 0) line += ", because this command was slower than the channel";
+    if (mSkipped > 0) line += "; " + std::to_string(mSkipped) + " bytes belong to no frame";
+    say(line);
     return mStatus;
 }
 
@@ -168,6 +194,16 @@ void Tapping::tapped(client::TappedMessage const& message) {
     mMicros = message.micros;
     try {
         (message.out ? mOut : mIn).feed(message.bytes.data(), message.bytes.size());
+    } catch (std::runtime_error const& error) {
+        fail(error.what());
+    }
+}
+
+void Tapping::skipped(client::SkippedMessage const& message) {
+    mSkipped += message.bytes;
+    if (mStatus != EXIT_OK || !mFilter.fitsSkipped()) return;
+    try {
+        mSink->skipped(message.micros, message.bytes);
     } catch (std::runtime_error const& error) {
         fail(error.what());
     }

@@ -55,6 +55,12 @@ bool TapFilter::fits(Direction direction, VeskFrame const& frame) const {
     });
 }
 
+bool TapFilter::fitsSkipped() const {
+    return std::all_of(mWanted.begin(), mWanted.end(), [](auto const& wanted) {
+        return wanted.first == "dir" && wanted.second.count("in") > 0;
+    });
+}
+
 std::string TapFilter::valueOf(std::string const& kind, Direction direction,
                                VeskFrame const& frame) const {
     if (kind == "dir") return direction == Direction::IN ? "in" : "out";

@@ -26,6 +26,9 @@ public:
 
     bool fits(Direction direction, VeskFrame const& frame) const;
 
+    /** Whether bytes fit that have come in and belong to no frame. */
+    bool fitsSkipped() const;
+
 private:
     std::string valueOf(std::string const& kind, Direction direction, VeskFrame const& frame) const;
 

@@ -1,19 +1,20 @@
 #include "WatchCommand.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <functional>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
-#include <vesk/hostkit/FrameText.h>
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 
 #include "EndSignals.h"
 #include "Errors.h"
+#include "WatchPrinter.h"
 
 namespace vesk::tool {
 
@@ -22,53 +23,64 @@ namespace {
 /** Prints on the client's thread. */
 class Watcher {
 public:
-    Watcher(asio::io_context& io, HostAddress const& address);
+    Watcher(asio::io_context& io, WatchOptions const& options);
 
     int run();
 
 private:
+    client::Client::Options connection(HostAddress const& address);
     void lost(std::string const& reason);
     void query();
     void fail(std::string const& reason);
-    void printChange(char const* what, std::string const& name, bool added);
-    static void printCounters(client::Counters const& counters);
-    void flush();
+    /** Ends the command where nobody takes the output any more. */
+    void attempt(std::function<void()> const& output);
 
     asio::io_context& mIo;
     bool const mWaitsForHost;
     asio::steady_timer mTimer;
     std::atomic<int> mStatus{EXIT_OK};
+    WatchPrinter mPrinter;
     client::Client mHost;
 };
 
-client::Client::Options withLost(HostAddress const& address,
-                                 std::function<void(std::string const& reason)> onLost) {
-    client::Client::Options options = address.options();
-    options.onLost = std::move(onLost);
-    return options;
+WatchPrinter::Form formOf(WatchOptions const& options) {
+    if (options.json) return WatchPrinter::Form::JSON;
+    return ::isatty(STDOUT_FILENO) != 0 ? WatchPrinter::Form::SCREEN : WatchPrinter::Form::LINES;
 }
 
-Watcher::Watcher(asio::io_context& io, HostAddress const& address)
+Watcher::Watcher(asio::io_context& io, WatchOptions const& options)
     : mIo(io),
-      mWaitsForHost(address.reconnect),
+      mWaitsForHost(options.address.retry),
       mTimer(io),
-      mHost(address.path(),
-            withLost(address, [this](std::string const& reason) { lost(reason); })) {}
+      mPrinter(formOf(options)),
+      mHost(options.address.path(), connection(options.address)) {}
+
+client::Client::Options Watcher::connection(HostAddress const& address) {
+    client::Client::Options options = address.options();
+    options.onLost = [this](std::string const& reason) { lost(reason); };
+    options.onNotice = [this](std::string const& text) {
+        attempt([&] { mPrinter.notice(text); });
+    };
+    return options;
+}
 
 int Watcher::run() {
     EndSignals signals(mIo);
     signals.async_wait([this](asio::error_code const&, int) { mIo.stop(); });
-    mHost.watch(
-            {[this](bool added, std::string const& topic) { printChange("topic", topic, added); },
-             [this](bool added, client::BusinessName const& business) {
-                 printChange("provider", business.toString(), added);
-             }});
+    auto const changed = [this](char const* what, std::string const& name, bool added) {
+        attempt([&] { mPrinter.change(what, name, added); });
+    };
+    mHost.watch({[=](bool added, std::string const& topic) { changed("topic", topic, added); },
+                 [=](bool added, client::BusinessName const& business) {
+                     changed("provider", business.toString(), added);
+                 }});
     query();
     mIo.run();
     return mStatus;
 }
 
 void Watcher::lost(std::string const& reason) {
+    mPrinter.leave();
     mWaitsForHost ? say(reason) : fail(reason);
 }
 
@@ -78,9 +90,10 @@ void Watcher::fail(std::string const& reason) {
 }
 
 void Watcher::query() {
+    // Where nothing changes, nothing is printed, and no write would tell.
+    attempt(checkOutput);
     mHost.query([this](std::optional<client::Counters> const& counters) {
-        if (counters) printCounters(*counters);
-        flush();
+        if (counters) attempt([&] { mPrinter.counters(*counters); });
     });
     mTimer.expires_after(std::chrono::seconds(1));
     mTimer.async_wait([this](asio::error_code const& error) {
@@ -88,46 +101,19 @@ void Watcher::query() {
     });
 }
 
-void Watcher::printChange(char const* what, std::string const& name, bool added) {
-    std::printf("%s %s %s\n", what, hostkit::FrameText::escape(name).c_str(),
-                added ? "added" : "removed");
-    flush();
-}
-
-// Whoever reads this through a pipe wants it now, or has seen enough.
-void Watcher::flush() {
+void Watcher::attempt(std::function<void()> const& output) {
     try {
-        flushOutput();
+        output();
     } catch (std::runtime_error const& error) {
         fail(error.what());
     }
 }
 
-void Watcher::printCounters(client::Counters const& counters) {
-    auto const print = [](char const* name, uint64_t value, char const* end) {
-        std::printf("%s %llu%s", name, static_cast<unsigned long long>(value), end);
-    };
-    std::printf("channel %s, ", counters.channelUp != 0 ? "up" : "down");
-    print("pending", counters.pending, ", ");
-    print("awaiting ack", counters.awaitingAck, ", ");
-    print("owed acks", counters.owedAcks, ", ");
-    print("sent", counters.sentPackets, ", ");
-    print("received", counters.receivedPackets, ", ");
-    print("last delay", counters.lastDelayMillis, " ms, ");
-    print("slow", counters.slowCount, ", ");
-    print("clients", counters.clients, ", ");
-    print("providers", counters.providers, ", ");
-    print("skipped bytes", counters.skippedBytes, ", ");
-    print("reconnects", counters.reconnects, ", ");
-    print("refused", counters.refused, ", ");
-    print("evicted", counters.evicted, "\n");
-}
-
 }  // namespace
 
-int runWatch(HostAddress const& address) {
+int runWatch(WatchOptions const& options) {
     asio::io_context io;
-    return Watcher(io, address).run();
+    return Watcher(io, options).run();
 }
 
 }  // namespace vesk::tool

@@ -70,9 +70,10 @@ void addHostAddress(CLI::App* sub, HostAddress& address) {
                   "Talk also to a host of another user, who can read everything");
 }
 
-void addReconnect(CLI::App* sub, HostAddress& address) {
-    sub->add_flag("--reconnect", address.reconnect,
+void addRetry(CLI::App* sub, HostAddress& address) {
+    sub->add_flag("--retry", address.retry,
                   "When the host goes away, wait until it is back and go on");
+    sub->add_flag("--reconnect", address.retry)->group("");  // as it was called at first
 }
 
 mode_t parseMode(std::string const& text) {
@@ -133,6 +134,12 @@ void addHost(CLI::App& app, HostOptions& options, Command& command) {
             ->transform(WholeNumber(1, UINT64_MAX))
             ->needs(capture)
             ->capture_default_str();
+    sub->footer(
+            "Examples:\n"
+            "  vesk host --channel tcp:localhost:7000 --listen\n"
+            "  vesk host --channel tty:/dev/ttyS0,115200 --clients unix:/tmp/board\n"
+            "  vesk host --channel 'exec:ssh board vesk host --channel stdio:' --capture "
+            "board.pcapng");
     sub->callback([&] { command = [&] { return runHost(options); }; });
 }
 
@@ -154,7 +161,11 @@ void addProvide(CLI::App& app, ProvideOptions& options, Command& command) {
                     "Milliseconds that each of them has; then it is killed")
             ->transform(WholeNumber(1, DAY))
             ->capture_default_str();
-    addReconnect(sub, options.address);
+    addRetry(sub, options.address);
+    sub->footer(
+            "Examples:\n"
+            "  vesk provide test/test --echo\n"
+            "  vesk provide test/test --exec 'tr a-z A-Z' --jobs 8 --retry");
     sub->callback([&] { command = [&] { return runProvide(options); }; });
 }
 
@@ -209,12 +220,19 @@ void addCall(CLI::App& app, CallOptions& options, Command& command) {
     sub->callback([&] { command = [&] { return runCall(options); }; });
 }
 
-void addWatch(CLI::App& app, HostAddress& address, Command& command) {
+void addWatch(CLI::App& app, WatchOptions& options, Command& command) {
     CLI::App* sub = app.add_subcommand(
-            "watch", "Prints a host's topics, providers and, once a second, counters");
-    addHostAddress(sub, address);
-    addReconnect(sub, address);
-    sub->callback([&] { command = [&] { return runWatch(address); }; });
+            "watch",
+            "Prints a host's topics and providers, what comes and goes there, and its counters "
+            "when they have changed; on a terminal these stay in their place");
+    addHostAddress(sub, options.address);
+    addRetry(sub, options.address);
+    sub->add_flag("--json", options.json, "Print JSON objects, one in a line");
+    sub->footer(
+            "Examples:\n"
+            "  vesk watch\n"
+            "  vesk watch --json --retry >>changes");
+    sub->callback([&] { command = [&] { return runWatch(options); }; });
 }
 
 void addStatus(CLI::App& app, StatusOptions& options, Command& command) {
@@ -223,6 +241,10 @@ void addStatus(CLI::App& app, StatusOptions& options, Command& command) {
     addHostAddress(sub, options.address);
     sub->add_flag("--json", options.json, "As one JSON object");
     sub->add_flag("--watch", options.watch, "Again every second, until it is interrupted");
+    sub->footer(
+            "Examples:\n"
+            "  vesk status --watch\n"
+            "  vesk status --host unix:/tmp/board --json");
     sub->callback([&] { command = [&] { return runStatus(options); }; });
 }
 
@@ -239,6 +261,11 @@ void addTap(CLI::App& app, TapOptions& options, Command& command) {
     sub->add_option("filter", options.filters,
                     "Only frames with business=TOPIC/BUSINESS, topic=TOPIC, type=request, reply or "
                     "ack, dir=in or out; of several of a kind, one has to fit");
+    sub->footer(
+            "Examples:\n"
+            "  vesk tap dir=in type=request\n"
+            "  vesk tap business=test/test -w test.pcapng\n"
+            "  vesk tap -w - | vesk decode -");
     sub->callback([&] { command = [&] { return runTap(options); }; });
 }
 
@@ -252,6 +279,10 @@ void addList(CLI::App& app, ListOptions& options, Command& command) {
     sub->add_flag("--any-owner", options.address.anyOwner, "Ask also a host of another user")
             ->needs(host);
     sub->add_flag("--json", options.json, "As one JSON object");
+    sub->footer(
+            "Examples:\n"
+            "  vesk list\n"
+            "  vesk list --host unix:/tmp/board --json");
     sub->callback([&] { command = [&] { return runList(options); }; });
 }
 
@@ -265,6 +296,11 @@ void addDecode(CLI::App& app, DecodeOptions& options, Command& command) {
                   "The bytes are hex digits, or the output of xxd or hexdump -C");
     sub->add_flag("--json", options.json, "Print JSON objects, one in a line");
     sub->add_flag("--follow", options.follow, "Wait for more at the end of the file");
+    sub->footer(
+            "Examples:\n"
+            "  vesk decode board.pcapng\n"
+            "  echo 55 00 00 02 01 02 07 00 02 03 01 02 | vesk decode --hex\n"
+            "  vesk decode --follow --json recorded.bin");
     sub->callback([&] { command = [&] { return runDecode(options); }; });
 }
 
@@ -278,6 +314,10 @@ void addDemo(CLI::App& app, DemoOptions& options, Command& command) {
                     "What to start the processes with, where an emulator is wanted for this one")
             ->envname("VESK_PROGRAM")
             ->capture_default_str();
+    sub->footer(
+            "Examples:\n"
+            "  vesk demo\n"
+            "  vesk demo --requests 100 --verbose");
     sub->callback([&] { command = [&] { return runDemo(options); }; });
 }
 
@@ -312,7 +352,7 @@ int run(int argc, char** argv) {
     HostOptions host;
     ProvideOptions provide;
     CallOptions call;
-    HostAddress watched;
+    WatchOptions watched;
     StatusOptions asked;
     TapOptions tap;
     ListOptions list;

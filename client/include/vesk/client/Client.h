@@ -77,6 +77,13 @@ public:
 
         /** Connected again, with this session id; 0 without join() and serve(). May be empty. */
         std::function<void(uint16_t session)> onBack = {};
+
+        /**
+         * The host says something that a person may want to know: to a provider, that it takes over
+         * the requests of another client or the other way round; after watch(), also which clients
+         * come and go, and what becomes of the channel. The words may change. May be empty.
+         */
+        std::function<void(std::string const& text)> onNotice = {};
     };
 
     enum class Outcome {
@@ -168,10 +175,14 @@ public:
      * Gets each frame that the host's channel carries from now on, both ways and also those of
      * other clients; on a new connection again. A client that is slow misses some, and slows
      * nobody.
-     * `onFrame` runs on the client's thread. Once for each client; only the host's user and root
-     * may, any other client is refused.
+     * Both callbacks run on the client's thread. Once for each client; only the host's user and
+     * root may, any other client is refused.
+     *
+     * @param onSkipped called between the frames, where bytes came in that belong to none; may be
+     *                  empty.
      */
-    void tap(std::function<void(TappedMessage const& tapped)> onFrame);
+    void tap(std::function<void(TappedMessage const& tapped)> onFrame,
+             std::function<void(SkippedMessage const& skipped)> onSkipped = {});
 
     /**
      * Ends that, and returns how many frames were missed on this connection. Waits for the host to

@@ -33,6 +33,8 @@ namespace vesk::client {
  *     TAP           client  on(1: 1 begin, 0 end)
  *     TAPPED        host    time(8: us since 1970) direction(1: 0 in, 1 out) missed(8) bytes, to
  *                           the end
+ *     NOTICE        host    text in UTF-8, to the end
+ *     SKIPPED       host    time(8: us since 1970) bytes(8)
  *
  * A connection joins once, as consumer or as provider; its end is the end of its session. A
  * consumer sends REQUEST (whose session the host fills in) and gets REPLY; a provider gets REQUEST
@@ -42,9 +44,12 @@ namespace vesk::client {
  * newer host may add to. TAP begins a copy of the channel's frames, in TAPPED messages: a frame is
  * the bytes of one message, or of several behind each other where it is longer than MAX_BYTES.
  * `missed` counts the frames since the beginning that the client was too slow for. The end is
- * answered with a TAPPED without bytes, and nothing is copied behind it. QUERY, STATUS and the end
- * of a TAP are answered in the order in which they come. Anything that is not exactly of this form
- * is an error.
+ * answered with a TAPPED without bytes, and nothing is copied behind it. SKIPPED counts bytes that
+ * have come in and belong to no frame; it stands between the frames where they did. QUERY, STATUS
+ * and the end of a TAP are answered in the order in which they come. NOTICE is for a person: it
+ * tells a provider when another client of the host takes over its business or leaves it, and one
+ * who watches what else changes. Anything that is not exactly of this form is an error; a client
+ * ignores messages of types that it does not know.
  *
  * Flow control. The figures are for a host with its default of 64 MiB (`vesk host --memory`), and
  * stand in proportion for another.
@@ -84,6 +89,8 @@ enum class MessageType : uint8_t {
     STATUS_TEXT,
     TAP,
     TAPPED,
+    NOTICE,
+    SKIPPED,
 };
 
 /** How a host writes down its status. */
@@ -185,6 +192,15 @@ struct VESK_EXPORT TappedMessage {
     bool out = false;     // to the peer
     uint64_t missed = 0;  // frames
     Bytes bytes;
+};
+
+/** Bytes that the channel of a host has brought and that belong to no frame. */
+struct VESK_EXPORT SkippedMessage {
+    Bytes encode() const;
+    static std::optional<SkippedMessage> decode(Bytes const& body);
+
+    uint64_t micros = 0;  // since 1970, when they had come
+    uint64_t bytes = 0;   // how many
 };
 
 struct Message {

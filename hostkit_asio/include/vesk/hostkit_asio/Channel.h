@@ -35,6 +35,12 @@ public:
         std::function<void()> onEnd;       // of stdio: alone: it is down for good
         Report report;
         ChannelWatcher* watcher = nullptr;  // not owned; must outlive the channel
+
+        /**
+         * So many bytes have come in since the last call that belong to no frame: called before the
+         * frame behind them, or when no more of them come. May be empty.
+         */
+        std::function<void(uint64_t bytes)> onSkipped = {};
     };
 
     /**

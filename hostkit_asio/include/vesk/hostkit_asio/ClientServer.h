@@ -22,6 +22,9 @@ namespace vesk::hostkit {
  * The local clients of a host: accepts them, makes and removes their sessions, carries their frames
  * into the library and the library's deliveries to them.
  *
+ * Several providers of one business: the one that joined last gets the requests, whichever session
+ * the library chooses; when it leaves, the one before it gets them again. Both are told.
+ *
  * Flow control: each client slows only itself, and what is kept for all of them together has a
  * bound. What a client may expect is said in client/ClientProtocol.h, how the memory is divided in
  * FlowLimits.h. The channel is held back only while a provider, or memory, has no room for what the
@@ -59,6 +62,9 @@ public:
     void deliver(uint32_t clientId, uint32_t sessionId, VeskFrame const& frame);
     void topicChanged(bool added, std::string const& topic);
     void providerChanged(bool added, std::string const& topic, std::string const& business);
+
+    /** Tells the clients that watch something that a person may want to know. */
+    void announce(std::string const& text);
 
 private:
     class Impl;

@@ -10,9 +10,9 @@
 namespace vesk::hostkit {
 
 /**
- * Lets `vesk watch`, and every vesk::client::Client that does not join, ask a host of any kind: on
- * a Unix socket of its own, with the messages of client/ClientProtocol.h. Who wants to join is
- * refused. A host with a ClientServer needs none: that one answers the same questions.
+ * Lets `vesk status`, `vesk watch`, and every vesk::client::Client that does not join, ask a host
+ * of any kind: on a Unix socket of its own, with the messages of client/ClientProtocol.h. Who wants
+ * to join is refused. A host with a ClientServer needs none: that one answers the same questions.
  *
  * The host makes it before its first topic, and hands on what VeskCallback notifies it of.
  *

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include <vesk/VeskFrame.h>
@@ -29,11 +30,13 @@ public:
         FrameText::Direction direction{};
         uint64_t micros = 0;  // since 1970
         std::vector<uint8_t> bytes;
+        uint64_t skipped = 0;  // without a frame: so many bytes have come in that belong to none
     };
 
     struct Batch {
         std::vector<Copy> copies;  // in the order of their times
         uint64_t missed = 0;       // frames behind the copies
+        uint64_t skipped = 0;      // bytes that belong to no frame, behind the copies
     };
 
     Tap() = default;
@@ -48,6 +51,11 @@ public:
     /** The bytes that sendToChannel() has brought go to the channel. Call it before they do. */
     void out(std::vector<uint8_t> const& bytes) {
         if (mOn.load(std::memory_order_relaxed)) copy(FrameText::Direction::OUT, bytes);
+    }
+
+    /** So many bytes have come in since the last frame that belong to none. */
+    void skipped(uint64_t bytes) {
+        if (mOn.load(std::memory_order_relaxed)) add({FrameText::Direction::IN, 0, {}, bytes});
     }
 
     /**
@@ -65,7 +73,10 @@ public:
 
 private:
     void copyIn(VeskFrame const& frame);
-    void copy(FrameText::Direction direction, std::vector<uint8_t> bytes) VESK_EXCLUDES(mMutex);
+    void copy(FrameText::Direction direction, std::vector<uint8_t> bytes) {
+        add({direction, 0, std::move(bytes), 0});
+    }
+    void add(Copy copy) VESK_EXCLUDES(mMutex);
 
     std::atomic<bool> mOn{false};
     std::mutex mMutex;
