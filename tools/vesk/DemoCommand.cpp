@@ -36,6 +36,7 @@ using Clock = std::chrono::steady_clock;
 // No step of the demo takes a fraction of this on a machine that is fit to run it.
 constexpr std::chrono::seconds STEP_LIMIT{120};
 constexpr std::chrono::milliseconds POLL{20};
+constexpr size_t WINDOW = 16;
 
 struct Interrupted {};
 
@@ -204,14 +205,15 @@ void Demo::startProviders() {
 void Demo::startConsumers() {
     std::printf(
             "%zu consumers send %zu requests each, of 0 to %zu bytes, through two hosts to "
-            "%zu providers\n",
-            mBusinesses.size(), mOptions.requests, MAX_PAYLOAD_SIZE, mBusinesses.size());
+            "%zu providers,\nwhich send the same bytes back; each consumer has a window of %zu "
+            "requests under way\n",
+            mBusinesses.size(), mOptions.requests, MAX_PAYLOAD_SIZE, mBusinesses.size(), WINDOW);
     flushOutput();
     for (std::string const& business : mBusinesses) {
         hostkit::ChildProcess::Options options = vesk(
                 {"call", "--host", "unix:" + mNear, business, "--random-size",
                  std::to_string(MAX_PAYLOAD_SIZE), "--count", std::to_string(mOptions.requests),
-                 "--window", "16", "--timeout", "30000", "--verify", "--report"});
+                 "--window", std::to_string(WINDOW), "--timeout", "30000", "--verify", "--report"});
         options.pipeOutput = true;
         mConsumers.push_back(std::make_unique<Consumer>(mIo, business, options));
     }
@@ -254,6 +256,10 @@ int Demo::conclude() {
     if (!near || !far) throw std::runtime_error("a host is gone");
     printHost("near host", *near);
     printHost("far host", *far);
+    std::printf(
+            "p50 and p99: from a request to its reply, with the window and all consumers at once; "
+            "sent: with\nacknowledgement frames, received: without; last delay: until a frame was "
+            "acknowledged; slow: delays\nabove 1500 ms, one after another\n");
     endServants();
     std::printf("%s\n", complete ? "every request got its right reply"
                                  : "NOT every request got its right reply");

@@ -2,13 +2,16 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+
+#include "Output.h"
 
 namespace vesk::tool {
 
 namespace {
 
-constexpr size_t BAR_WIDTH = 50;
+constexpr size_t BAR_WIDTH = 50;  // at most
 
 void printRow(char const* name, CallReport const& report) {
     std::printf("%-24s %9zu %9zu %6zu", name, report.requests, report.replies, report.lost);
@@ -36,18 +39,22 @@ void printTable(DemoRows const& rows) {
 void printHost(char const* name, client::Counters const& counters) {
     auto const number = [](uint64_t value) { return static_cast<unsigned long long>(value); };
     std::printf(
-            "%-9s sent %llu packets, received %llu; last delay %llu ms, slow %llu; skipped "
+            "%-9s sent %llu frames, received %llu; last delay %s, slow %llu; skipped "
             "%llu bytes, reconnected %llu times\n",
             name, number(counters.sentPackets), number(counters.receivedPackets),
-            number(counters.lastDelayMillis), number(counters.slowCount),
+            delayText(counters.lastDelayMillis).c_str(), number(counters.slowCount),
             number(counters.skippedBytes), number(counters.reconnects));
 }
 
 void printProgress(size_t done, size_t total) {
     if (::isatty(STDOUT_FILENO) == 0) return;
-    size_t const filled = total == 0 ? BAR_WIDTH : BAR_WIDTH * done / total;
-    std::printf("\r[%s%s] %zu of %zu", std::string(filled, '#').c_str(),
-                std::string(BAR_WIDTH - filled, '.').c_str(), done, total);
+    std::string const count = std::to_string(done) + " of " + std::to_string(total) + " replies";
+    // With the brackets and two blanks, one of which keeps the cursor in the line.
+    size_t const room = terminalWidth() - std::min(terminalWidth(), count.size() + 4);
+    size_t const width = std::min(BAR_WIDTH, room);
+    size_t const filled = total == 0 ? width : width * done / total;
+    std::printf("\r[%s%s] %s", std::string(filled, '#').c_str(),
+                std::string(width - filled, '.').c_str(), count.c_str());
     std::fflush(stdout);
 }
 

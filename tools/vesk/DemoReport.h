@@ -20,7 +20,7 @@ void printTable(DemoRows const& rows);
 /** Prints what a host has counted. */
 void printHost(char const* name, client::Counters const& counters);
 
-/** Draws the bar over itself; nothing where stdout is no terminal. */
+/** Draws the bar over itself, in one line of the terminal; nothing where stdout is no terminal. */
 void printProgress(size_t done, size_t total);
 
 /** Takes the bar away. */
