@@ -101,9 +101,11 @@ TEST_F(CommandTest, ACallSaysWhyNoReplyCame) {
           {R"("up":true,"acknowledged":9,"pending":0)", 7, "acknowledged them and nobody answered"},
           {R"("up":false,"localTopics":["testing","test"])", 5,
            "nobody provides test/test on this host"},
-          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test","providers":1}])",
+          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test",)"
+           R"("providers":1}])",
            7, "its provider on this host has not answered"},
-          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test","providers":0}])",
+          {R"("localTopics":["test"],"sessions":[{"topic":"test","business":"test",)"
+           R"("providers":0}])",
            5, "nobody provides test/test"},
           {R"("frames":{"timedOut":9},"acknowledged":9,"timedOut":0)", 7, "nobody answered"},
           {R"("up":"no")", 1, "what the host tells of its state is not understood"}}) {

@@ -58,9 +58,7 @@ Watcher::Watcher(asio::io_context& io, WatchOptions const& options)
 client::Client::Options Watcher::connection(HostAddress const& address) {
     client::Client::Options options = address.options();
     options.onLost = [this](std::string const& reason) { lost(reason); };
-    options.onNotice = [this](std::string const& text) {
-        attempt([&] { mPrinter.notice(text); });
-    };
+    options.onNotice = [this](std::string const& text) { attempt([&] { mPrinter.notice(text); }); };
     return options;
 }
 
