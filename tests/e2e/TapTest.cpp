@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <regex>
 
 #include <vesk/client/Client.h>
+#include <vesk/hostkit_asio/Tap.h>
 
 #include "support/HostScene.h"
 
@@ -103,6 +105,22 @@ TEST_F(TapTest, ShowsHowManyBytesBelongToNoFrameAndWhere) {
               std::string::npos);
 }
 
+TEST_F(TapTest, WhatFindsNoRoomIsCounted) {
+    int woken = 0;
+    hostkit::Tap tap;
+    tap.begin([&] { ++woken; });
+    tap.out(Bytes(hostkit::Tap::MAX_BYTES));
+    tap.skipped(5);
+    tap.out(Bytes(12));
+    tap.skipped(6);
+    hostkit::Tap::Batch const lost = tap.take();
+    EXPECT_EQ((std::array<uint64_t, 3>{lost.copies.size(), lost.missed, lost.skipped}),
+              (std::array<uint64_t, 3>{0, 2, 11}));
+    tap.skipped(7);
+    EXPECT_EQ(tap.take().copies.at(0).skipped, 7U);
+    EXPECT_EQ(woken, 2);
+}
+
 TEST_F(TapTest, NoOtherUserTaps) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can be two users";
     startHost(socket("channel"), " --mode 0666");
@@ -190,6 +208,8 @@ TEST_F(TapTest, EachTapperGetsItsOwnAndTheWireIsAsDescribed) {
     noise(3);
     awaitHeard(second, 3);
     EXPECT_EQ(tapping(true), (Bytes{2, 0, 0, 0, 13, 1}));
+    EXPECT_EQ((client::SkippedMessage{1, 2}.encode()),
+              (Bytes{17, 0, 0, 0, 16, 1, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0}));
     for (Bytes const& wrong :
          {Bytes{1, 0, 0, 0, 13}, {2, 0, 0, 0, 13, 2}, {3, 0, 0, 0, 13, 1, 0}}) {
         Line& line = connect();
