@@ -192,15 +192,16 @@ TEST_F(CommandTest, AWatchPrintsChangesAndCountersThatHaveChanged) {
             R"(,"pending":0,"awaitingAck":0,"owedAcks":0,"sent":0,"received":0,"delayMs":null,)"
             R"("slow":0,"clients":0,"providers":0,"skippedBytes":0,"reconnects":0,"refused":0,)"
             "\"evicted\":0}}\n";
-    for (auto const& [form, expected] :
-         {std::pair{Form::LINES, counters + "provider a\\x1B added\nhost: \\n\nchannel down" +
-                                         counters.substr(10)},
-          {Form::SCREEN, screen + "\x1B[3A\x1B[Jprovider a\\x1B added\n" + screen +
-                                 "\x1B[3A\x1B[Jhost: \\n\n" + screen + "\x1B[3A\x1B[Jchannel down" +
-                                 screen.substr(10)},
-          {Form::JSON, "{\"counters\":{\"up\":true" + json +
-                               "{\"provider\":\"a\\u001b\",\"added\":true}\n" +
-                               "{\"notice\":\"\\n\"}\n{\"counters\":{\"up\":false" + json}}) {
+    std::vector<std::pair<Form, std::string>> const cases{
+            {Form::LINES,
+             counters + "provider a\\x1B added\nhost: \\n\nchannel down" + counters.substr(10)},
+            {Form::SCREEN, screen + "\x1B[3A\x1B[Jprovider a\\x1B added\n" + screen +
+                                   "\x1B[3A\x1B[Jhost: \\n\n" + screen +
+                                   "\x1B[3A\x1B[Jchannel down" + screen.substr(10)},
+            {Form::JSON, "{\"counters\":{\"up\":true" + json +
+                                 "{\"provider\":\"a\\u001b\",\"added\":true}\n" +
+                                 "{\"notice\":\"\\n\"}\n{\"counters\":{\"up\":false" + json}};
+    for (auto const& [form, expected] : cases) {
         ::testing::internal::CaptureStdout();
         tool::WatchPrinter printer(form);
         client::Counters now;
