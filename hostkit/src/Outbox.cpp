@@ -1,5 +1,6 @@
 #include <vesk/hostkit/Outbox.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace vesk::hostkit {
@@ -10,6 +11,14 @@ namespace {
 // Beyond these a write costs little beside what it carries.
 constexpr size_t MAX_FRAMES_LEFT = 64;
 constexpr size_t MAX_BYTES_LEFT = size_t{64} * 1024;
+// A buffer of this size is kept, and one that is not much larger than what is to follow.
+constexpr size_t MAX_KEPT = size_t{256} * 1024;
+constexpr size_t MUCH = 4;
+
+void giveBack(Outbox::Bytes& empty, size_t next) {
+    if (empty.capacity() > std::max(MAX_KEPT, MUCH * next)) Outbox::Bytes().swap(empty);
+}
+
 }  // namespace
 
 Outbox::Outbox(std::function<void()> wake) : mWake(std::move(wake)) {}
@@ -72,6 +81,7 @@ size_t Outbox::close() {
     Guard const guard(mMutex);
     size_t const lost = mWaiting.size() + (mBatchIsLost ? 0 : unwritten());
     mWaiting.clear();
+    giveBack(mWaiting, 0);
     mFramesWaiting = 0;
     mEnoughWaits = false;
     mBatchIsLost = !mBatch.empty();
@@ -95,6 +105,11 @@ size_t Outbox::backlog() const {
     return mWaiting.size() + (mBatchIsLost ? 0 : unwritten());
 }
 
+size_t Outbox::memory() const {
+    Guard const guard(mMutex);
+    return mWaiting.capacity() + mBatch.capacity();
+}
+
 uint64_t Outbox::lostBytes() const {
     Guard const guard(mMutex);
     return mLost;
@@ -102,6 +117,8 @@ uint64_t Outbox::lostBytes() const {
 
 void Outbox::endBatch() {
     mBatch.clear();
+    giveBack(mBatch, mWaiting.size());
+    if (mWaiting.empty()) giveBack(mWaiting, 0);
     mWritten = 0;
     mBatchIsLost = false;
 }

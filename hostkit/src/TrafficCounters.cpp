@@ -10,6 +10,11 @@ size_t indexOf(uint16_t topicId, uint16_t businessId) {
     return size_t{topicId} * (TrafficCounters::MAX_ID + 1) + businessId;
 }
 
+// A host that does not count what comes in has nothing that was not delivered.
+uint64_t without(uint64_t all, uint64_t delivered) {
+    return all > delivered ? all - delivered : 0;
+}
+
 bool isCounted(uint16_t topicId, uint16_t businessId) {
     return topicId <= TrafficCounters::MAX_ID && businessId <= TrafficCounters::MAX_ID;
 }
@@ -37,12 +42,12 @@ uint64_t TrafficCounters::unprovided(uint16_t topicId, uint16_t businessId) cons
     if (!isCounted(topicId, businessId)) return 0;
     size_t const index = indexOf(topicId, businessId);
     uint64_t const delivered = mRequestsDelivered[index];  // first, as in undelivered()
-    return mRequestsIn[index] - delivered;
+    return without(mRequestsIn[index], delivered);
 }
 
 uint64_t TrafficCounters::undelivered() const {
     uint64_t const delivered = mDelivered;  // first: each of these has been counted in before
-    return in(REQUESTS).frames + in(REPLIES).frames + in(OTHERS).frames - delivered;
+    return without(in(REQUESTS).frames + in(REPLIES).frames + in(OTHERS).frames, delivered);
 }
 
 TrafficCounters::Kind TrafficCounters::kindOf(uint8_t msgType, uint8_t topicId,

@@ -4,6 +4,7 @@
 #include <sstream>
 #include <utility>
 
+#include <vesk/hostkit/FrameTally.h>
 #include <vesk/hostkit/HostStatus.h>
 #include <vesk/hostkit/SendGate.h>
 #include <vesk/testkit/FarPeer.h>
@@ -48,6 +49,53 @@ TEST(OutboxTest, GivesAllThatWaitsAtOnceAndKnowsWhatWasLost) {
                 << steps;
     }
     EXPECT_EQ(closed, 3 + 5 + 2);  // 5 is what was read
+}
+
+TEST(OutboxTest, GivesBackWhatABurstHasTaken) {
+    constexpr size_t KEPT = size_t{512} * 1024, BURST = size_t{8} * 1024 * 1024;
+    Outbox outbox(nullptr);
+    auto const send = [&] { outbox.written(outbox.take().size); };
+    outbox.put(Bytes(1));
+    EXPECT_GT(outbox.take().size, 0U);
+    outbox.put(Bytes(BURST));
+    send();
+    send();
+    EXPECT_LE(outbox.memory(), KEPT) << "nothing waits";
+    outbox.put(Bytes(KEPT / 2));
+    send();
+    EXPECT_EQ(outbox.memory(), KEPT / 2) << "for the next ones";
+    outbox.put(Bytes(BURST));
+    EXPECT_EQ(outbox.take().size, BURST);
+    outbox.put(Bytes(1));
+    send();
+    EXPECT_LE(outbox.memory(), KEPT) << "little waits";
+    send();
+    outbox.put(Bytes(BURST));
+    outbox.close();
+    EXPECT_LE(outbox.memory(), KEPT) << "it has closed";
+}
+
+TEST(FrameTallyTest, AFrameCountsUntilItsLastCopyIsGone) {
+    std::shared_ptr<VeskFrame> first, second;
+    {
+        FrameTally tally;
+        auto const frame = VeskFrame::obtainFrame(false);
+        frame->data.resize(100);
+        std::weak_ptr<VeskFrame> const watched = frame;
+        first = tally.count(frame);
+        second = first;
+        auto const other = tally.count(VeskFrame::obtainFrame(false));
+        EXPECT_EQ(first, frame);
+        EXPECT_EQ(tally.bytes(), 112U + 12U);
+        first->data.clear();  // as when it was sent
+        first.reset();
+        EXPECT_EQ(tally.bytes(), 112U + 12U);
+        second.reset();
+        EXPECT_EQ(tally.bytes(), 12U);
+        EXPECT_EQ(watched.use_count(), 1);
+        first = other;
+    }
+    first.reset();  // the tally is gone
 }
 
 /** Sends frames with these ids, of which the type and the size are the last byte. */
@@ -191,6 +239,13 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
     reader.feed(Bytes{'x'}.data(), 1);
     send(*vesk.getQueue(), 2, 1001, 2006);
     traffic.delivered(*VeskFrame::obtainFrame(false), true);
+    TrafficCounters unfed;  // by a host that does not call in()
+    auto const request = VeskFrame::obtainFrame(false);
+    request->topicId = request->businessId = 1;
+    request->msgType = REQUEST;
+    unfed.delivered(*request, false);
+    EXPECT_EQ(unfed.undelivered(), 0U);
+    EXPECT_EQ(unfed.unprovided(1, 1), 0U);
     std::stringstream found, expected;
     found << HostStatus().json() << "\n" << HostStatus::of(vesk, traffic).text();
     for (int closing = 0; closing < 2; ++closing, outbox.close()) {

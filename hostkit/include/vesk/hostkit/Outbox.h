@@ -26,7 +26,8 @@ namespace vesk::hostkit {
  * Locks:     none is held while `wake` runs.
  * Ownership: a batch is this object's, and stays as it is until the writer has reported on it.
  * Memory:    nothing is refused here: whoever feeds the library looks at SendGate before. The two
- *            buffers stay as large as the largest backlog has made them.
+ *            buffers keep 256 KiB each, and what a burst has taken beyond that is given back when
+ *            it has left.
  */
 class VESK_EXPORT Outbox {
 public:
@@ -93,6 +94,9 @@ public:
 
     /** Bytes that are waiting or with the writer. */
     size_t backlog() const VESK_EXCLUDES(mMutex);
+
+    /** Bytes that the buffers take, whether or not anything is in them. */
+    size_t memory() const VESK_EXCLUDES(mMutex);
 
     /**
      * Bytes that were put and had not been reported as written when they were lost, since

@@ -47,13 +47,13 @@ public:
     /**
      * Frames in, other than acknowledgements, that no session got: because nobody provides their
      * business, the session that they answer is gone, or the library does not know them. One that
-     * is just being delivered counts as well.
+     * is just being delivered counts as well. 0 where nobody calls in().
      */
     uint64_t undelivered() const;
 
     /**
      * Requests in for a business that no provider got; one that is just being delivered counts as
-     * well. 0 for ids beyond MAX_ID, which are not counted one by one.
+     * well. 0 for ids beyond MAX_ID, which are not counted one by one, and where nobody calls in().
      */
     uint64_t unprovided(uint16_t topicId, uint16_t businessId) const;
 
