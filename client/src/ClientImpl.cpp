@@ -493,23 +493,28 @@ std::optional<Client::Impl::Clock::time_point> Client::Impl::nextTurn() const {
     return mOptions.reconnect ? std::optional<Clock::time_point>(mRetry) : std::nullopt;
 }
 
-// One after the other: a callback may destroy the client, and then abandons the rest.
+// One after the other: a callback may destroy the client, and then abandons the rest. What it holds
+// goes before the lock is taken again, because it may be the client's last owner.
 void Client::Impl::expire() {
-    for (Done done;; done({Outcome::TIMED_OUT, {}})) {
-        Lock const lock(mMutex);
-        done = mCalls.expire(Clock::now());
-        if (!done) return;
-    }
+    while (Done const done = takeOverdue())
+        done({Outcome::TIMED_OUT, {}});
 }
 
 void Client::Impl::abandonAll() {
-    for (Done done;; done({Outcome::LOST, {}})) {
-        Lock const lock(mMutex);
-        done = mCalls.abandon();
-        if (!done) break;
-    }
+    while (Done const done = takeAny())
+        done({Outcome::LOST, {}});
     while (Answered const done = takeQuestion())
         done(nullptr);
+}
+
+Client::Done Client::Impl::takeOverdue() {
+    Lock const lock(mMutex);
+    return mCalls.expire(Clock::now());
+}
+
+Client::Done Client::Impl::takeAny() {
+    Lock const lock(mMutex);
+    return mCalls.abandon();
 }
 
 Client::Impl::Answered Client::Impl::takeQuestion() {

@@ -84,6 +84,8 @@ private:
     void abandonAll();
     void ask(Bytes const& question, Answered done);
     Bytes askAndWait(Bytes const& question);
+    Done takeOverdue();
+    Done takeAny();
     Answered takeQuestion();
     void endJoining(std::exception_ptr why) VESK_REQUIRES(mMutex);
     void lose(std::string const& reason);

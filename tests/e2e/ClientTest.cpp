@@ -80,6 +80,17 @@ TEST_F(ClientTest, WhatIsOutstandingEndsWithTheClientOrItsHost) {
     waited.get_future().wait();
     EXPECT_EQ(last.get_future().get(), Outcome::LOST);
 
+    // A callback that is the last owner takes its client with it.
+    std::promise<void> gone;
+    std::shared_ptr<Client> owned(new Client(path("host")), [&](Client* client) {
+        delete client;
+        gone.set_value();
+    });
+    owned->join(mBusiness);
+    owned->call({}, 1ms, [owned](auto const&) {});
+    owned.reset();
+    EXPECT_EQ(gone.get_future().wait_for(60s), std::future_status::ready);
+
     std::promise<std::string> lost;
     Client::Options options;
     options.onLost = [&](std::string const& reason) { lost.set_value(reason); };
