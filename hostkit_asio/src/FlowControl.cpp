@@ -36,7 +36,7 @@ void FlowControl::joined(Client& client) {
     client.business =
             &mBusinesses[static_cast<uint16_t>(session.topicId() << 8 | session.businessId())];
     if (client.consumes()) {
-        client.unanswered.emplace(client.business->unanswered);
+        client.unanswered.emplace(client.business->unanswered, mLimits);
     } else {
         client.business->providers.push_back(client.connection->id());
     }
@@ -218,7 +218,7 @@ void FlowControl::backlogChanged(Client& client) {
 }
 
 void FlowControl::providerChanged(Client& client, size_t bytes) {
-    if (bytes > mLimits.providerLow) lookAgain(waitingSince(client) + FlowLimits::PATIENCE);
+    if (bytes > mLimits.providerLow) lookAgain(waitingSince(client) + mLimits.patience);
     bool const congested = bytes > (client.congested ? mLimits.providerLow : mLimits.providerHigh);
     if (congested == client.congested) return;
     client.congested = congested;
@@ -272,16 +272,16 @@ FlowControl::Clock::time_point FlowControl::waitingSince(Client const& client) c
 void FlowControl::disconnectSlow(Clock::time_point now) {
     for (auto& [id, client] : mClients) {
         if (client.provides() && client.connection->backlog() > mLimits.providerLow &&
-            now - waitingSince(client) >= FlowLimits::PATIENCE) {
+            now - waitingSince(client) >= mLimits.patience) {
             client.connection->evict("it reads too slowly");
         } else if (endsNoPart(client) &&
-                   now - client.connection->partSince() >= FlowLimits::SHORTAGE_PATIENCE) {
+                   now - client.connection->partSince() >= mLimits.shortagePatience) {
             client.connection->evict("it does not end its message");
         }
     }
     while (mBacklog > mLimits.shortage) {
         Client* const client = slowest();
-        if (!client || now - waitingSince(*client) < FlowLimits::SHORTAGE_PATIENCE) return;
+        if (!client || now - waitingSince(*client) < mLimits.shortagePatience) return;
         client->connection->evict("it reads too slowly while memory is short");
     }
 }
@@ -325,11 +325,10 @@ FlowControl::Clock::time_point FlowControl::dueTime(Client const& client) const 
     if (connection.closed()) return due;
     bool const provides = client.provides();
     if (provides && connection.backlog() > mLimits.providerLow && !connection.paused())
-        due = waitingSince(client) + FlowLimits::PATIENCE;
+        due = waitingSince(client) + mLimits.patience;
     if (mShort && connection.backlog() > 0)
-        due = std::min(due, waitingSince(client) + FlowLimits::SHORTAGE_PATIENCE);
-    if (endsNoPart(client))
-        due = std::min(due, connection.partSince() + FlowLimits::SHORTAGE_PATIENCE);
+        due = std::min(due, waitingSince(client) + mLimits.shortagePatience);
+    if (endsNoPart(client)) due = std::min(due, connection.partSince() + mLimits.shortagePatience);
     bool const isWaitedFor =
             client.consumes() && !client.unanswered->empty() &&
             (client.obstacle == Obstacle::REPLIES || !client.business->line.empty());

@@ -16,7 +16,7 @@ namespace vesk::hostkit {
  * what their replies may come to cost the host.
  *
  * A request counts until a reply to it comes, or one to a later request, because a provider takes
- * them in their order; at most for PATIENCE, and only for SHORT_PATIENCE where the last one that
+ * them in their order; at most for `patience`, and only for `shortPatience` where the last one that
  * ended has had no reply: a business may be one that does not answer. A reply is expected to be as
  * long as those that came before. A new consumer begins with a few, and may have more outstanding
  * with each reply.
@@ -25,8 +25,13 @@ class Unanswered {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /** @param total of the business's consumers; must outlive this object. */
-    explicit Unanswered(size_t& total) : mTotal(total) {}
+    /**
+     * Both must outlive this object.
+     *
+     * @param total  of the business's consumers.
+     * @param limits how long a request counts.
+     */
+    Unanswered(size_t& total, FlowLimits const& limits) : mTotal(total), mLimits(limits) {}
     ~Unanswered() { clear(); }
     Unanswered(Unanswered const&) = delete;
     Unanswered& operator=(Unanswered const&) = delete;
@@ -57,12 +62,13 @@ private:
     };
 
     std::chrono::milliseconds patience() const {
-        return mExpected == 0 ? FlowLimits::SHORT_PATIENCE : FlowLimits::PATIENCE;
+        return mExpected == 0 ? mLimits.shortPatience : mLimits.patience;
     }
     void forgetFirst();
 
     std::deque<Request> mRequests;
     size_t& mTotal;
+    FlowLimits const& mLimits;
     size_t mExpected = MAX_PAYLOAD_SIZE;  // of a reply; 0 where none is
     size_t mCredit = FIRST_CREDIT;
 };

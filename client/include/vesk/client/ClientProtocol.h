@@ -67,8 +67,10 @@ namespace vesk::client {
  * - No client may have more than 4 MiB waiting. When all of them together have 24 MiB, the one for
  *   whom something has waited longest is disconnected, and with 18 MiB those for whom it has waited
  *   for a second.
- * - A message should be written at one go. With 30 messages begun and not ended, the next that
- *   comes in parts has to wait, and those begun more than a second ago are disconnected.
+ * - A message should be written at one go. With 31 messages begun and not ended, the next that
+ *   comes in parts has to wait, and those begun more than a second ago are disconnected. For these
+ *   messages 2 MiB are set aside, and for each of them 65,544 bytes, which is the longest; those of
+ *   the topics that are local to the host have as much besides.
  * - A host has places for 1000 connections. One that has neither joined nor sent WATCH makes place
  *   for a new one; where there is none, the new one is refused.
  *

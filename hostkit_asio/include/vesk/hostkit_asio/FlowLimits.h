@@ -7,7 +7,8 @@ namespace vesk::hostkit {
 
 /**
  * How a host divides the memory that it may hold for others: with its clients, its channel and the
- * library. Bytes, all in proportion to the whole, and milliseconds, which are not.
+ * library. Bytes, all in proportion to the whole, and milliseconds, which are not. A host may change
+ * any of them before it hands them over.
  *
  * A quarter of the whole is nobody's share: the allocator's loss, and what is fixed.
  */
@@ -17,13 +18,16 @@ struct FlowLimits {
     static constexpr size_t MIN_MEMORY = 16 * MIB;  // so that each share has room for messages
 
     /** How long a provider may have requests waiting, and a business take to answer any. */
-    static constexpr std::chrono::milliseconds PATIENCE{3000};
+    std::chrono::milliseconds patience{3000};
 
     /** The same, for a consumer of whose requests the last had no reply. */
-    static constexpr std::chrono::milliseconds SHORT_PATIENCE{250};
+    std::chrono::milliseconds shortPatience{250};
 
-    /** How long anybody may have something waiting while memory is short. */
-    static constexpr std::chrono::milliseconds SHORTAGE_PATIENCE{1000};
+    /**
+     * How long anybody may have something waiting while memory is short, or a message begun while
+     * others wait to begin one.
+     */
+    std::chrono::milliseconds shortagePatience{1000};
 
     explicit FlowLimits(size_t memory = DEFAULT_MEMORY) : whole(memory) {}
 
@@ -37,7 +41,7 @@ struct FlowLimits {
     size_t consumerLow = consumerHigh / 2;
 
     /**
-     * With more than `low` waiting a provider has PATIENCE for each message; with more than `high`
+     * With more than `low` waiting a provider has `patience` for each message; with more than `high`
      * nothing more is read that may bring it requests.
      */
     size_t providerLow = whole / 32;
@@ -63,7 +67,10 @@ struct FlowLimits {
     size_t backlogLow = backlogHigh / 4;
     size_t backlogRead = 3 * whole / 64;
 
-    /** Messages that have come in part, of clients of the channel, and as many of the others. */
+    /**
+     * Messages that have come in part, of clients of the channel, and as many of the others. For
+     * each of them 65,544 bytes are set aside, so that there is room for 31 by default.
+     */
     size_t parts = whole / 32;
 
     /** Connections at a time. */
