@@ -6,23 +6,22 @@ namespace vesk::hostkit {
 
 void HostCallback::detach() {
     mClients = nullptr;
-    std::lock_guard<std::mutex> lock(mMutex);
-    mChannel = nullptr;
+    mGate.close();
 }
 
 void HostCallback::receive(uint32_t clientId, uint32_t sessionId, bool local,
                            std::shared_ptr<VeskFrame> const& frame) {
     if (!mClients) return;
-    mTraffic->delivered(*frame, local);
+    mTraffic.delivered(*frame, local);
     mClients->deliver(clientId, sessionId, *frame);
 }
 
 void HostCallback::sendToChannel(std::vector<uint8_t> bytes) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    if (!mChannel) return;
-    mTraffic->out(bytes);
-    mTap->out(bytes);
-    mChannel->write(std::move(bytes));
+    CallGate::Call const call(mGate);
+    if (!call.isLet()) return;
+    mTraffic.out(bytes);
+    mTap.out(bytes);
+    mChannel.write(std::move(bytes));
 }
 
 void HostCallback::notifyTopicChanged(bool added, std::string topicName) {

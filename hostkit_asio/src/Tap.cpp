@@ -2,20 +2,27 @@
 
 #include <utility>
 
+#include "CallGate.h"
 #include "WallClock.h"
 
 namespace vesk::hostkit {
 
+Tap::Tap() : mGate(std::make_unique<CallGate>()) {}
+
+Tap::~Tap() = default;
+
 void Tap::begin(std::function<void()> onCopies) {
-    std::lock_guard<std::mutex> const lock(mMutex);
+    mGate->close();
     mOnCopies = std::move(onCopies);
+    mGate->open();
     mOn = true;
 }
 
 void Tap::end() {
-    std::lock_guard<std::mutex> const lock(mMutex);
     mOn = false;
+    mGate->close();
     mOnCopies = nullptr;
+    std::lock_guard<std::mutex> const lock(mMutex);
     mBatch = {};
     mBytes = 0;
 }
@@ -29,12 +36,16 @@ Tap::Batch Tap::take() {
 void Tap::copyIn(VeskFrame const& frame) {
     std::vector<uint8_t> bytes;
     frame.serialze(bytes);
-    copy(FrameText::Direction::IN, std::move(bytes));
+    put({FrameText::Direction::IN, 0, std::move(bytes), 0});
 }
 
-void Tap::add(Copy copy) {
+void Tap::put(Copy copy) {
+    CallGate::Call const call(*mGate);
+    if (call.isLet() && add(std::move(copy))) mOnCopies();
+}
+
+bool Tap::add(Copy copy) {
     std::lock_guard<std::mutex> const lock(mMutex);
-    if (!mOnCopies) return;
     bool const wasEmpty = mBatch.copies.empty() && mBatch.missed == 0 && mBatch.skipped == 0;
     size_t const size = sizeof(Copy) + copy.bytes.size();
     // What is behind something missed is missed too, so that the counts have their place.
@@ -47,7 +58,7 @@ void Tap::add(Copy copy) {
         copy.micros = microsSince1970();
         mBatch.copies.push_back(std::move(copy));
     }
-    if (wasEmpty) mOnCopies();
+    return wasEmpty;
 }
 
 }  // namespace vesk::hostkit

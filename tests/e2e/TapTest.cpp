@@ -221,6 +221,19 @@ TEST_F(TapTest, EachTapperGetsItsOwnAndTheWireIsAsDescribed) {
     EXPECT_FALSE(client::TappedMessage::decode(Bytes(16)));
 }
 
+TEST_F(TapTest, WhoeverIsWokenMayTakeAtOnceAndIsNotWokenBehindTheEnd) {
+    hostkit::Tap tap;
+    size_t taken = 0;
+    tap.begin([&] { taken += tap.take().copies.size(); });
+    tap.out({1});
+    tap.out({2});
+    EXPECT_EQ(taken, 2U);
+    tap.end();
+    tap.out({3});
+    EXPECT_EQ(taken, 2U);
+    EXPECT_TRUE(tap.take().copies.empty());
+}
+
 TEST_F(TapTest, AClientTapsAgainWhenItsHostIsBack) {
     Process& host = startHost(socket("channel"));
     Line& peer = acceptPeer();
