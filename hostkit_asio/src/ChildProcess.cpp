@@ -103,7 +103,7 @@ void keepGroup(Start const& start) {
 }  // namespace
 
 ChildProcess::ChildProcess(asio::io_context& io, Options const& options)
-    : mInput(io), mOutput(io), mEnded(io) {
+    : mKept(options.kept), mInput(io), mOutput(io), mEnded(io) {
     std::vector<char*> arguments;
     for (std::string const& argument : options.arguments) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -138,7 +138,8 @@ void ChildProcess::kill() {
 }
 
 void ChildProcess::signal(int number) {
-    if (ending().empty()) ::kill(mPid, number);
+    // The number of a kept one is its keeper's, who heeds no signal but its parent's death.
+    if (ending().empty()) ::kill(mKept ? -mPid : mPid, number);
 }
 
 std::string const& ChildProcess::reap(int options) {

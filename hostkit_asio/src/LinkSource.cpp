@@ -148,7 +148,8 @@ void LinkSource::startCommand() {
     mCommand.reset();
     try {
         mCommand = std::make_shared<Link>(std::make_unique<ChildProcess>(
-                mIo, ChildProcess::Options{{"/bin/sh", "-c", mEndpoint.path}, true, true, {}}));
+                mIo,
+                ChildProcess::Options{{"/bin/sh", "-c", mEndpoint.path}, true, true, {}, true}));
         answerLater(mCommand, {});
     } catch (std::runtime_error const& error) {
         mReport(error.what());

@@ -1,7 +1,12 @@
 // A host, seen by its clients and from the other end of its channel.
 
+#include <fcntl.h>
 #include <pty.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+
+#include <future>
+#include <thread>
 
 #include <vesk/Vesk.h>
 #include <asio/ip/tcp.hpp>
@@ -199,6 +204,52 @@ TEST_F(HostTest, ACommandOrADeviceCarriesAChannelAndTheCommandEndsWithIt) {
     awaitHeard(consumer, data(Type::REPLY, consumer.number(0), 5, "and back"));
 }
 
+TEST_F(HostTest, ACommandIsAskedToEndAndEndsWithAHostThatIsKilled) {
+    ASSERT_EQ(::mkfifo(path("held").c_str(), 0600), 0);
+    int const held = ::open(path("held").c_str(), O_RDONLY | O_NONBLOCK);
+    char said = 0;
+    // As long as one of the command's processes runs, "held" has no end.
+    for (char const* const how :
+         {"trap \"echo asked >&9; exit\" TERM; exec >&-", "trap \"\" TERM; echo deaf >&9"}) {
+        Process& host =
+                startHost("'exec:exec 9>" + path("held") + "; " + how + "; sleep 1000 & wait'");
+        await("a word of the command", [&] { return ::read(held, &said, 1) == 1; });
+        host.signal(SIGKILL);
+        await("its end", [&] { return ::read(held, &said, 1) == 0; });
+    }
+    ::close(held);
+}
+
+TEST_F(HostTest, APeerThatDoesNotAcceptIsTriedAgain) {
+    mListener->acceptor().listen(0);  // there is room for one that waits
+    connect("channel", Line::FRAMES);
+    Process& host = startHost(socket("channel"));
+    awaitText(host, "Connection timed out; trying again");
+    acceptPeer();
+    expectExchange(acceptPeer(), join(CONSUMER));
+}
+
+TEST_F(HostTest, OfTwoHostsThatStartAtOnceTheFirstHasTheSocket) {
+    // The test is the first: it has the lock, and a socket that it does not listen to yet.
+    int const lock = ::open(path("").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::flock(lock, LOCK_EX), 0);
+    asio::local::stream_protocol::acceptor first(mIo, asio::local::stream_protocol());
+    first.bind(path("host"));
+    Process& second = start("host --channel tty:x --clients " + socket("host"));
+    std::string const open = "/proc/" + std::to_string(second.pid()) + "/fd";
+    std::filesystem::path const directory = std::filesystem::canonical(path(""));
+    await("its look at the lock", [&] {
+        std::error_code gone;
+        for (auto const& file : std::filesystem::directory_iterator(open, gone)) {
+            if (std::filesystem::read_symlink(file, gone) == directory) return true;
+        }
+        return !second.ending().empty();
+    });
+    first.listen();
+    ::close(lock);
+    expectEnd(second, 1, "another process serves");
+}
+
 TEST_F(HostTest, AListenerHasOnePeerAtATimeAndOneOwner) {
     Process& host = startHost(socket("own"), " --listen");
     for (auto const& [name, why] :
@@ -227,17 +278,40 @@ TEST_F(HostTest, MessagesHaveTheirDocumentedBytes) {
     EXPECT_FALSE(client::StatusMessage::decode({3}));
 }
 
-TEST_F(HostTest, AHostThatIsGoneIsNotCalled) {
+TEST_F(HostTest, AHostThatIsGoneIsNotCalledAndOneThatIsCalledHoldsNoLock) {
+    struct Watcher : hostkit::ChannelWatcher {
+        std::function<void()> onBytes;
+        void opened(std::string const&) override {}
+        void closed() override {}
+        void carried(hostkit::FrameText::Direction, uint8_t const*, size_t) override { onBytes(); }
+    } watcher;
+    hostkit::Channel::Events events;
+    events.watcher = &watcher;
     hostkit::Channel channel(mIo, hostkit::Endpoint::parse(socket("channel")), false,
-                             *Vesk::getInstance()->getConfig(), {});
+                             *Vesk::getInstance()->getConfig(), events);
     hostkit::ClientServer clients(mIo, path("host"), {}, hostkit::FlowLimits(), {});
     hostkit::TrafficCounters traffic;
     hostkit::Tap tap;
     android::sp<hostkit::HostCallback> const callback =
             new hostkit::HostCallback(channel, clients, traffic, tap);
+    Bytes const bytes(VeskFrame::FRAME_HEAD_SIZE);
+    std::promise<void> begun;
+    std::atomic<bool> ended{false};
+    int calls = 0;
+    watcher.onBytes = [&] {
+        if (++calls > 1) return;
+        callback->sendToChannel(bytes);
+        begun.set_value();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // in which it is detached
+        ended = true;
+    };
+    std::thread looper([&] { callback->sendToChannel(bytes); });
+    begun.get_future().wait();
     callback->detach();
-    callback->sendToChannel({1});
-    EXPECT_EQ(channel.outbox().lostBytes(), 0U);
+    EXPECT_TRUE(ended);
+    callback->sendToChannel(bytes);
+    EXPECT_EQ(channel.outbox().lostBytes(), 2 * bytes.size());
+    looper.join();
 }
 
 }  // namespace vesk::e2e

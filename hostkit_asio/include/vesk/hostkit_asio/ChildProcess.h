@@ -53,7 +53,7 @@ public:
     /** Its number in /proc, also for a moment after its end. */
     pid_t pid() const { return mPid; }
 
-    /** Sends it a signal, unless it has ended. REQUIRES: it is not `kept`. */
+    /** Sends it a signal, unless it has ended; where it is `kept`, to its whole group. */
     void signal(int number);
 
     /** "exit status 3" or "signal 9" when it has ended; empty while it runs. */
@@ -68,6 +68,7 @@ public:
 private:
     std::string const& reap(int options);
 
+    bool const mKept;
     pid_t mPid = -1;
     int mStatus = 0;
     std::string mEnding;
