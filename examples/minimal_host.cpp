@@ -1,4 +1,5 @@
 #include <vesk/Vesk.h>
+#include <vesk/VeskProtocol.h>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,7 +12,7 @@ std::shared_ptr<VeskFrame> message(uint8_t type, uint16_t session, std::string c
     auto frame = VeskFrame::obtainFrame(true);
     frame->topicId = 2;     // "test" in the catalogue
     frame->businessId = 1;  // and its one business
-    frame->msgType = type;  // 2: request to the provider, 3: reply
+    frame->msgType = type;
     frame->reply = session;
     frame->msgId = frame->serialNumber;  // a later frame with the same id would supersede it
     frame->data.assign(text.begin(), text.end());
@@ -25,9 +26,9 @@ struct Host : VeskCallback {
     }
     void receive(uint32_t, uint32_t id, bool, std::shared_ptr<VeskFrame> const& frame) override {
         std::string const text(frame->data.begin(), frame->data.end());
-        if (frame->msgType == 3) std::cout << "reply: " << text << "\n";
+        if (frame->msgType == REPLY) std::cout << "reply: " << text << "\n";
         auto const me = Vesk::getInstance()->getSessionManager()->getSession(uint16_t(id));
-        if (frame->msgType == 2 && me) me->send(false, message(3, frame->reply, text), 1);
+        if (frame->msgType == REQUEST && me) me->send(false, message(REPLY, frame->reply, text), 1);
     }
     void notifyTopicChanged(bool, std::string) override {}
     void notifyBusinessChanged(bool, std::string, std::string) override {}
@@ -43,13 +44,14 @@ int main() {
     vesk->init(new Host(ends[!asks]));
     vesk->createTopic("test", false);
     auto* const sessions = vesk->getSessionManager();
-    auto const id = uint16_t(sessions->createSession(1, asks ? 1 : 2, "test", "test", false));
-    if (asks) sessions->getSession(id)->send(false, message(2, id, "hello"), 1);
+    int const role = asks ? VeskSessionManager::CONSUMER : VeskSessionManager::PROVIDER;
+    auto const id = uint16_t(sessions->createSession(1, role, "test", "test", false));
+    if (asks) sessions->getSession(id)->send(false, message(REQUEST, id, "hello"), 1);
     std::vector<uint8_t> bytes(12 + 65535);
     for (ssize_t n = 0; (n = recv(ends[!asks], bytes.data(), bytes.size(), 0)) > 0;) {
         auto frame = VeskFrame::obtainFrame(false);
         frame->unSerialze({bytes.begin(), bytes.begin() + n});
         vesk->getQueue()->receiveFromChannel(frame);
-        if (asks && frame->msgType == 3) break;  // the other side sees the channel close
+        if (asks && frame->msgType == REPLY) break;  // the other side sees the channel close
     }
 }

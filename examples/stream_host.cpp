@@ -62,7 +62,8 @@ int main() {
     Vesk* const vesk = Vesk::getInstance();
     vesk->init(host);
     vesk->createTopic("test", false);
-    int const id = vesk->getSessionManager()->createSession(1, asks ? 1 : 2, "test", "test", false);
+    int const role = asks ? VeskSessionManager::CONSUMER : VeskSessionManager::PROVIDER;
+    int const id = vesk->getSessionManager()->createSession(1, role, "test", "test", false);
     if (!asks) return host->serve(), 0;
     std::thread reader([&] { host->serve(); });
     int replies = 0;

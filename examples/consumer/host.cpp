@@ -1,4 +1,5 @@
 #include <vesk/Vesk.h>
+#include <vesk/VeskProtocol.h>
 
 #include <iostream>
 
@@ -18,11 +19,12 @@ int main() {
     vesk->init(new Host);
     vesk->createTopic("test", false);
     auto* const sessions = vesk->getSessionManager();
-    auto const provider = sessions->createSession(7, 2, "test", "test", false);
+    int const role = vesk::VeskSessionManager::PROVIDER;
+    auto const provider = sessions->createSession(7, role, "test", "test", false);
     auto const request = vesk::VeskFrame::obtainFrame(true);
     request->topicId = 2;                    // "test" in the catalogue
     request->businessId = 1;                 // and its one business
-    request->msgType = 2;                    // to the business's provider
+    request->msgType = vesk::REQUEST;        // to the business's provider
     request->msgId = request->serialNumber;  // no other that awaits acknowledgement has it
     request->data = {'h', 'e', 'l', 'l', 'o'};
     sessions->getSession(uint16_t(provider))->send(true, request, 1);  // true: to this process

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <vesk/Vesk.h>
+#include <vesk/VeskProtocol.h>
 
 /** A host under test: it answers every request with the request's own bytes. */
 class EchoHost : public vesk::VeskCallback {
@@ -19,11 +20,12 @@ public:
                  std::shared_ptr<vesk::VeskFrame> const& request) override {
         auto* const sessions = vesk::Vesk::getInstance()->getSessionManager();
         auto const me = sessions->getSession(static_cast<uint16_t>(sessionId));
-        if (request->msgType != 2 || !me) return;  // no request, or the provider is going
+        if (request->msgType != vesk::REQUEST || !me)
+            return;  // no request, or the provider is going
         auto const reply = vesk::VeskFrame::obtainFrame(true);
         reply->topicId = request->topicId;
         reply->businessId = request->businessId;
-        reply->msgType = 3;
+        reply->msgType = vesk::REPLY;
         reply->reply = request->reply;
         reply->msgId = reply->serialNumber;
         reply->data = request->data;

@@ -21,7 +21,7 @@ protected:
         Vesk::getInstance()->init(new EchoHost(
                 [wire = wire](std::vector<uint8_t> bytes) { wire->sendToChannel(bytes); }));
         Vesk::getInstance()->createTopic("test", false);
-        sessions->createSession(1, 2, "test", "test", false);
+        sessions->createSession(1, vesk::VeskSessionManager::PROVIDER, "test", "test", false);
     }
     ~EchoHostTest() override {
         Vesk::getInstance()->onChannelAvailable(false);
@@ -31,7 +31,7 @@ protected:
 
     // A request from the peer's session 77, with serial number 5, to the business "test".
     void ask(FarPeer::Bytes payload) {
-        peer.send(FarPeer::Frame{2, 1, 2, 77, 5, 0, std::move(payload)});
+        peer.send(FarPeer::Frame{2, 1, vesk::REQUEST, 77, 5, 0, std::move(payload)});
     }
 
     FarPeer::Frame written(size_t index) const { return FarPeer::decode(wire->sent().at(index)); }
@@ -46,7 +46,7 @@ TEST_F(EchoHostTest, AnswersTheSessionThatAsked) {
     ask({'h', 'i'});
 
     ASSERT_TRUE(wire->waitForSent(1));
-    EXPECT_EQ(written(0).msgType, 3);
+    EXPECT_EQ(written(0).msgType, vesk::REPLY);
     EXPECT_EQ(written(0).reply, 77);
     EXPECT_EQ(written(0).payload, (FarPeer::Bytes{'h', 'i'}));
 }

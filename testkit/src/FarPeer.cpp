@@ -5,18 +5,16 @@
 #include <utility>
 
 #include <vesk/Vesk.h>
+#include <vesk/VeskProtocol.h>
 #include <vesk/testkit/RecordingCallback.h>
 
 namespace vesk::testkit {
 
 namespace {
 
-// The wire's numbers are written down a second time here, on purpose.
+// How the bytes of a frame are laid out is written down a second time here, on purpose.
 constexpr uint8_t MAGIC = 'U';
 constexpr size_t HEADER_SIZE = 12;
-constexpr size_t ACK_SIZE = 4;
-constexpr uint8_t ACK_ID = 0xAA;
-constexpr uint8_t ACK_TYPE = 1;
 
 void put16(FarPeer::Bytes& out, size_t value) {
     out.push_back(static_cast<uint8_t>(value & 0xFF));
@@ -74,11 +72,13 @@ FarPeer::Frame FarPeer::decode(Bytes const& bytes) {
 }
 
 bool FarPeer::isAck(Frame const& frame) {
-    return frame.msgType == ACK_TYPE && frame.topicId == ACK_ID && frame.businessId == ACK_ID;
+    return frame.msgType == ACKNOWLEDGEMENT && frame.topicId == ACK_ID &&
+           frame.businessId == ACK_ID;
 }
 
 FarPeer::Frame FarPeer::ackFrame(std::vector<Ack> const& entries) {
-    Frame frame{ACK_ID, ACK_ID, ACK_TYPE, static_cast<uint16_t>(entries.size()), 0, ACK_ID, {}};
+    Frame frame{ACK_ID, ACK_ID, ACKNOWLEDGEMENT, static_cast<uint16_t>(entries.size()), 0,
+                ACK_ID, {}};
     for (Ack const& entry : entries) {
         put16(frame.payload, entry.hold);
         put16(frame.payload, entry.serialNumber);
@@ -87,12 +87,12 @@ FarPeer::Frame FarPeer::ackFrame(std::vector<Ack> const& entries) {
 }
 
 std::vector<FarPeer::Ack> FarPeer::ackEntries(Frame const& frame) {
-    if (!isAck(frame) || frame.payload.size() != ACK_SIZE * frame.reply) {
+    if (!isAck(frame) || frame.payload.size() != ACK_ENTRY_SIZE * frame.reply) {
         reject("no acknowledgement frame: it has type 1, topic and business 170, and 4 bytes for "
                "each of the entries that its reply field counts");
     }
     std::vector<Ack> entries;
-    for (size_t at = 0; at < frame.payload.size(); at += ACK_SIZE) {
+    for (size_t at = 0; at < frame.payload.size(); at += ACK_ENTRY_SIZE) {
         entries.push_back({get16(frame.payload, at), get16(frame.payload, at + 2)});
     }
     return entries;

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include <vesk/VeskProtocol.h>
+
 namespace vesk::testkit {
 
 namespace {
@@ -10,10 +12,10 @@ constexpr size_t HEADER = 12;
 
 /** Whether the bytes may begin a frame of this system. */
 bool plausible(uint8_t const* bytes) {
-    bool const ack = bytes[3] == 0xAA && bytes[4] == 0xAA && bytes[5] == 1;
+    bool const ack = bytes[3] == ACK_ID && bytes[4] == ACK_ID && bytes[5] == ACKNOWLEDGEMENT;
     bool const data =
             (bytes[3] == 1 && bytes[4] >= 1 && bytes[4] <= 13) || (bytes[3] == 2 && bytes[4] == 1);
-    return bytes[0] == 'U' && (ack || (data && (bytes[5] == 2 || bytes[5] == 3)));
+    return bytes[0] == 'U' && (ack || (data && (bytes[5] == REQUEST || bytes[5] == REPLY)));
 }
 
 }  // namespace
