@@ -51,6 +51,17 @@ TEST_F(FlowTest, AConsumerThatDoesNotReadSlowsOnlyItself) {
     }
 }
 
+TEST_F(FlowTest, TwoHostsThatAreFullOfEachOthersMessagesGoOn) {
+    startHosts();
+    awaitText(start("provide virtualcomm/vm --echo --host " + socket("host")), "providing");
+    std::string const options =
+            " --count 400 --window 200 --random-size 65535 --timeout 60000 --verify --host ";
+    Process& near = start("call test/test" + options + socket("host"));
+    Process& far = start("call virtualcomm/vm" + options + socket("far"));
+    expectEnd(near, 0);
+    expectEnd(far, 0);
+}
+
 TEST_F(FlowTest, WhoLeavesWhilePausedIsGoneAndAHostAtRestSleeps) {
     Process& host = startHost(socket("own"), " --listen");
     for (int i = 0; i < 3; ++i) {

@@ -174,6 +174,16 @@ TEST_F(MisuseTest, NumbersAreDecimalAndWithinTheirRange) {
     }
 }
 
+TEST_F(MisuseTest, WhatAUserTypesDoesNotReachTheTerminalAsControlCharacters) {
+    std::string const typed = "\"$(printf 'a\\033[2J\\302\\233b')\"";
+    for (std::string const& arguments :
+         {"call x/y " + typed, "call x/y --" + typed, "call --window " + typed, "tap " + typed}) {
+        Process& process = start(arguments);
+        expectEnd(process, 2, "a\\x1B[2J");
+        EXPECT_EQ(process.errors().find_first_of("\x1B\x9B"), std::string::npos) << arguments;
+    }
+}
+
 TEST_F(MisuseTest, AJobEndsWithItsCommandItsTimeOrItsProvider) {
     startHost();
     ASSERT_EQ(::mkfifo(path("held").c_str(), 0600), 0);
