@@ -52,7 +52,12 @@ TEST_F(FlowTest, AConsumerThatDoesNotReadSlowsOnlyItself) {
 }
 
 TEST_F(FlowTest, TwoHostsThatAreFullOfEachOthersMessagesGoOn) {
-    startHosts();
+    // The less there is room for in the channel, and in a host, the sooner it is full.
+    Process& host = startHost("'exec:" VESK_TOOL " host --memory 16 --channel stdio: --clients " +
+                                      socket("far") + "'",
+                              " --memory 16");
+    awaitText(host, "serving clients on " + socket("far"));
+    awaitText(start("provide test/test --echo --host " + socket("far")), "providing");
     awaitText(start("provide virtualcomm/vm --echo --host " + socket("host")), "providing");
     std::string const options =
             " --count 400 --window 200 --random-size 65535 --timeout 60000 --verify --host ";
