@@ -65,6 +65,12 @@ struct Start {
     ::_exit(WEXITSTATUS(status));
 }
 
+/** What the program has left running goes with it, whether or not anybody notices its end. */
+void killRest(pid_t parent) {
+    // The keeper is the group's first, and leaves it so as to end as the program did.
+    if (::setpgid(0, ::getpgid(parent)) == 0) ::kill(-::getpid(), SIGKILL);
+}
+
 /** Makes the process that is to become the program, in which it returns; the other one keeps it. */
 void keepGroup(Start const& start) {
     sigset_t all, before;
@@ -81,7 +87,9 @@ void keepGroup(Start const& start) {
     ::close_range(own + 1, ~0U, 0);
     for (int status = 127 << 8, number = 0;; ::sigwait(&all, &number)) {
         if (::getppid() != start.parent) ::kill(0, SIGKILL);
-        if (program < 0 || ::waitpid(program, &status, WNOHANG) == program) endAs(status);
+        if (program >= 0 && ::waitpid(program, &status, WNOHANG) != program) continue;
+        killRest(start.parent);
+        endAs(status);
     }
 }
 

@@ -14,7 +14,7 @@ namespace vesk::hostkit {
 /**
  * A process of our own with its pipes, in a process group of its own, which ends with this object
  * at the latest and with the process that started it. Whatever it has left running in its group
- * ends as soon as its own end is noticed.
+ * ends with it where it is `kept`, and otherwise as soon as its own end is noticed.
  *
  * Threads: the one that runs the io_context; the process ends with the thread that started it.
  */
