@@ -18,7 +18,7 @@ namespace {
 
 constexpr auto FOR_EVER = 1h;
 
-/** The frames of "test" are local, those of "virtualcomm" are the peer's, and nobody is the peer. */
+/** The frames of "test" are local, those of "virtualcomm" are the peer's, nobody is the peer. */
 class ClientServerTest : public HostScene {
 protected:
     ~ClientServerTest() override {

@@ -7,8 +7,8 @@ namespace vesk::hostkit {
 
 /**
  * How a host divides the memory that it may hold for others: with its clients, its channel and the
- * library. Bytes, all in proportion to the whole, and milliseconds, which are not. A host may change
- * any of them before it hands them over.
+ * library. Bytes, all in proportion to the whole, and milliseconds, which are not. A host may
+ * change any of them before it hands them over.
  *
  * A quarter of the whole is nobody's share: the allocator's loss, and what is fixed.
  */
@@ -41,8 +41,8 @@ struct FlowLimits {
     size_t consumerLow = consumerHigh / 2;
 
     /**
-     * With more than `low` waiting a provider has `patience` for each message; with more than `high`
-     * nothing more is read that may bring it requests.
+     * With more than `low` waiting a provider has `patience` for each message; with more than
+     * `high` nothing more is read that may bring it requests.
      */
     size_t providerLow = whole / 32;
     size_t providerHigh = 3 * whole / 64;
