@@ -26,8 +26,23 @@ TEST_F(QueueTest, EveryStepIsLoggedAndCounted) {
     fill(2);
     play({{[&] { queue->enqueue(-1, true, frame(1)); },
            "enqueue:1; priority:-1|oversize.1000|1000 0 0 0 0 0 0, 0 1 0 3"},
-          {[&] { admitTogether({packet(2, 3)}); },
-           "enqueuing packet:3|1001 0 0 0 0 0 0, 0 1 0 3"}});
+          {[&] { admitTogether({packet(2, 3)}); }, "enqueuing packet:3|1001 0 0 0 0 0 0, 0 1 0 3"},
+          {[&] { queue->push(pending); }, "oversize.1001|1001 0 0 0 0 0 0, 0 1 0 4"}});
+}
+
+TEST_F(QueueTest, APassSendsAtTheTimeThatItHasWhenWhatExpiredIsGone) {
+    auto const slow = [&](VeskFrame* last) { delete last, clock.jump(700); };
+    queue->enqueue(1, true, std::shared_ptr<VeskFrame>(new VeskFrame, slow));
+    clock.settle();
+    clock.jump(2000);
+    Packet behind = packet(1, 2);
+    admitTogether({behind});
+    EXPECT_EQ(behind->sendTime(), clock.now());
+    queue->enqueue(1, false, frame(3));
+    clock.settle();
+    queue->enqueue(2, true, frame(4));  // in the packet of the last one
+    Packet const unsent = queue->dequeuePacket();
+    EXPECT_EQ(std::tuple(unsent->sendTime(), unsent->enqueueOrder()), std::tuple(0U, 0U));
 }
 
 TEST_F(QueueTest, PacketIsPendingAwaitedAndReplacedWhileItIsBeingSent) {

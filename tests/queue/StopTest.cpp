@@ -123,6 +123,14 @@ TEST_F(StopTest, LastOwnerOfAQueueMayGoAnywhereOnItsOwnLooper) {
     stopper.join();
 }
 
+TEST_F(StopTest, AQueueLetsGoOfWhatWasPendingWithIt) {
+    auto const one = frame(1), two = frame(2);
+    own->enqueue(2, true, one);
+    own->enqueue(2, true, two);
+    own = nullptr;
+    EXPECT_EQ(one.use_count() + two.use_count(), 2);
+}
+
 TEST_F(StopTest, AChildProcessDoesNotWaitForAThreadThatItDoesNotHave) {
     std::unique_lock<std::mutex> const lock(own->mutex());  // in the child nobody gives it back
     pid_t const child = fork();
