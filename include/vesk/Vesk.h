@@ -115,8 +115,6 @@ private:
     std::shared_ptr<VeskCallback> callback() const VESK_EXCLUDES(mCallbackMutex);
 
     android::sp<VeskCallback> mCallback VESK_GUARDED_BY(mCallbackMutex);
-    // The same callback, as every call into it holds it: to copy this one takes half as long.
-    std::shared_ptr<VeskCallback> mShared VESK_GUARDED_BY(mCallbackMutex);
     std::shared_ptr<VeskQueue> mQueue;
     VeskTopicManager mTopicManager;
     VeskSessionManager mSessionManager;
@@ -124,6 +122,8 @@ private:
     mutable std::mutex mCallbackMutex;
     const pid_t mProcess;  // that made the instance, and alone may end it
     bool mEnded VESK_GUARDED_BY(mCallbackMutex) = false;
+    // The same callback, as every call into it holds it: to copy this one takes half as long.
+    std::shared_ptr<VeskCallback> mShared VESK_GUARDED_BY(mCallbackMutex);
 };
 
 }  // namespace vesk
