@@ -81,6 +81,13 @@ Client::Impl::Impl(std::string path, Options options)
       mCalls(static_cast<uint16_t>(std::random_device()())) {
     if (mWake.get() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
     mConnection.open(mPath, mOptions.limit, mOptions.anyOwner);
+    Lock const lock(mMutex);
+    askForNotices();
+}
+
+// Before it joins, for that may be what it is told about.
+void Client::Impl::askForNotices() {
+    if (mOptions.onNotice) send(encodeMessage(MessageType::NOTIFY));
 }
 
 void Client::Impl::start() {
@@ -570,6 +577,7 @@ void Client::Impl::reconnect() {
         mUp = true;
         mIsBack = true;
         ++mConnections;
+        askForNotices();
         joins = mRole != Role::NONE;
         if (joins) {
             send(JoinMessage{static_cast<int>(mRole), mBusiness.topic, mBusiness.business}

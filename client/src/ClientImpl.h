@@ -89,6 +89,7 @@ private:
     Answered takeQuestion();
     void endJoining(std::exception_ptr why) VESK_REQUIRES(mMutex);
     void lose(std::string const& reason);
+    void askForNotices() VESK_REQUIRES(mMutex);
     void reconnect();
     void send(Bytes const& message) VESK_REQUIRES(mMutex);
     void wake() VESK_REQUIRES(mMutex);

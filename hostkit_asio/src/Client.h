@@ -48,6 +48,7 @@ struct Client {
     Business* business = nullptr;          // the same
     bool local = false;                    // the session's topic is
     bool watches = false;
+    bool notified = false;  // has asked for notices
     Obstacle obstacle = Obstacle::NONE;
     std::optional<Unanswered> unanswered;  // of a consumer
     size_t part = 0;                       // bytes that are set aside for a message begun

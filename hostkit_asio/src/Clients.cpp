@@ -99,6 +99,10 @@ bool Clients::onMessage(ClientConnection& connection, client::Message const& mes
                 message.type == client::MessageType::WATCH ? watch(client) : answerQuery(client);
             }
             break;
+        case client::MessageType::NOTIFY:
+            client.notified = true;
+            if (!message.body.empty()) refuse(connection, "a NOTIFY message is not of its form");
+            break;
         case client::MessageType::STATUS:
             answerStatus(client, message);
             break;
@@ -208,8 +212,9 @@ void Clients::giveBack(Client const& client) {
 }
 
 void Clients::tell(uint32_t clientId, std::string const& text) {
-    send(*mClients.at(clientId).connection,
-         client::encodeMessage(client::MessageType::NOTICE, text));
+    Client const& client = mClients.at(clientId);
+    if (!client.notified) return;
+    send(*client.connection, client::encodeMessage(client::MessageType::NOTICE, text));
 }
 
 std::string Clients::whyNoSession(client::JoinMessage const& join) const {
@@ -344,7 +349,9 @@ void Clients::providerChanged(bool added, std::string const& topic, std::string 
 }
 
 void Clients::announce(std::string const& text) {
-    broadcast(client::encodeMessage(client::MessageType::NOTICE, text));
+    for (auto const& [id, client] : mClients) {
+        if (client.watches) tell(id, text);
+    }
 }
 
 void Clients::broadcast(client::Bytes const& message) {

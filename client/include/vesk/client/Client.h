@@ -81,7 +81,8 @@ public:
         /**
          * The host says something that a person may want to know: to a provider, that it takes over
          * the requests of another client or the other way round; after watch(), also which clients
-         * come and go, and what becomes of the channel. The words may change. May be empty.
+         * come and go, and what becomes of the channel. The words may change. May be empty; a
+         * host from before version 2.0 refuses a client with one.
          */
         std::function<void(std::string const& text)> onNotice = {};
     };

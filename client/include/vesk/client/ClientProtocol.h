@@ -35,6 +35,7 @@ namespace vesk::client {
  *                           the end
  *     NOTICE        host    text in UTF-8, to the end
  *     SKIPPED       host    time(8: us since 1970) bytes(8)
+ *     NOTIFY        client  -
  *
  * A connection joins once, as consumer or as provider; its end is the end of its session. A
  * consumer sends REQUEST (whose session the host fills in) and gets REPLY; a provider gets REQUEST
@@ -46,10 +47,11 @@ namespace vesk::client {
  * `missed` counts the frames since the beginning that the client was too slow for. The end is
  * answered with a TAPPED without bytes, and nothing is copied behind it. SKIPPED counts bytes that
  * have come in and belong to no frame; it stands between the frames where they did. QUERY, STATUS
- * and the end of a TAP are answered in the order in which they come. NOTICE is for a person: it
- * tells a provider when another client of the host takes over its business or leaves it, and one
- * who watches what else changes. Anything that is not exactly of this form is an error; a client
- * ignores messages of types that it does not know.
+ * and the end of a TAP are answered in the order in which they come. NOTIFY asks for
+ * NOTICE messages from then on, which are for a person: they tell a provider when another client of
+ * the host takes over its business or leaves it, and one who watches what else changes. Anything
+ * that is not exactly of this form is an error; a client ignores messages of types that it does not
+ * know.
  *
  * Flow control. The figures are for a host with its default of 64 MiB (`vesk host --memory`), and
  * stand in proportion for another.
@@ -93,6 +95,7 @@ enum class MessageType : uint8_t {
     TAPPED,
     NOTICE,
     SKIPPED,
+    NOTIFY,
 };
 
 /** How a host writes down its status. */
