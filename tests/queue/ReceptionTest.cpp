@@ -86,5 +86,16 @@ TEST_F(QueueTest, FeedbackCountsModulo32BitsAndSlowDeliveriesInARow) {
     EXPECT_EQ(numbers(), std::vector<uint32_t>(5));
 }
 
+TEST_F(QueueTest, WhatStandsBehindAnAcknowledgementIsNone) {
+    send(1);
+    send(2);
+    auto const ack = VeskFrame::obtainFrame(false);
+    ack->reply = 1;
+    ack->data = {0, 0, 1, 0, 0, 0, 2, 0};
+    ack->data.resize(4);  // the memory behind it still has an entry for the other frame
+    queue->receiveAckMessage(ack);
+    EXPECT_EQ(queue->awaitingAck(), 1U);
+}
+
 }  // namespace
 }  // namespace vesk
