@@ -182,7 +182,7 @@ void Channel::Impl::read() {
                 if (mEvents.watcher) {
                     mEvents.watcher->carried(FrameText::Direction::IN, mChunk.data(), size);
                 }
-                goOn(link);
+                if (!mHeld) goOn(link);
             });
 }
 
@@ -224,9 +224,11 @@ void Channel::Impl::watchSilence() {
         return;
     }
     mSilence.expires_after(SILENCE);
-    mSilence.async_wait([this](asio::error_code const& error) {
-        // With bytes unread the silence was this host's, not the peer's.
-        if (error || mHeld || mLink->hasUnread()) return;
+    mSilence.async_wait([this, link = mLink](asio::error_code const& error) {
+        // This host may have been late: the timer has gone off, and can no longer be cancelled,
+        // while bytes, or the end of the link, came. Then the silence was not the peer's.
+        bool const isOver = std::chrono::steady_clock::now() < mSilence.expiry();
+        if (error || link != mLink || mHeld || isOver || link->hasUnread()) return;
         mReader.abandon();
         reportSkipped();
         mEvents.onProgress();

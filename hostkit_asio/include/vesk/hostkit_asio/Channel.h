@@ -60,8 +60,8 @@ public:
     void write(std::vector<uint8_t> bytes);
 
     /**
-     * While held, nothing is read, so that the peer comes to a stop. That the peer has left is
-     * then noticed only on release or when a write fails.
+     * While held, nothing is handed on and no more is read, so that the peer comes to a stop. That
+     * the peer has left may then be noticed only on release or when a write fails.
      */
     void hold(bool held);
 
