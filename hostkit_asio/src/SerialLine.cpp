@@ -6,14 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace vesk::hostkit {
-
-SerialLine& SerialLine::operator=(SerialLine&& other) noexcept {
-    std::swap(mFd, other.mFd);
-    std::swap(mBefore, other.mBefore);
-    return *this;
-}
 
 bool SerialLine::take(int fd, unsigned baud) {
     release();

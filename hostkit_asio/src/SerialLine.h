@@ -2,8 +2,6 @@
 
 #include <termios.h>
 
-#include <utility>
-
 namespace vesk::hostkit {
 
 /**
@@ -16,9 +14,8 @@ namespace vesk::hostkit {
 class SerialLine {
 public:
     SerialLine() = default;
-    SerialLine(SerialLine&& other) noexcept
-        : mFd(std::exchange(other.mFd, -1)), mBefore(other.mBefore) {}
-    SerialLine& operator=(SerialLine&& other) noexcept;
+    SerialLine(SerialLine const&) = delete;
+    SerialLine& operator=(SerialLine const&) = delete;
     ~SerialLine() { release(); }
 
     /**

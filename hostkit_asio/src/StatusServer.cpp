@@ -19,6 +19,7 @@ void addCounters(HostStatus const& status, client::Counters& counters) {
     counters.lastDelayMillis = status.delayMillis.value_or(0);
     counters.slowCount = status.slowDeliveries;
     counters.skippedBytes = status.skippedBytes;
+    counters.reconnects = status.reconnects;
     counters.sentPackets = 0;
     counters.receivedPackets = 0;
     for (size_t kind = TrafficCounters::REQUESTS; kind < status.traffic.size(); ++kind) {

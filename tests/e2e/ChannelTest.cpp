@@ -21,30 +21,27 @@ namespace {
 
 using hostkit::Channel;
 using hostkit::Endpoint;
-using hostkit::Link;
-using hostkit::LinkSource;
 using Strings = std::vector<std::string>;
 
 class ChannelTest : public Scene, private hostkit::ChannelWatcher {
 protected:
     Channel& make(std::string const& endpoint, bool listen = false) {
-        Channel::Events const events{
-                [this](bool up) {
-                    mSaid.emplace_back(up ? "up" : "down");
-                    mStates.push_back(up);
-                    EXPECT_EQ(mChannel->up(), up);
-                    EXPECT_EQ(mChannel->outbox().isOpen(), up);
-                },
-                [this](std::shared_ptr<VeskFrame> const& frame) {
-                    mFrames.push_back(frame->msgId);
-                },
-                [this] {
-                    ++mProgress;
-                    if (mOnProgress) mOnProgress();
-                },
-                [this] { mSaid.emplace_back("end"); },
-                [this](std::string const& line) { mSaid.push_back(line); },
-                this};
+        Channel::Events const events{[this](bool up) {
+                                         mSaid.emplace_back(up ? "up" : "down");
+                                         mStates.push_back(up);
+                                         EXPECT_EQ(mChannel->up(), up);
+                                         EXPECT_EQ(mChannel->outbox().isOpen(), up);
+                                     },
+                                     [this](std::shared_ptr<VeskFrame> const& frame) {
+                                         mFrames.push_back(frame->msgId);
+                                     },
+                                     [this] {
+                                         ++mProgress;
+                                         if (mOnProgress) mOnProgress();
+                                     },
+                                     [this] { mSaid.emplace_back("end"); },
+                                     [this](std::string const& line) { mSaid.push_back(line); },
+                                     this};
         mChannel.emplace(mIo, Endpoint::parse(endpoint), listen, mCatalogue, events);
         return *mChannel;
     }
@@ -104,8 +101,8 @@ protected:
 TEST_F(ChannelTest, IsTriedLessAndLessOftenUntilSomebodySpeaks) {
     std::string greeting;
     hostkit::AcceptLoop loop(
-            mListener->acceptor(),
-            [&](auto peer) { peer.write_some(asio::buffer(greeting)); }, [](auto const&) {});
+            mListener->acceptor(), [&](auto peer) { peer.write_some(asio::buffer(greeting)); },
+            [](auto const&) {});
     make(socket("channel")).start();
     std::vector<int> times;
     for (int time = 0; time <= 12800; time += 50) {
@@ -133,14 +130,16 @@ TEST_F(ChannelTest, SaysOnceWhyItIsNotThereAndHowLongItHasBeenSo) {
     EXPECT_EQ(channel.outbox().lostBytes(), 3U);
     channel.start();
     mTime.advance(1000);
-    auto const missing = "cannot open the channel " + name + ": No such file or directory; trying "
-                                                             "again";
+    auto const missing = "cannot open the channel " + name +
+                         ": No such file or directory; trying "
+                         "again";
     EXPECT_EQ(said(), Strings{missing});
     std::ofstream(path("channel")) << "";
     mTime.advance(5000);
     EXPECT_EQ(channel.stateMillis(), 6000U);
-    EXPECT_EQ(said(), Strings{"cannot open the channel " + name + ": Connection refused; trying "
-                                                                  "again"});
+    EXPECT_EQ(said(), Strings{"cannot open the channel " + name +
+                              ": Connection refused; trying "
+                              "again"});
     std::filesystem::remove(path("channel"));
     mTime.advance(5000);
     EXPECT_EQ(said(), Strings{missing});
@@ -251,6 +250,45 @@ TEST_F(ChannelTest, NoticesAPeerThatHasLeftOnReleaseOrWhenAWriteFails) {
         mTime.settle();
         EXPECT_FALSE(mChannel->up());
         EXPECT_EQ(mFrames.size(), write ? 0U : 1U);
+    }
+}
+
+TEST_F(ChannelTest, AListenerHasOnePeerAtATimeAndTheNextAtOnce) {
+    mListener.reset();
+    std::string const name = socket("channel");
+    make(name, true).start();
+    Line& first = connect("channel", Line::FRAMES);
+    EXPECT_EQ(said(), (Strings{"opened " + name, "channel up: " + name, "up"}));
+    Line& second = connect("channel", Line::FRAMES);
+    EXPECT_EQ(said(), Strings{"turned away a second peer of the channel " + name});
+    EXPECT_TRUE(second.closed());
+    first.close();
+    EXPECT_EQ(said().back(), "down");
+    connect("channel", Line::FRAMES);
+    EXPECT_EQ(said().back(), "up");
+}
+
+TEST_F(ChannelTest, AcceptsAgainWhenDescriptorsAreThere) {
+    int accepted = 0;
+    hostkit::AcceptLoop loop(
+            mListener->acceptor(), [&](auto const&) { ++accepted; },
+            [this](std::string const& line) { mSaid.push_back(line); });
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    for (int const time : {1, 2}) {
+        connect("channel");
+        int const next = ::dup(STDIN_FILENO);
+        ::close(next);
+        rlimit const few{static_cast<rlim_t>(next), limit.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        mTime.settle();
+        mTime.advance(100);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        EXPECT_EQ(said(), Strings{"cannot accept a connection: Too many open files; trying again"});
+        mTime.advance(99);
+        EXPECT_EQ(accepted, time - 1);
+        mTime.advance(1);
+        EXPECT_EQ(accepted, time);
     }
 }
 
