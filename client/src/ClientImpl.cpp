@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <random>
 #include <stdexcept>
 #include <system_error>
@@ -19,8 +20,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds BACK_OFF_FIRST{100};
-constexpr milliseconds BACK_OFF_LAST{3200};
+// 68 years: a longer time would overflow the clocks, and the seconds that 32 bits hold.
+constexpr milliseconds LONGEST_TIME{int64_t{INT32_MAX} * 1000};
 // A host that does not accept at once is tried again later: meanwhile the thread has to see whether
 // it is to end.
 constexpr milliseconds RECONNECT_LIMIT{100};
@@ -40,7 +41,8 @@ std::string textOf(Message const& message) {
 
 template <typename Future>
 auto await(Future future, milliseconds limit) {
-    if (future.wait_for(limit) != std::future_status::ready) throw std::runtime_error(NO_ANSWER);
+    auto const status = future.wait_for(std::min(limit, LONGEST_TIME));
+    if (status != std::future_status::ready) throw std::runtime_error(NO_ANSWER);
     return future.get();
 }
 
@@ -76,7 +78,6 @@ private:
 Client::Impl::Impl(std::string path, Options options)
     : mPath(std::move(path)),
       mOptions(std::move(options)),
-      mBackOff(BACK_OFF_FIRST),
       mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mCalls(static_cast<uint16_t>(std::random_device()())) {
     if (mWake.get() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -143,7 +144,10 @@ Client::Sent Client::Impl::call(Bytes const& payload, milliseconds timeout, Done
     if (mRole != Role::CONSUMER) throw std::logic_error("join() a business before you call it");
     if (!isUp()) return Sent::NOT_CONNECTED;
     if (backlog() > mOptions.maxBacklog) return Sent::FULL;
-    std::optional<uint16_t> const msgId = mCalls.add(Clock::now() + timeout, done);
+    // An empty one would look as if no request were left.
+    if (!done) done = [](Reply const&) {};
+    auto const deadline = Clock::now() + std::clamp(timeout, milliseconds::zero(), LONGEST_TIME);
+    std::optional<uint16_t> const msgId = mCalls.add(deadline, done);
     if (!msgId) return Sent::NO_ID;
     send(DataMessage::encode(MessageType::REQUEST, mSession, *msgId, payload));
     return Sent::YES;
@@ -193,10 +197,16 @@ void Client::Impl::tap(Tapper tapper) {
     Lock const lock(mMutex);
     if (mTapper) throw std::logic_error("this client taps already; make another one");
     mTapper = std::make_shared<Tapper const>(std::move(tapper));
+    mTaps = true;
     if (mUp) send(TapMessage{true}.encode());
 }
 
 uint64_t Client::Impl::untap() {
+    {
+        Lock const lock(mMutex);
+        refuseToWait();
+        mTaps = false;  // also on a new connection
+    }
     auto const tapped = TappedMessage::decode(askAndWait(TapMessage{false}.encode()));
     if (!tapped) throw std::runtime_error(NOT_UNDERSTOOD);
     return tapped->missed;
@@ -348,10 +358,10 @@ void Client::Impl::joined(Message const& message) {
         if (mRole == Role::NONE || mJoined) return;
         mJoined = true;
         mSession = joined->session;
-        isBack = mIsBack;
+        isBack = !mJoining;  // this client's own JOIN, not that of somebody who waits
         if (mJoining) std::exchange(mJoining, std::nullopt)->set_value(joined->session);
     }
-    mBackOff = BACK_OFF_FIRST;
+    mBackOff.reset();
     if (isBack && mOptions.onBack) mOptions.onBack(joined->session);
 }
 
@@ -461,7 +471,6 @@ void Client::Impl::sleep() {
                 static_cast<short>((isFull() ? 0 : POLLIN) | (mLeaving.empty() ? 0 : POLLOUT));
         if (auto const next = nextTurn()) {
             auto const left = std::max(*next - Clock::now(), Clock::duration::zero());
-            // A time-out of 68 years is the longest that 32 bits hold.
             auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
             time.tv_sec = static_cast<time_t>(seconds.count());
             time.tv_nsec = static_cast<long>((left - seconds).count());
@@ -537,8 +546,7 @@ void Client::Impl::lose(std::string const& reason) {
     mReader = {};
     mLeaving.clear();
     mSent = 0;
-    mRetry = Clock::now() + mBackOff;
-    mBackOff = std::min(mBackOff * 2, BACK_OFF_LAST);
+    mRetry = Clock::now() + mBackOff.next();
     bool wasUp;
     {
         Lock const lock(mMutex);
@@ -567,15 +575,13 @@ void Client::Impl::reconnect() {
         mConnection.open(mPath, std::min(mOptions.limit, RECONNECT_LIMIT), mOptions.anyOwner);
     } catch (std::runtime_error const&) {
         mConnection.close();
-        mRetry = Clock::now() + mBackOff;
-        mBackOff = std::min(mBackOff * 2, BACK_OFF_LAST);
+        mRetry = Clock::now() + mBackOff.next();
         return;
     }
     bool joins;
     {
         Lock const lock(mMutex);
         mUp = true;
-        mIsBack = true;
         ++mConnections;
         askForNotices();
         joins = mRole != Role::NONE;
@@ -584,10 +590,10 @@ void Client::Impl::reconnect() {
                          .encode());
         }
         if (mWatcher) send(encodeMessage(MessageType::WATCH));
-        if (mTapper) send(TapMessage{true}.encode());
+        if (mTaps) send(TapMessage{true}.encode());
     }
     if (joins) return;  // joined() goes on
-    mBackOff = BACK_OFF_FIRST;
+    mBackOff.reset();
     if (mOptions.onBack) mOptions.onBack(0);
 }
 

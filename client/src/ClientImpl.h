@@ -13,6 +13,7 @@
 #include <vesk/VeskThreadAnnotations.h>
 #include <vesk/client/Client.h>
 
+#include "BackOff.h"
 #include "Calls.h"
 #include "Connection.h"
 
@@ -111,7 +112,7 @@ private:
     bool mHungUp = false;  // the host has closed its end
     Clock::time_point mLastFlush = Clock::now();
     Clock::time_point mRetry{};
-    std::chrono::milliseconds mBackOff;
+    BackOff mBackOff;
 
     mutable std::mutex mMutex;
     Descriptor mWake;  // an eventfd
@@ -121,7 +122,6 @@ private:
     bool mUp VESK_GUARDED_BY(mMutex) = true;       // connected
     bool mJoined VESK_GUARDED_BY(mMutex) = false;  // on this connection
     uint16_t mSession VESK_GUARDED_BY(mMutex) = 0;
-    bool mIsBack VESK_GUARDED_BY(mMutex) = false;  // not the first connection
     std::string mWhyLost VESK_GUARDED_BY(mMutex);
     uint64_t mConnections VESK_GUARDED_BY(mMutex) = 1;
     Bytes mWaiting VESK_GUARDED_BY(mMutex);
@@ -133,6 +133,7 @@ private:
     std::optional<std::promise<uint16_t>> mJoining VESK_GUARDED_BY(mMutex);
     std::shared_ptr<Watcher const> mWatcher VESK_GUARDED_BY(mMutex);
     std::shared_ptr<Tapper const> mTapper VESK_GUARDED_BY(mMutex);
+    bool mTaps VESK_GUARDED_BY(mMutex) = false;  // until untap()
     std::deque<std::function<void()>> mTasks VESK_GUARDED_BY(mMutex);
     std::deque<Answered> mQuestions VESK_GUARDED_BY(mMutex);  // the host answers in their order
     Calls mCalls VESK_GUARDED_BY(mMutex);

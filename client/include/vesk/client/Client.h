@@ -26,17 +26,22 @@ namespace vesk::client {
  * Threads:   each client has a thread of its own that reads, keeps the time and runs every
  *            callback, one at a time. Every operation may be called from any thread and from inside
  *            a callback, but for those that wait: the constructor waits on the calling thread;
- *            join(), serve(), query() and status() throw std::logic_error inside a callback of this
- *            client, because the answer would have to come through the same thread. Nor may a
- *            callback wait for a future of this client.
+ *            join(), serve(), query(), status() and untap() throw std::logic_error inside a
+ *            callback of this client, because the answer would have to come through the same
+ *            thread. Nor may a callback wait for a future of this client.
  * Callbacks: no lock is held. While one runs, nothing is read: the host makes a client wait for its
  *            own slowness alone, and closes one that leaves its messages unread for too long (see
  *            ClientProtocol.h). An exception that leaves a callback ends the process.
  * Ownership: the destructor ends what is outstanding with LOST, and returns when no callback runs
  *            any more. Run inside a callback it returns at once, and the thread ends behind the
  *            callback. What has been sent and the socket does not take at once is dropped.
- * Order:     requests and replies of one client leave in the order of their calls.
- * Times:     milliseconds; those of requests begin when they are sent.
+ * Order:     requests, replies and questions of one client leave in the order of their calls. While
+ *            the host lets the requests wait (see ClientProtocol.h), or a provider does not read
+ *            because it has maxUnanswered, the answers to query(), status() and untap() wait too,
+ *            and those that wait for them may run into Options::limit. Who has to know at such a
+ *            time asks by a client of its own, which has not joined.
+ * Times:     milliseconds; those of requests begin when they are sent. A time of more than 68 years
+ *            counts as 68 years, and a negative one as 0.
  */
 class VESK_EXPORT Client {
 public:
@@ -65,7 +70,7 @@ public:
 
         /**
          * Bytes of requests that a provider may be at work on. A request counts, with its payload
-         * and 64 bytes, as long as there is a Responder for it; with more, no further one is read.
+         * and 64 bytes, as long as there is a Responder for it; with more, nothing more is read.
          */
         size_t maxUnanswered = size_t{1024} * 1024;
 
@@ -145,7 +150,7 @@ public:
      * std::logic_error for one who has not joined.
      *
      * @param done is called exactly once where the result is YES, on the client's thread and
-     *             perhaps before this returns, and never where it is not.
+     *             perhaps before this returns, and never where it is not. May be empty.
      */
     Sent call(Bytes payload, std::chrono::milliseconds timeout, Done done);
 
@@ -186,8 +191,8 @@ public:
              std::function<void(SkippedMessage const& skipped)> onSkipped = {});
 
     /**
-     * Ends that, and returns how many frames were missed on this connection. Waits for the host to
-     * tell, and throws std::runtime_error when it does not.
+     * Ends that for good, and returns how many frames were missed on this connection. Waits for the
+     * host to tell, and throws std::runtime_error when it does not.
      */
     uint64_t untap();
 
