@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <future>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -104,36 +105,19 @@ TEST_F(ClientTest, WhatIsOutstandingEndsWithTheClientOrItsHost) {
     EXPECT_THROW(other.query(), std::runtime_error);
 }
 
-TEST_F(ClientTest, AHostThatComesBackFindsItsClientsAgain) {
-    Process& host = startHost();
-    std::promise<uint16_t> served, joined;
-    std::atomic<int> topics{0};
-    Client::Options options;
-    options.reconnect = true;
-    options.onBack = [&](uint16_t session) { served.set_value(session); };
-    Client provider(path("host"), options);
-    provider.serve(mBusiness, [](Bytes const& request, Responder const& to) { to.reply(request); });
-    provider.watch({[&](bool added, std::string const&) { topics += added ? 1 : 0; }, {}});
-    options.onBack = [&](uint16_t session) { joined.set_value(session); };
-    Client consumer(path("host"), options);
-    consumer.join(mBusiness);
-    EXPECT_EQ(consumer.call({1}, 60s).get().outcome, Outcome::REPLIED);
-    host.signal(SIGKILL);
-    await("its end", [&] { return !host.ending().empty(); });
-    startHost();
-    EXPECT_GT(served.get_future().get(), 0U);
-    EXPECT_GT(joined.get_future().get(), 0U);
-    EXPECT_EQ(consumer.call({2}, 60s).get().payload, Bytes{2});
-    await("the topic once more", [&] { return topics >= 2; });
-}
-
 TEST_F(ClientTest, AHostOfAnotherUserIsNotTrusted) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can be two users";
-    asio::local::stream_protocol::acceptor acceptor(mIo, asio::local::stream_protocol());
-    acceptor.bind(path("foreign"));
-    ASSERT_EQ(::seteuid(65534), 0);
-    acceptor.listen();
-    ASSERT_EQ(::seteuid(0), 0);
+    std::filesystem::permissions(path(""), std::filesystem::perms::all);
+    std::map<std::string, asio::local::stream_protocol::acceptor> hosts;
+    for (char const* const name : {"foreign", "root", "first"}) {
+        auto& host = hosts.emplace(name, mIo).first->second;
+        host.open();
+        host.bind(path(name));
+        std::filesystem::permissions(path(name), std::filesystem::perms::all);
+        ASSERT_EQ(::seteuid(name == std::string("foreign") ? 65534 : 0), 0);
+        host.listen();
+        ASSERT_EQ(::seteuid(0), 0);
+    }
     try {
         Client const client(path("foreign"));
         FAIL();
@@ -143,6 +127,20 @@ TEST_F(ClientTest, AHostOfAnotherUserIsNotTrusted) {
     Client::Options options;
     options.anyOwner = true;
     EXPECT_TRUE(Client(path("foreign"), options).connected());
+    ASSERT_EQ(::seteuid(65534), 0);
+    EXPECT_TRUE(Client(path("foreign")).connected());
+    EXPECT_TRUE(Client(path("root")).connected());
+    ASSERT_EQ(::seteuid(0), 0);
+    // Nor is one that has come to the place of the user's own.
+    options = {};
+    options.reconnect = true;
+    Client const client(path("first"), options);
+    hosts.erase("first");
+    std::filesystem::rename(path("foreign"), path("first"));
+    std::this_thread::sleep_for(130ms);
+    EXPECT_FALSE(client.connected());
+    std::filesystem::rename(path("root"), path("first"));
+    await("it is back", [&] { return client.connected(); });
 }
 
 TEST_F(ClientTest, AnyHostCanBeWatched) {
