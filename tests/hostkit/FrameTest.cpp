@@ -105,6 +105,11 @@ TEST(FrameTextTest, NamesWhatItKnowsAndEscapesWhatATerminalWouldActOn) {
         EXPECT_EQ(inHex.json(frame).find(R"(","cut":true)") < 999, bytes.size() > 12);
     }
     EXPECT_EQ(frames, 7);
+    VeskFrame foreign;
+    for (int const byte : {0x80, 0xBF, 0xC1, 0xF5, 0xFF}) {  // they begin no character
+        foreign.data = {'a', 'b', 'c', 'd', uint8_t(byte)};
+        EXPECT_NE(text.json(foreign).find("\"hex\""), std::string::npos);
+    }
     std::string const kept =
             "ä\xC2\xA0\xE0\xA0\x80€\xED\x9F\xBF\xEE\x80\x80😀\xF0\x90\x80\x80\xF4\x8F\xBF\xBF ~"
             "\u061B\u061D\u200D\u2010\u2027\u202F\u2065\u206A";

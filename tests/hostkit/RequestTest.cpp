@@ -3,8 +3,10 @@
 #include <map>
 #include <thread>
 
+#include <vesk/Vesk.h>
 #include <vesk/hostkit/Requester.h>
 #include <vesk/hostkit/Responder.h>
+#include <vesk/testkit/RecordingCallback.h>
 #include <vesk/testkit/ShiftedClock.h>
 
 using namespace vesk;
@@ -138,4 +140,22 @@ TEST_F(RequestTest, AnIdIsInUseUntilNothingCanComeForItAnyMore) {
     clock.jump(1);
     other.expire();
     EXPECT_EQ(free, 2U);
+}
+
+TEST(ToPeerTest, RequestsLeaveAtOnceThroughTheirSessionsWithTheIdsOfTheProcess) {
+    // The first id is 1 + what is left of this when it is divided by 65535.
+    testkit::ShiftedClock clock(nullptr, (uint64_t{1} << 40) - 256 + 65534);
+    android::sp<testkit::RecordingCallback> const peer = new testkit::RecordingCallback;
+    Vesk& vesk = *Vesk::getInstance();
+    vesk.init(peer);
+    vesk.createTopic("test", false);
+    auto const id = vesk.getSessionManager()->createSession(1, 1, "test", "test", false);
+    Requester requester;
+    for (auto const session : {uint16_t(id), uint16_t(99), uint16_t(id)})
+        requester.ask({2, 1, session}, {'?'}, 1, {});
+    clock.settle();
+    ASSERT_EQ(peer->sentCount(), 2U);
+    EXPECT_EQ(peer->sent()[0][10] << 8 | peer->sent()[0][11], 65535);
+    EXPECT_EQ(peer->sent()[1][10] | peer->sent()[1][11] << 8, 2);
+    vesk.init(new testkit::RecordingCallback);
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
 #include <sstream>
 #include <utility>
 
@@ -139,6 +140,56 @@ TEST(OutboxTest, LeavesFramesWaitingOnlyWhileMoreCome) {
     EXPECT_EQ(writes, std::vector<size_t>({64, 64, 2, 1}));
 }
 
+TEST(OutboxTest, LeavesNoMoreThan64FramesOr64KiBWaiting) {
+    auto const queue = std::make_shared<VeskQueue>();
+    testkit::ShiftedClock clock(queue);
+    Outbox outbox(nullptr);
+    // So many frames of so many bytes more, and whether one more may be left for the next call.
+    for (auto const& [frames, size, more] : {std::tuple{1, 65535U, true},
+                                             {1, 1U, false},
+                                             {0, 0U, true},  // taken, which 0 stands for
+                                             {63, 1U, true},
+                                             {1, 1U, false},
+                                             {-1, 0U, true},  // closed
+                                             {63, 1U, true},
+                                             {-1, 0U, true},
+                                             {1, 65536U, false}}) {
+        if (frames == 0) outbox.written(outbox.take().size);
+        if (frames < 0) outbox.close(), outbox.open();
+        for (int i = 0; i < frames; ++i)
+            outbox.put(Bytes(size));
+        for (uint16_t pending = 1; pending <= 2; ++pending) {
+            send(*queue, 2, pending, pending);  // held back
+            EXPECT_EQ(outbox.moreComes(*queue), more && queue->size() > 1);
+        }
+    }
+}
+
+TEST(SendGateTest, TheChannelIsNotReadWhileTooManyAcknowledgementsAreOwed) {
+    auto const queue = std::make_shared<VeskQueue>();
+    testkit::ShiftedClock clock(queue);
+    Outbox outbox(nullptr);
+    SendGate const gate(*queue, outbox);
+    std::promise<void> go;
+    android::sp<testkit::RecordingCallback> const host = new testkit::RecordingCallback;
+    host->onSend([&](auto const&) { go.get_future().wait(); });
+    Vesk::getInstance()->init(host);
+    send(*queue, 1, 1, 1);
+    EXPECT_TRUE(host->waitForSent(1));  // and now the looper is stuck
+    host->onSend(nullptr);
+    for (uint16_t serial = 1; serial <= 500; ++serial) {
+        EXPECT_TRUE(gate.mayRead());
+        auto const frame = VeskFrame::obtainFrame(false);
+        frame->unSerialze(FarPeer::encode({2, 1, 2, 9, serial, serial, {}}));
+        queue->receiveFromChannel(frame);
+    }
+    EXPECT_FALSE(gate.mayRead());
+    go.set_value();
+    clock.settle();
+    EXPECT_TRUE(gate.mayRead());
+    Vesk::getInstance()->init(new testkit::RecordingCallback);
+}
+
 TEST(SendGateTest, SaysHowManyFramesMayBeSentAndWhatStandsAgainstIt) {
     auto const queue = std::make_shared<VeskQueue>();
     testkit::ShiftedClock clock(queue);
@@ -259,6 +310,15 @@ TEST(HostStatusTest, CountsWhatIsThereAndWhatHasBecomeOfIt) {
         HostStatus const status = HostStatus::of(vesk, traffic, &outbox, &reader);
         found << status.json() << "\n" << status.text();
     }
+    HostStatus full;
+    full.channelMillis = 5000012999;
+    full.reconnects = 3;
+    full.lostBytes = 4;
+    full.superseded = 5;
+    full.acknowledged = 99;
+    full.localTopics = {"a", "b\n"};
+    full.slowClients = {{6, 7, 8999}, {9, 10, 11}};
+    found << full.json() << "\n" << full.text();
     expected << std::ifstream(VESK_HOSTKIT_TESTS "/status.txt").rdbuf();
     EXPECT_EQ(found.str(), expected.str());
     vesk.init(new testkit::RecordingCallback);

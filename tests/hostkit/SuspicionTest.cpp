@@ -30,19 +30,22 @@ TEST(SuspicionTest, EachNamesItsCauseAndAHostThatIsWellHasNone) {
              {"2 % of the bytes belong to no frame"}},
             {[](auto& s) { s.skippedBytes = 1, s.traffic[0].in.bytes = 980; },
              {"less than 1 % of the bytes belong to no frame"}},
+            {[](auto& s) { s.skippedBytes = 10, s.traffic[1].in.bytes = 990; },
+             {"1 % of the bytes belong to no frame"}},
             {[](auto& s) { s.backlog = 262143; }, {}},
             {[](auto& s) { s.backlog = 262144; },
              {"262,144 bytes wait for the channel: the peer does not read"}},
             {[](auto& s) { s.dropped = 1234; },
              {"1,234 frames were dropped because 1,000 were pending"}},
+            {[](auto& s) { s.dropped = 1; }, {"1 frames were dropped because 1,000 were pending"}},
             {[](auto& s) {
-                 s.businesses = {{"a", "b", 0, 0, 2}, {"c", "d", 9, 1, 2}, {"e", "f", 1, 0, 0}};
+                 s.businesses = {{"a", "b", 0, 0, 1}, {"c", "d", 9, 1, 2}, {"e", "f", 1, 0, 0}};
              },
              {"requests for a/b arrive and nobody provides it"}},
             {[](auto& s) {
-                 s.slowClients = {{7, 1, 1000}};
+                 s.slowClients = {{7, 1, 1000}, {9, 1, 0}};
              },
-             {"client 7 does not read"}},
+             {"client 7 does not read", "client 9 does not read"}},
     };
     for (Row const& row : rows) {
         HostStatus status;
