@@ -104,15 +104,16 @@ TEST_F(FakeHostTest, AnIdIsInUseUntilItsReplyHasComeOrNoneCan) {
         settle(client);
         EXPECT_EQ(client.call({}, 60s, done), Sent::YES);
         EXPECT_EQ(ends[int(Outcome::REPLIED)], replies);
-        EXPECT_EQ(client.call({}, 60s, done), Sent::NO_ID);
         awaitHeard(line, 65538U + unsigned(replies));
         EXPECT_EQ(line.number(65537U + unsigned(replies), 2), 65535);
     }
+    EXPECT_EQ(client.call({}, 60s, done), Sent::NO_ID);
     line.close();
     letIn(accept(), CONSUMER);
     await("the client", [&] { return client.connected(); });
     EXPECT_EQ(ends[int(Outcome::LOST)], 1);
-    EXPECT_EQ(client.call({}, 60s, done), Sent::YES);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(client.call({}, 60s, done), Sent::YES);
 }
 
 TEST_F(FakeHostTest, RequestsLeaveInOrderWithinTheBacklogAndEndAsPromised) {
