@@ -259,7 +259,9 @@ TEST_F(FakeHostTest, AProviderTakesNoMoreThanItMayBeAtWorkOn) {
         awaitKept(taken, uint16_t(taken));
         std::this_thread::sleep_for(20ms);  // its thread sleeps, and is woken
         EXPECT_TRUE(kept[0].reply({'r'}));
+        std::optional<Responder> first = kept[0];
         kept.erase(kept.begin());
+        first.reset();  // and only now there is room
         awaitKept(taken, uint16_t(taken + 1));
         awaitHeard(line, data(Type::REPLY, 9, 1, "r"));
         line.close();
