@@ -23,6 +23,7 @@
 #include "LatencyHistogram.h"
 #include "NoReply.h"
 #include "PayloadSource.h"
+#include "StdinWatch.h"
 
 namespace vesk::tool {
 
@@ -57,6 +58,7 @@ private:
     bool isAllSent();
     bool mayGoOn();
     void callLater(Clock::time_point time, std::function<void()> what);
+    void awaitLine();
     void finish();
     void askWhy();
     bool sendOne();
@@ -81,7 +83,9 @@ private:
     CallReport mReport;
     Clock::time_point mNextProgress = Clock::now();
     Clock::time_point const mStart = Clock::now();
-    asio::steady_timer mTimer;  // the main thread's
+    asio::steady_timer mTimer;         // the main thread's
+    std::optional<StdinWatch> mStdin;  // likewise
+    bool mAwaitsLine = false;
     Clock::time_point mNextSend{};
     bool mFinished = false;
     std::string mStatusOfHost;  // empty: not known
@@ -130,10 +134,14 @@ int Caller::run() {
 }
 
 void Caller::sendMore() {
-    while (mStatus == EXIT_OK && mOutstanding < mOptions.window && !isAllSent()) {
-        if (!mayGoOn() || !sendOne()) return;
+    try {
+        while (mStatus == EXIT_OK && mOutstanding < mOptions.window && !isAllSent()) {
+            if (!mayGoOn() || !sendOne()) return;
+        }
+        if (isAllSent() && mOutstanding == 0) finish();
+    } catch (UsageError const& error) {
+        fail(error.what(), EXIT_USAGE);  // a line that is too long
     }
-    if (isAllSent() && mOutstanding == 0) finish();
 }
 
 bool Caller::isAllSent() {
@@ -143,8 +151,10 @@ bool Caller::isAllSent() {
 
 /** Whether the next request may be sent now; otherwise this comes back to it. */
 bool Caller::mayGoOn() {
-    // To wait for a line would keep replies from being printed; the next of them asks again.
-    if (mOptions.lines && mOutstanding > 0 && !mPayloads.hasLine()) return false;
+    if (mOptions.lines && !mPayloads.hasLine()) {
+        awaitLine();
+        return false;
+    }
     if (mOptions.intervalMillis == 0) return true;
     auto const now = Clock::now();
     if (now < mNextSend) {
@@ -160,6 +170,20 @@ void Caller::callLater(Clock::time_point time, std::function<void()> what) {
         mTimer.expires_at(time);
         mTimer.async_wait([what](asio::error_code const& error) {
             if (!error) what();
+        });
+    });
+}
+
+// Not on the client's thread: it prints replies meanwhile, and has to end when a signal comes.
+void Caller::awaitLine() {
+    if (std::exchange(mAwaitsLine, true)) return;
+    asio::post(mIo, [this] {
+        if (!mStdin) mStdin.emplace(mIo);
+        mStdin->wait([this] {
+            mHost->post([this] {
+                mAwaitsLine = false;
+                sendMore();
+            });
         });
     });
 }
@@ -216,7 +240,8 @@ void Caller::ended(client::Client::Reply const& reply, Clock::time_point sent,
     } else {
         ++mReport.lost;
     }
-    sendMore();
+    // Where the host is gone, that is told next, and is why there are no replies.
+    if (reply.outcome != client::Client::Outcome::LOST) sendMore();
 }
 
 void Caller::accept(client::Bytes const& reply, Clock::time_point sent,
@@ -268,8 +293,8 @@ int Caller::conclude() {
     if (mReport.lost > 0) explainLost();
     if (mReport.wrong > 0)
         say(std::to_string(mReport.wrong) + " replies were not the request's bytes");
-    bool const all = mReport.complete() && isAllSent();
-    return mStatus == EXIT_OK && !all ? EXIT_FAILED : mStatus;
+    if (mStatus != EXIT_OK) return mStatus;
+    return mReport.complete() && isAllSent() ? EXIT_OK : EXIT_FAILED;
 }
 
 void Caller::printStats() const {

@@ -44,8 +44,10 @@ struct Interrupted {};
 class TemporaryDirectory {
 public:
     TemporaryDirectory() {
-        std::string name = (std::filesystem::temp_directory_path() / "vesk-demo-XXXXXX").string();
-        if (!::mkdtemp(name.data())) {
+        std::error_code wrong;
+        std::string name =
+                (std::filesystem::temp_directory_path(wrong) / "vesk-demo-XXXXXX").string();
+        if (wrong || !::mkdtemp(name.data())) {
             throw std::runtime_error("cannot create a directory like '" + name +
                                      "'; set TMPDIR to one where that is possible");
         }

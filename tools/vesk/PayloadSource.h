@@ -47,12 +47,8 @@ public:
         }
     }
 
-    /** Whether all lines have been taken. Waits for the next one. */
-    bool atEnd() {
-        while (!hasWholeLine() && readMore()) {
-        }
-        return mText.empty();
-    }
+    /** Whether all lines have been taken, as far as that is known without waiting. */
+    bool atEnd() { return hasLine() && mText.empty(); }
 
     /** Whether next() has a line, or the end, without waiting for it. */
     bool hasLine() {
@@ -77,14 +73,13 @@ public:
 private:
     bool hasWholeLine() const { return mText.find('\n') != std::string::npos; }
 
-    bool readMore() {
+    void readMore() {
         char bytes[4096];
         ssize_t const count = ::read(STDIN_FILENO, bytes, sizeof bytes);
-        if (count < 0 && errno == EINTR) return true;
+        if (count < 0 && errno == EINTR) return;
         mEnded = count <= 0;
         if (!mEnded) mText.append(bytes, static_cast<size_t>(count));
-        if (mText.find('\n') == std::string::npos) checkSize(mText.size(), "a line of stdin");
-        return !mEnded;
+        if (!hasWholeLine()) checkSize(mText.size(), "a line of stdin");
     }
 
     client::Bytes nextLine() {
