@@ -113,6 +113,28 @@ TEST_F(CaptureTest, WhatIsNoCaptureOfAChannelIsSaid) {
     }
 }
 
+TEST_F(CaptureTest, TheRestOfAFrameMayComeWithinASecond) {
+    std::string const late =
+            "in  cut short: 9 bytes of a header\nin  9 bytes belong to no frame\n"
+            "in  5 bytes belong to no frame\n";
+    for (auto const& [micros, status, expected] :
+         {std::tuple{6000999U, 0, std::string("in  request test/test from session 1, msg 1, ")},
+          {6001000U, 1, late}}) {
+        hostkit::CaptureWriter writer;
+        Bytes const one = frame(2, 1);
+        std::string text;
+        for (Bytes const& bytes :
+             {writer.begin("x"), writer.link("y", 5001000),
+              writer.record(hostkit::FrameText::Direction::IN, 5001000, &one[0], 9),
+              writer.record(hostkit::FrameText::Direction::IN, micros, &one[9], 5),
+              Bytes{6, 0, 0, 0}})
+            text.append(bytes.begin(), bytes.end());
+        std::ofstream(mFile) << text;
+        EXPECT_EQ(decoded(status).substr(0, expected.size()), expected);
+        expectEnd(start("decode " + mFile), status, "the capture ends in the middle of a block");
+    }
+}
+
 /** Blocks as other programs write them, which is not as CaptureWriter does. */
 class ForeignCapture {
 public:

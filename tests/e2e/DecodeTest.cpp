@@ -94,6 +94,15 @@ TEST_F(DecodeTest, PrintsTheSameWhateverTheChunksAndAsAFileGrows) {
     decode.signal(SIGTERM);
     await("its end", [&] { return !decode.ending().empty(); });
     expectEnd(start("decode " + path("none")), 1, "No such file");
+    expectEnd(start("decode --follow"), 0);  // nothing comes behind the end of what is no file
+
+    // What a capture begins with, and hex without the end of its line.
+    for (auto const& [options, text, errors] :
+         {std::tuple{"", "\n\r\r", "0 frames, of which a peer ignores 0; 3 bytes belong to no fra"},
+          {"--hex ", "0d0a", "2 bytes belong to no frame"}}) {
+        std::ofstream(mBytes) << text;
+        expectEnd(start("decode " + std::string(options) + mBytes), 1, errors);
+    }
 }
 
 TEST_F(DecodeTest, TheListIsTheCatalogue) {

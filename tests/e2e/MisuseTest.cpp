@@ -46,6 +46,7 @@ TEST_F(MisuseTest, ASocketIsForItsUserWhateverTheUmaskAndGoesWithItsHost) {
     for (auto const& [option, umask, mode, group] :
          {std::tuple{"", 0, 0600U, ::getegid()},
           {" --mode 0660", 0777, 0660U, ::getegid()},
+          {" --mode 0777 --group root", 022, 0777U, gid_t{0}},
           {" --mode 0600 --group 0", 022, 0600U, gid_t{0}}}) {
         mode_t const before = ::umask(static_cast<mode_t>(umask));
         Process& host = start("host --listen --channel " + socket("own") + " --clients " +
@@ -67,6 +68,9 @@ TEST_F(MisuseTest, ASocketIsForItsUserWhateverTheUmaskAndGoesWithItsHost) {
     std::filesystem::create_symlink(path("host"), path("alias"));
     for (auto const& [arguments, error] :
          {std::pair{"tty:x --mode 9", "'9' is no mode; write one in octal, like 0660"},
+          {"tty:x --mode 1000", "'1000' is no mode"},
+          {"tty:x --mode 660x", "'660x' is no mode"},
+          {"tty:x --group 0x", "there is no group '0x'"},
           {"tty:x --group nobodies", "there is no group 'nobodies'"},
           {"unix:${0%/*}/alias", "is this host's own socket for clients; give each a path"}}) {
         expectEnd(start("host --clients " + socket("host") + " --channel " + arguments), 2, error);
@@ -172,6 +176,57 @@ TEST_F(MisuseTest, NumbersAreDecimalAndWithinTheirRange) {
         expectEnd(start(at("call test/test") + " --window=" + wrong), 2,
                   "is no whole number from 1 to 32768");
     }
+    std::string const none = " --host " + socket("none");
+    for (char const* const within :
+         {"--count 1 --interval 0 --timeout 1 --join-timeout 1 --random-size 0 --window 1",
+          "--count 1000000000 --interval 86400000 --timeout 86400000 --join-timeout 86400000 "
+          "--random-size 65535 --window 32768"})
+        expectEnd(start("call test/test " + std::string(within) + none), 3, "no host serves");
+    for (auto const& [command, wrong] :
+         {std::pair{"call a/b --count ", std::array{"0", "1000000001"}},
+          {"call a/b --interval ", {"-1", "86400001"}},
+          {"call a/b --timeout ", {"0", "86400001"}},
+          {"call a/b --join-timeout ", {"0", "86400001"}},
+          {"call a/b --random-size ", {"-1", "65536"}},
+          {"provide a/b --exec cat --jobs ", {"0", "257"}},
+          {"provide a/b --exec cat --job-timeout ", {"0", "86400001"}},
+          {"host --channel tty:x --memory ", {"15", "4097"}},
+          {"host --channel tty:x --capture x --capture-limit ", {"0", "18446744073709551616"}},
+          {"demo --requests ", {"0", "1000001"}}}) {
+        for (char const* const number : wrong)
+            expectEnd(start(command + std::string(number)), 2, "is no whole number from ");
+    }
+}
+
+TEST_F(MisuseTest, WhatIsMissingOrTooMuchIsWrongUsageAndSocketsHaveADefault) {
+    for (char const* const variable : {"XDG_RUNTIME_DIR", "VESK_HOST"})
+        ::unsetenv(variable);
+    for (auto const& [arguments, errors] :
+         {std::pair{"none", "vesk: "},
+          {"provide a/b", "Exactly 1 option from [--echo,--exec]"},
+          {"provide a/b --echo --exec cat", "2 were given"},
+          {"call a/b --data x --lines", "at most 1 option"},
+          {"call ab --host unix:x", "'ab' is no business; write TOPIC/BUSINESS"},
+          {"call /b --host unix:x", "'/b' is no business"},
+          {"list --any-owner", "--host"},
+          {"watch --host x", "--host"},
+          {"status", "give --host unix:PATH: without XDG_RUNTIME_DIR"},
+          {"host --channel tty:x", "give --clients unix:PATH: without XDG_RUNTIME_DIR"}})
+        expectEnd(start(arguments), 2, errors);
+    Process& version = start("--version");
+    expectEnd(version, 0);
+    EXPECT_EQ(version.output(), "vesk " VESK_VERSION "\n");
+    std::filesystem::create_directory(path("run"));
+    ::setenv("XDG_RUNTIME_DIR", path("run").c_str(), 1);
+    Process& host = start("-v host --channel tty:none --local-topic test");
+    awaitText(host, "serving clients on " + socket("run/vesk-host"));
+    awaitText(host, ": createTopic.test");
+    expectEnd(start("status"), 0);
+    ::setenv("VESK_HOST", socket("none").c_str(), 1);
+    expectEnd(start("status"), 1, "no host serves '" + path("none"));
+    expectEnd(start("status --host " + socket("run/vesk-host")), 0);
+    for (char const* const variable : {"XDG_RUNTIME_DIR", "VESK_HOST"})
+        ::unsetenv(variable);
 }
 
 TEST_F(MisuseTest, WhatAUserTypesDoesNotReachTheTerminalAsControlCharacters) {
