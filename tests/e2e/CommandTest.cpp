@@ -246,10 +246,11 @@ TEST_F(CommandTest, ATapTellsWhenEachFrameCameAndWhatItMissed) {
           writer.record(Direction::IN, 4000000, frame.data(), frame.size())})
         capture.append(bytes.begin(), bytes.end());
     std::string const what = "request test/test from session 7, msg 1, serial 0, 1 bytes: \"x\"\n";
+    std::string lines = "0.000 out ";
+    lines.append(what).append("2.001 in  ").append(what).append("2.002 in  9 bytes belong to no ");
+    lines.append("frame\n0.000 in  ").append(what);
     for (auto const& [options, expected] :
-         {std::pair{std::string(), "0.000 out " + what + "2.001 in  " + what +
-                                           "2.002 in  9 bytes " + "belong to no frame\n0.000 in  " +
-                                           what},
+         {std::pair{std::string(), lines},
           {" --json dir=in", R"({"ms":0,"direction":"in","type":"req)"},
           {" -w " + file, capture}}) {
         auto const [process, line] = startClient("tap" + options);
