@@ -5,7 +5,6 @@
 #include <vesk/hostkit/CaptureWriter.h>
 #include <vesk/testkit/FarPeer.h>
 
-#include "CaptureReader.h"
 #include "support/Scene.h"
 
 namespace vesk::e2e {
@@ -132,122 +131,6 @@ TEST_F(CaptureTest, TheRestOfAFrameMayComeWithinASecond) {
         std::ofstream(mFile) << text;
         EXPECT_EQ(decoded(status).substr(0, expected.size()), expected);
         expectEnd(start("decode " + mFile), status, "the capture ends in the middle of a block");
-    }
-}
-
-/** Blocks as other programs write them, which is not as CaptureWriter does. */
-class ForeignCapture {
-public:
-    ForeignCapture& u16(uint32_t value) {
-        for (int shift = 0; shift < 16; shift += 8)
-            mBytes.push_back(uint8_t(value >> shift & 0xFF));
-        return *this;
-    }
-    ForeignCapture& u32(uint32_t value) { return u16(value & 0xFFFF).u16(value >> 16); }
-    ForeignCapture& option(uint16_t code, Bytes const& value) {
-        u16(code).u16(uint32_t(value.size()));
-        mBytes.insert(mBytes.end(), value.begin(), value.end());
-        return pad();
-    }
-    /** Puts a block's type and length around what has been written since the last one. */
-    ForeignCapture& endBlock(uint32_t type) {
-        Bytes const body(mBytes.begin() + mBegin, mBytes.end());
-        mBytes.resize(size_t(mBegin));
-        u32(type).u32(uint32_t(body.size() + 12));
-        mBytes.insert(mBytes.end(), body.begin(), body.end());
-        u32(uint32_t(body.size() + 12));
-        mBegin = ptrdiff_t(mBytes.size());
-        return *this;
-    }
-    ForeignCapture& section() { return u32(0x1A2B3C4D).u32(1).u32(~0U).u32(~0U).endBlock(SECTION); }
-    ForeignCapture& link() { return u16(147).u16(0).u32(0); }
-    ForeignCapture& packet(uint32_t link, uint64_t ticks, Bytes const& data) {
-        u32(link)
-                .u32(uint32_t(ticks >> 32))
-                .u32(uint32_t(ticks))
-                .u32(uint32_t(data.size()))
-                .u32(99);
-        mBytes.insert(mBytes.end(), data.begin(), data.end());
-        return pad();
-    }
-
-    /** Time, link, direction and bytes of each packet; then whether something is left, or why. */
-    std::string read(size_t chunk) const {
-        tool::CaptureReader reader;
-        std::string text;
-        try {
-            for (size_t at = 0; at < mBytes.size(); at += chunk) {
-                reader.feed(&mBytes[at], std::min(chunk, mBytes.size() - at));
-                while (auto const record = reader.next()) {
-                    text += std::to_string(record->micros) + '/' + std::to_string(record->link) +
-                            (record->direction ? "<>"[int(*record->direction)] : '-') +
-                            std::string(record->bytes.begin(), record->bytes.end()) + ' ';
-                }
-            }
-        } catch (std::runtime_error const& error) {
-            return text + error.what();
-        }
-        return text + (reader.incomplete() ? "..." : "");
-    }
-
-    static constexpr uint32_t SECTION = 0x0A0D0D0A, LINK = 1, NAMES = 4, PACKET = 6;
-
-private:
-    ForeignCapture& pad() {
-        while (mBytes.size() % 4 != 0)
-            mBytes.push_back(0xEE);
-        return *this;
-    }
-
-    Bytes mBytes;
-    ptrdiff_t mBegin = 0;
-};
-
-TEST_F(CaptureTest, CapturesOfOtherProgramsAreRead) {
-    using F = ForeignCapture;
-    Bytes const flagsIn{1, 0, 0, 0}, flagsOut{0xFE, 0, 0, 0}, flagsNone{0, 9, 9, 9}, one{7};
-    ForeignCapture capture;
-    capture.section();
-    capture.link().option(2, one).option(9, {9}).option(0, {}).endBlock(F::LINK);
-    capture.link().option(9, {3, 3}).endBlock(F::LINK);                 // no resolution of one byte
-    capture.link().option(2, {1, 2}).option(9, {0}).endBlock(F::LINK);  // seconds
-    capture.u32(5).endBlock(F::NAMES);
-    capture.packet(0, 5000000999, {'a', 'b', 'c'}).option(1, one).option(2, flagsIn);
-    capture.option(0, {}).option(2, flagsOut).endBlock(F::PACKET);
-    capture.packet(1, 4294967296000000, {}).option(2, {1, 0}).option(2, flagsOut);
-    capture.endBlock(F::PACKET);
-    capture.packet(2, 3, {'d'}).option(2, flagsNone).endBlock(F::PACKET);
-    capture.packet(2, 4, {'e', 'f', 'g', 'h'}).endBlock(F::PACKET);
-    std::string const read = "5000000/0<abc 4294967296000000/1> 3000000/2-d 4000000/2-efgh ";
-    for (size_t const chunk : {1U, 7U, 1000U})
-        EXPECT_EQ(capture.read(chunk), read);
-    EXPECT_EQ(ForeignCapture(capture).u32(F::PACKET).read(99), read + "...");
-    EXPECT_EQ(ForeignCapture(capture).u32(7).u32(F::PACKET).u32(16).read(99),
-              read + "the capture cannot be read: a block cannot have 6 bytes");
-
-    // A section begins with no links.
-    capture.section().packet(0, 1, {}).endBlock(F::PACKET);
-    EXPECT_EQ(capture.read(50), read + "the capture cannot be read: a packet is of an interface "
-                                       "that is not described");
-    for (auto const& [digits, expected] :
-         {std::pair{18, "1000000/0-x "},
-          {19,
-           "the capture cannot be read: it counts time in a unit that is not a power of ten"}}) {
-        ForeignCapture fine;
-        fine.section().link().option(9, {uint8_t(digits)}).endBlock(F::LINK);
-        fine.packet(0, 1000000000000000000, {'x'}).endBlock(F::PACKET);
-        EXPECT_EQ(fine.read(999), expected);
-    }
-    for (auto const& [type, size, why] :
-         {std::tuple{F::LINK, 4, "an interface block is too short"},
-          {F::PACKET, 16, "a packet block is too short"},
-          {F::NAMES, 1 << 24, "a block cannot have 16777228 bytes"}}) {
-        ForeignCapture wrong;
-        wrong.section();
-        for (int i = 0; i < size; i += 4)
-            wrong.u32(147);
-        wrong.endBlock(type);
-        EXPECT_EQ(wrong.read(1 << 25), std::string("the capture cannot be read: ") + why);
     }
 }
 

@@ -105,6 +105,29 @@ TEST_F(ClientTest, WhatIsOutstandingEndsWithTheClientOrItsHost) {
     EXPECT_THROW(other.query(), std::runtime_error);
 }
 
+TEST_F(ClientTest, AHostThatComesBackFindsItsClientsAgain) {
+    Process& host = startHost();
+    std::promise<uint16_t> served, joined;
+    std::atomic<int> topics{0};
+    Client::Options options;
+    options.reconnect = true;
+    options.onBack = [&](uint16_t session) { served.set_value(session); };
+    Client provider(path("host"), options);
+    provider.serve(mBusiness, [](Bytes const& request, Responder const& to) { to.reply(request); });
+    provider.watch({[&](bool added, std::string const&) { topics += added ? 1 : 0; }, {}});
+    options.onBack = [&](uint16_t session) { joined.set_value(session); };
+    Client consumer(path("host"), options);
+    consumer.join(mBusiness);
+    EXPECT_EQ(consumer.call({1}, 60s).get().outcome, Outcome::REPLIED);
+    host.signal(SIGKILL);
+    await("its end", [&] { return !host.ending().empty(); });
+    startHost();
+    EXPECT_GT(served.get_future().get(), 0U);
+    EXPECT_GT(joined.get_future().get(), 0U);
+    EXPECT_EQ(consumer.call({2}, 60s).get().payload, Bytes{2});
+    await("the topic once more", [&] { return topics >= 2; });
+}
+
 TEST_F(ClientTest, AHostOfAnotherUserIsNotTrusted) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can be two users";
     std::filesystem::permissions(path(""), std::filesystem::perms::all);

@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <regex>
 
+#include <vesk/client/Client.h>
 #include <vesk/hostkit_asio/Tap.h>
 
 #include "support/HostScene.h"
@@ -230,6 +232,29 @@ TEST_F(TapTest, WhoeverIsWokenMayTakeAtOnceAndIsNotWokenBehindTheEnd) {
     tap.out({3});
     EXPECT_EQ(taken, 2U);
     EXPECT_TRUE(tap.take().copies.empty());
+}
+
+TEST_F(TapTest, AClientTapsAgainWhenItsHostIsBack) {
+    Process& host = startHost(socket("channel"));
+    Line& peer = acceptPeer();
+    client::Client::Options options;
+    options.reconnect = true;
+    std::atomic<int> frames{0};
+    client::Client client(path("host"), options);
+    client.tap([&](client::TappedMessage const& tapped) { frames += tapped.out ? 100 : 1; });
+    EXPECT_THROW(client.tap({}), std::logic_error);
+    client.query();
+    peer.say(frame(2, 0, 1, ""));
+    await("a frame", [&] { return frames % 100 == 1; });
+    host.signal(SIGKILL);
+    await("the end of the host", [&] { return !host.ending().empty(); });
+    startHost(socket("channel"));
+    Line& again = acceptPeer();
+    await("the client", [&] { return client.connected(); });
+    client.query();
+    again.say(frame(2, 0, 2, ""));
+    await("another frame", [&] { return frames % 100 == 2; });
+    EXPECT_EQ(client.untap(), 0U);
 }
 
 TEST_F(TapTest, ListTellsWhatAHostServesAndToHowMany) {
