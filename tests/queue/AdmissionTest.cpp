@@ -151,5 +151,18 @@ TEST_F(QueueTest, APacketOfTheHostsOwnIsGoneOnceItHasLeft) {
     EXPECT_EQ(lives.use_count(), 1);
 }
 
+TEST_F(QueueTest, OfPacketsThatAreTakenOutUnsentTheLastAloneIsKept) {
+    std::vector<std::shared_ptr<VeskFrame>> frames;
+    for (uint16_t id = 1; id <= 3; ++id) {
+        frames.push_back(frame(id));
+        Packet unsent = new VeskQueue::QueuedPacket(2, false, frames.back());
+        std::unique_lock<std::mutex> lock(queue->mutex());
+        queue->enqueuePacket(unsent);
+        lock.unlock();
+        queue->dequeuePacket();
+    }
+    EXPECT_EQ(frames[0].use_count() + frames[1].use_count(), 2);
+}
+
 }  // namespace
 }  // namespace vesk

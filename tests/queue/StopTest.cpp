@@ -33,16 +33,19 @@ TEST_F(StopTest, StoppedQueueRefusesAdmissionKeepsThePendingAndOwesNothing) {
 
 TEST_F(StopTest, StopWaitsForTheSendUnderWay) {
     std::atomic<bool> open{false}, sent{false};
+    std::atomic<int> begun{0};
     callback->onSend([&](auto const&) { sent = eventually([&] { return open.load(); }); });
     admitTogether({packet(1, 1), packet(1, 2)}, own.get());
     ASSERT_TRUE(callback->waitForSent(1));
     auto const stops = [&] {
+        ++begun;
         own->stop();
         EXPECT_TRUE(sent);
     };
     std::thread first(stops), second(stops);
     EXPECT_TRUE(eventually([&] {
-        return own->enqueue(2, true, frame(3)), log.contains("VeskQueue", "enqueue fail.");
+        own->enqueue(2, true, frame(3));
+        return begun == 2 && log.contains("VeskQueue", "enqueue fail.");
     }));
     open = true;
     first.join();
