@@ -94,6 +94,7 @@ void Vesk::sendToChannel(std::vector<uint8_t> bytes) {
 }
 
 void Vesk::onChannelAvailable(bool available) {
+    // A channel that comes back finds an empty queue: what was lost with it is not sent again.
     if (!available) {
         mQueue->cleanup();
     }

@@ -23,6 +23,7 @@ std::atomic<uint16_t> VeskFrame::SERIAL_GEN{0};
 std::shared_ptr<VeskFrame> VeskFrame::obtainFrame(bool const& withSerial) {
     auto frame = std::make_shared<VeskFrame>();
     if (withSerial) {
+        // Behind 65535 it begins anew: it has to be new among what awaits acknowledgement alone.
         frame->serialNumber = SERIAL_GEN.fetch_add(1);
     }
     return frame;

@@ -49,6 +49,7 @@ void VeskQueue::State::push(Packet packet) {
 }
 
 bool VeskQueue::State::hasRoom(Admission& admission) {
+    // The bound holds for producers. What the queue puts in itself goes through enqueuePacket().
     admission.pending = static_cast<uint64_t>(mPending.load());
     admission.isRefused = admission.pending >= mMaxQueueSize;
     if (admission.isRefused) ++mRefused;
@@ -183,7 +184,7 @@ VeskQueue::State::Packet VeskQueue::State::dequeuePacket() {
         return nullptr;
     }
     dropped.swap(mDropped);
-    wakeStalled();
+    wakeStalled();  // the first in line may be the one for which the history had no room
     Packet first = unlink(mHead.get());
     if (mHead == nullptr) mTail = first;
     markSeen(*first);
@@ -205,6 +206,7 @@ VeskQueue::State::Packet VeskQueue::State::removePacket(Packet const& packet) {
 bool VeskQueue::State::replacePacket(Packet const& packet) {
     VeskFrame const& frame = *packet->mFrame;
     std::lock_guard<std::mutex> lock(mMutex);
+    // Where several are the same message, the first in line is replaced, and it alone.
     for (QueuedPacket* entry = mHead.get(); entry != nullptr; entry = entry->mNext.get()) {
         VeskFrame& pending = *entry->mFrame;
         if (!sameMessage(pending, frame)) continue;

@@ -45,7 +45,8 @@ void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
     debugLog(QUEUE_TAG, "receiveFromChannel:", serialNumber, ",msgType:", frame->msgType,
              ",msg:", frame->msgId);
     Vesk* const facade = Vesk::getInstance();
-    // Held from here on: a topic that is removed meanwhile still gets its frame.
+    // The topic is looked up before the type is known, and held from here on: one that is removed
+    // meanwhile still gets its frame.
     auto const topic = facade->getTopicManager()->getTopic(frame->topicId);
     if (frame->msgType == ACKNOWLEDGEMENT) {
         if (isAcknowledgement(*frame)) {
@@ -53,6 +54,8 @@ void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
         }
         return;
     }
+    // What nobody here can ever serve is not acknowledged, so that the peer sees it time out. What
+    // could be served, but has no topic or session now, is: it has arrived.
     if (!facade->getConfig()->isBussinessSupport(frame->topicId, frame->businessId)) {
         return;
     }
@@ -66,6 +69,8 @@ void VeskQueue::State::receiveFromChannel(std::shared_ptr<VeskFrame> frame) {
 void VeskQueue::State::recordOwedAck(uint16_t serialNumber) {
     bool sleeps = false;
     {
+        // The clock is read before the lock is waited for: that wait is no part of the delay that
+        // the peer measures.
         uint64_t const now = SystemClock::uptimeMillis();
         std::lock_guard<std::mutex> lock(mMutex);
         if (!mRunning) {
@@ -96,6 +101,7 @@ size_t VeskQueue::State::owedAcks() const {
 }
 
 void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
+    // The division drops a remainder of up to three bytes, which belong to no entry.
     if (frame.reply != frame.data.size() / ACK_ENTRY_SIZE) {
         return;
     }
@@ -108,7 +114,7 @@ void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
         uint8_t const* const entry = &frame.data[i * ACK_ENTRY_SIZE];
         uint16_t const hold = getU16(entry);
         Packet sent = mWaitAckList.takeBySerial(getU16(entry + 2));
-        if (sent == nullptr) continue;
+        if (sent == nullptr) continue;  // it has timed out, or was acknowledged before
         mFeedback.updateDelay(now - (low32(sent->sendTime()) + hold));
         letGo(std::move(sent), released);
         ++count;
@@ -146,6 +152,7 @@ void VeskQueue::State::ackToPeer() {
         debugLog(QUEUE_TAG, "ackToPeer serial:", ack.msgSerialNumb(), "; ", frame->msgId);
     }
     forgetOwedAcks();
+    // Not through enqueue(), whose bound would lose acknowledgements of a full queue.
     Packet packet = makePacket(IMMEDIATE_PRIORITY, false, std::move(frame));
     enqueuePacket(packet);
 }

@@ -19,7 +19,9 @@ VeskQueue::~VeskQueue() {
         return;  // the thread that the state is shared with does not exist here, and its locks may
     }            // be held for ever
     mState->stop();
+    // On the looper itself stop() cannot wait for the thread, which then runs out with the state.
     mState->detach();
+    // The packets of the chain own each other, and would outlive the queue.
     mState->cleanup();
 }
 
@@ -33,9 +35,11 @@ void VeskQueue::enqueue(int priority, bool needRetransmission, std::shared_ptr<V
 }
 
 void VeskQueue::push(android::sp<QueuedPacket>& packet) {
+    // A packet without a frame could be neither logged nor sent, so nothing lets one in.
     if (packet != nullptr && packet->mFrame) mState->push(packet);
 }
 
+// The caller holds mutex(), which the analysis cannot follow into the state.
 VESK_NO_LOCK_ANALYSIS
 bool VeskQueue::enqueuePacket(android::sp<QueuedPacket>& packet) {
     android::sp<QueuedPacket> taken = packet;  // the caller keeps its own

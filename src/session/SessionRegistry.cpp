@@ -40,6 +40,7 @@ SessionRegistry::Entry SessionRegistry::allocate(SessionKey const& key, State st
     if (mClosed) {
         return nullptr;
     }
+    // The lowest free id comes first, also when a higher one has been free for longer.
     if (!mFreedIds.empty()) {
         id = *mFreedIds.begin();
         mFreedIds.erase(mFreedIds.begin());
@@ -81,6 +82,8 @@ SessionEntry const* SessionRegistry::findProvider(SessionKey const& key) const {
 
 bool SessionRegistry::admit(Session const& session, Entry const& entry) {
     Guard const lock(mManager.mMutex);
+    // Whoever waits for the same provider looks again when the lock is free, and finds it in its
+    // table, or nowhere.
     mJoining.erase(std::find(mJoining.begin(), mJoining.end(), entry));
     mJoined.notify_all();
     if (mClosed || !session->getTopic()) {
@@ -88,7 +91,7 @@ bool SessionRegistry::admit(Session const& session, Entry const& entry) {
         return false;
     }
     entry->state = State::LIVE;
-    session->mEntry = entry;
+    session->mEntry = entry;  // by which it is known from then on, whatever has its id
     // Another provider may have this place, while its removal, which holds it, announces that.
     enter(session);
     return true;
@@ -184,6 +187,8 @@ bool SessionRegistry::endRemoval(Session const& session) {
 
 void SessionRegistry::close() {
     SessionTable providers, consumers;  // released after the lock, the consumers first
+    // A session's last owner may be the table: it goes with its topic and its queue, and their
+    // destructors are not run under this lock.
     Guard const lock(mManager.mMutex);
     mClosed = true;
     mOwned.clear();

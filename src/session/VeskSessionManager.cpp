@@ -73,6 +73,7 @@ int VeskSessionManager::createSession(int clientId, int type, std::string const&
     SessionKey const key{type, static_cast<uint32_t>(clientId), desc->topicId, desc->businessId,
                          flag};
     auto const [entry, id] = mRegistry->reserve(key);
+    // To provide the same once more is no error: the client gets the session that it has.
     if (!entry && id > 0) {
         debugLog(TAG, "provider has exist:", id);
         return id;
@@ -113,6 +114,8 @@ size_t VeskSessionManager::removeSession(uint16_t sessionId) {
     if (!session) {
         return 0;
     }
+    // A provider stays in its topic, which goes on routing to it: its client's end alone takes it
+    // out.
     if (session->type() == CONSUMER) {
         session->getTopic()->leave(*session);
     } else if (turn == Turn::FIRST) {
@@ -128,6 +131,7 @@ int VeskSessionManager::removeSessionByClient(uint32_t clientId) {
 }
 
 size_t VeskSessionManager::removeAllOf(int type, uint32_t clientId) {
+    // A copy of the list: the announcements call the host, which may create and remove sessions.
     for (auto const& session : mRegistry->sessionsOf(type, clientId)) {
         Turn const turn = mRegistry->beginRemoval(session);
         if (turn == Turn::LATE) continue;

@@ -98,6 +98,7 @@ void VeskTopic::receive(bool local, std::shared_ptr<VeskFrame> frame) {
     if (!frame) {
         return;
     }
+    // The session is called without the lock: the host may change the topic's sessions in there.
     std::shared_ptr<VeskSession> session;
     if (frame->msgType == REQUEST) {
         session = findProvider(frame->businessId);
@@ -123,6 +124,7 @@ std::shared_ptr<VeskSession> VeskTopic::findConsumer(uint16_t businessId,
     auto const fits = [=](auto const& entry) {
         return entry.second->businessId() == businessId && entry.second->sessionId() == sessionId;
     };
+    // A host may enter a session under another number than its own; only then all are looked at.
     auto found = mConsumers.find(sessionId);
     if (mHasOtherKeys && (found == mConsumers.end() || !fits(*found))) {
         found = std::find_if(mConsumers.begin(), mConsumers.end(), fits);

@@ -45,6 +45,8 @@ int VeskTopicManager::createTopic(std::string const& name, bool isLocal,
     if (id < 0 || !config.isTopicSupport(key) || hasTopic(key)) {
         return 0;
     }
+    // Made before the lock is taken, which is for the table alone. Where another thread was
+    // quicker, its topic stays and this one goes.
     auto topic = std::make_shared<VeskTopic>(key, isLocal, queue);
     {
         std::lock_guard<std::mutex> lock(mMutex);
