@@ -37,6 +37,20 @@ size_t requestsFrom(int argc, char** argv) {
     std::exit(2);
 }
 
+// A session keeps its topic, which is removed, and so one of those that the manager remembers.
+void keepRemovedTopic(vesk::Vesk& vesk) {
+    vesk.createTopic("virtualcomm", false);
+    vesk.getSessionManager()->createSession(1, 1, "virtualcomm", "vm", false);
+    vesk.removeTopic("virtualcomm");
+}
+
+void makeAndRemoveTopics(vesk::Vesk& vesk) {
+    for (int i = 0; i < 100; ++i) {
+        vesk.createTopic("virtualcomm", false);
+        vesk.removeTopic("virtualcomm");
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -65,10 +79,7 @@ int main(int argc, char** argv) {
         session->send(false, reply, 1);
         host->clear();
     });
-    // A session keeps its topic, which is removed, and so one of those that the manager remembers.
-    vesk->createTopic("virtualcomm", false);
-    vesk->getSessionManager()->createSession(1, 1, "virtualcomm", "vm", false);
-    vesk->removeTopic("virtualcomm");
+    keepRemovedTopic(*vesk);
     auto const start = std::chrono::steady_clock::now();
     size_t blocks = 0, bytes = 0;
     std::ptrdiff_t moreBlocks = 0, moreBytes = 0;
@@ -84,10 +95,7 @@ int main(int argc, char** argv) {
         std::chrono::duration<double> const seconds = std::chrono::steady_clock::now() - start;
         clock.advance(3000);
         clock.advance(3000);
-        for (int i = 0; i < 100; ++i) {
-            vesk->createTopic("virtualcomm", false);
-            vesk->removeTopic("virtualcomm");
-        }
+        makeAndRemoveTopics(*vesk);
         std::printf("after %zu requests and %zu writes: %zu blocks, %zu bytes; %.0f requests/s\n",
                     n, written.load(), CountedHeap::blocks.load(), CountedHeap::bytes.load(),
                     double(n) / seconds.count());

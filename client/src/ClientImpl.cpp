@@ -20,8 +20,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// 68 years: a longer time would overflow the clocks, and the seconds that 32 bits hold.
-constexpr milliseconds LONGEST_TIME{int64_t{INT32_MAX} * 1000};
+// 34 years: the end of a longer time might not fit the seconds that 32 bits hold.
+constexpr milliseconds LONGEST_TIME{int64_t{INT32_MAX / 2} * 1000};
 // A host that does not accept at once is tried again later: meanwhile the thread has to see whether
 // it is to end.
 constexpr milliseconds RECONNECT_LIMIT{100};
@@ -39,9 +39,14 @@ std::string textOf(Message const& message) {
     return {message.body.begin(), message.body.end()};
 }
 
+Client::Options limited(Client::Options options) {
+    options.limit = std::min(options.limit, LONGEST_TIME);
+    return options;
+}
+
 template <typename Future>
 auto await(Future future, milliseconds limit) {
-    auto const status = future.wait_for(std::min(limit, LONGEST_TIME));
+    auto const status = future.wait_for(limit);
     if (status != std::future_status::ready) throw std::runtime_error(NO_ANSWER);
     return future.get();
 }
@@ -77,7 +82,7 @@ private:
 
 Client::Impl::Impl(std::string path, Options options)
     : mPath(std::move(path)),
-      mOptions(std::move(options)),
+      mOptions(limited(std::move(options))),
       mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mCalls(static_cast<uint16_t>(std::random_device()())) {
     if (mWake.get() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");

@@ -139,6 +139,10 @@ void Channel::Impl::openLater() {
 }
 
 void Channel::Impl::drop(std::string const& reason) {
+    // What was read, and has waited while the channel was held, has come all the same.
+    if (mChunkUsed < mChunkSize) {
+        mReader.feed(mChunk.data() + mChunkUsed, mChunkSize - mChunkUsed);
+    }
     mLink->close();
     mLink.reset();
     mReading = false;
@@ -188,7 +192,7 @@ void Channel::Impl::read() {
 
 void Channel::Impl::received() {
     uint64_t const skipped = mReader.skippedBytes();
-    for (mFrames = 0; mChunkUsed < mChunkSize && mFrames < FRAMES_A_TURN;) {
+    for (mFrames = 0; mChunkUsed < mChunkSize && mFrames < FRAMES_A_TURN && !mHeld;) {
         size_t const size = std::min(mChunkSize - mChunkUsed, SLICE_SIZE);
         mReader.feed(mChunk.data() + mChunkUsed, size);
         mChunkUsed += size;
@@ -227,8 +231,8 @@ void Channel::Impl::watchSilence() {
     mSilence.async_wait([this, link = mLink](asio::error_code const& error) {
         // This host may have been late: the timer has gone off, and can no longer be cancelled,
         // while bytes, or the end of the link, came. Then the silence was not the peer's.
-        bool const isOver = std::chrono::steady_clock::now() < mSilence.expiry();
-        if (error || link != mLink || mHeld || isOver || link->hasUnread()) return;
+        bool const isRearmed = std::chrono::steady_clock::now() < mSilence.expiry();
+        if (error || link != mLink || mHeld || isRearmed || link->hasUnread()) return;
         mReader.abandon();
         reportSkipped();
         mEvents.onProgress();

@@ -68,7 +68,11 @@ struct Start {
 /** What the program has left running goes with it, whether or not anybody notices its end. */
 void killRest(pid_t parent) {
     // The keeper is the group's first, and leaves it so as to end as the program did.
-    if (::setpgid(0, ::getpgid(parent)) == 0) ::kill(-::getpid(), SIGKILL);
+    if (::setpgid(0, ::getpgid(parent)) == 0) {
+        ::kill(-::getpid(), SIGKILL);
+    } else if (::getppid() != parent) {
+        ::kill(0, SIGKILL);  // the parent has gone meanwhile, and nobody needs the status
+    }
 }
 
 /** Makes the process that is to become the program, in which it returns; the other one keeps it. */

@@ -48,7 +48,6 @@ private:
     CallGate mGate;
     Channel& mChannel;       // behind the gate
     ClientServer* mClients;  // null once the host is detached
-    // Used only where one of the others may be.
     TrafficCounters& mTraffic;
     Tap& mTap;
 };

@@ -114,7 +114,9 @@ private:
     void end() VESK_EXCLUDES(mCallbackMutex);
     std::shared_ptr<VeskCallback> callback() const VESK_EXCLUDES(mCallbackMutex);
 
-    android::sp<VeskCallback> mCallback VESK_GUARDED_BY(mCallbackMutex);
+    // Its deleter has the library's one reference. It is cheaper to copy than an sp, and every frame
+    // takes a copy.
+    std::shared_ptr<VeskCallback> mCallback VESK_GUARDED_BY(mCallbackMutex);
     std::shared_ptr<VeskQueue> mQueue;
     VeskTopicManager mTopicManager;
     VeskSessionManager mSessionManager;
@@ -122,8 +124,6 @@ private:
     mutable std::mutex mCallbackMutex;
     const pid_t mProcess;  // that made the instance, and alone may end it
     bool mEnded VESK_GUARDED_BY(mCallbackMutex) = false;
-    // The same callback, as every call into it holds it: to copy this one takes half as long.
-    std::shared_ptr<VeskCallback> mShared VESK_GUARDED_BY(mCallbackMutex);
 };
 
 }  // namespace vesk

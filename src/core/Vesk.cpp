@@ -45,30 +45,27 @@ void Vesk::end() {
     mSessionManager.close();
     mTopicManager.close();
     mQueue->cleanup();
-    android::sp<VeskCallback> last;  // these are released after the lock, and may still call
-    std::shared_ptr<VeskCallback> lastShared;
+    std::shared_ptr<VeskCallback> last;  // released after the lock, and may still call
     std::lock_guard<std::mutex> lock(mCallbackMutex);
     mEnded = true;
-    last = std::exchange(mCallback, nullptr);
-    lastShared.swap(mShared);
+    last.swap(mCallback);
 }
 
 void Vesk::init(android::sp<VeskCallback> callback) {
     if (callback == nullptr) {
         return;
     }
-    // Its deleter holds the reference.
-    std::shared_ptr<VeskCallback> shared(callback.get(), [callback](VeskCallback*) {});
+    VeskCallback* const host = callback.get();
+    std::shared_ptr<VeskCallback> installed(host, [own = std::move(callback)](VeskCallback*) {});
+    // What is swapped out is released after the lock: the destructor of an earlier callback is the
+    // host's.
     std::lock_guard<std::mutex> lock(mCallbackMutex);
-    if (!mEnded) {
-        std::swap(mCallback, callback);  // the earlier one's destructor is the host's, and runs
-        mShared.swap(shared);            // after the lock
-    }
+    if (!mEnded) mCallback.swap(installed);
 }
 
 std::shared_ptr<VeskCallback> Vesk::callback() const {
     std::lock_guard<std::mutex> lock(mCallbackMutex);
-    return mShared;
+    return mCallback;
 }
 
 VeskConfig* Vesk::getConfig() {

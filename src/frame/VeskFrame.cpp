@@ -23,7 +23,8 @@ std::atomic<uint16_t> VeskFrame::SERIAL_GEN{0};
 std::shared_ptr<VeskFrame> VeskFrame::obtainFrame(bool const& withSerial) {
     auto frame = std::make_shared<VeskFrame>();
     if (withSerial) {
-        // Behind 65535 it begins anew: it has to be new among what awaits acknowledgement alone.
+        // The count begins anew behind 65535: a number only has to differ from those of the frames
+        // that still await acknowledgement.
         frame->serialNumber = SERIAL_GEN.fetch_add(1);
     }
     return frame;

@@ -19,7 +19,7 @@ VeskQueue::~VeskQueue() {
         return;  // the thread that the state is shared with does not exist here, and its locks may
     }            // be held for ever
     mState->stop();
-    // On the looper itself stop() cannot wait for the thread, which then runs out with the state.
+    // On the looper itself stop() cannot wait for the thread, which then ends by itself.
     mState->detach();
     // The packets of the chain own each other, and would outlive the queue.
     mState->cleanup();

@@ -91,7 +91,7 @@ bool SessionRegistry::admit(Session const& session, Entry const& entry) {
         return false;
     }
     entry->state = State::LIVE;
-    session->mEntry = entry;  // by which it is known from then on, whatever has its id
+    session->mEntry = entry;  // tells it from a later session that gets the same id
     // Another provider may have this place, while its removal, which holds it, announces that.
     enter(session);
     return true;

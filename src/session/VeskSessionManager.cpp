@@ -114,7 +114,7 @@ size_t VeskSessionManager::removeSession(uint16_t sessionId) {
     if (!session) {
         return 0;
     }
-    // A provider stays in its topic, which goes on routing to it: its client's end alone takes it
+    // A provider stays in its topic, which goes on routing to it: the end of its client takes it
     // out.
     if (session->type() == CONSUMER) {
         session->getTopic()->leave(*session);

@@ -126,9 +126,9 @@ TEST_F(ClientServerTest, WhoDoesNotEndAMessageGoesWhenOthersWaitToBeginOne) {
     Line& consumer = joinAs(CONSUMER);
     Bytes const reply = data(Type::REPLY, consumer.number(0), 1, std::string(60000, 'x'));
     auto const half = reply.begin() + 30000;
-    std::vector<Line*> providers;
-    for (int i = 0; i < 32; ++i)
-        providers.push_back(&joinAs(PROVIDER));
+    std::vector<Line*> providers(32);
+    for (Line*& provider : providers)
+        provider = &joinAs(PROVIDER);
     for (int i = 0; i < 31; ++i)  // as many as docs/protocol.md says
         providers[size_t(i)]->say({reply.begin(), half});
     mIo.run_for(2 * limits.shortagePatience);
@@ -148,9 +148,9 @@ TEST_F(ClientServerTest, WhenMemoryIsShortThoseGoForWhomSomethingHasWaitedLonges
         FlowLimits limits;
         limits.shortagePatience = patience;
         serve(limits);
-        std::vector<Line*> consumers;
-        for (int i = 0; i < 8; ++i)
-            consumers.push_back(&joinAs(CONSUMER));
+        std::vector<Line*> consumers(8);
+        for (Line*& consumer : consumers)
+            consumer = &joinAs(CONSUMER);
         for (Line* const consumer : consumers)
             consumer->stop();
         std::vector<int> const order{5, 6, 7, 8, 1, 2, 3, 4};

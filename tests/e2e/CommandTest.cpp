@@ -114,14 +114,6 @@ TEST_F(CommandTest, ACallSaysWhyNoReplyCame) {
     }
 }
 
-TEST_F(CommandTest, ACallToWhoTakesNothingEnds) {
-    std::ofstream(path("longest")) << std::string(MAX_PAYLOAD_SIZE, 'x');
-    auto const [process, line] =
-            startJoined("call --count 2000 --window 200 --timeout 1 --file " + path("longest"));
-    line.stop();
-    expectEnd(process, 1, "the host does not take any more requests");
-}
-
 TEST_F(CommandTest, EachLineOfStdinIsARequest) {
     Process& process = start("call a/b --lines --stats --interval 30 --host " + socket("host") +
                              " <<'END'\none\n\nthree\nEND\n");

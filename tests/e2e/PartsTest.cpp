@@ -2,15 +2,12 @@
 
 #include <set>
 
-#include "DemoReport.h"
 #include "NoReply.h"
 #include "PayloadSource.h"
 #include "support/Scene.h"
 
 namespace vesk::e2e {
 
-using ::testing::internal::CaptureStdout;
-using ::testing::internal::GetCapturedStdout;
 
 class PartsTest : public Scene {};
 
@@ -75,32 +72,6 @@ TEST_F(PartsTest, WhyNoReplyCameIsToldByWhatTheHostCounts) {
         EXPECT_EQ(why.exitStatus, exitStatus) << why.reason;
         EXPECT_NE(why.reason.find(reason), std::string::npos) << why.reason;
     }
-}
-
-TEST_F(PartsTest, ReportsHaveEachNumberInItsPlace) {
-    tool::CallReport const report{7, 6, 5, 4, 999, 1250};
-    EXPECT_EQ(report.line(), "result 7 6 5 4 999 1250");
-    EXPECT_EQ(tool::CallReport::parse(report.line())->line(), report.line());
-    EXPECT_FALSE(tool::CallReport::parse("result 7 6 5 4 999"));
-    EXPECT_TRUE((tool::CallReport{3, 3, 0, 0, 1, 1}.complete()));
-    for (auto const& wrong : {tool::CallReport{3, 2, 0, 0}, {3, 3, 1, 0}, {3, 3, 0, 1}})
-        EXPECT_FALSE(wrong.complete());
-    client::Counters counters;
-    counters.sentPackets = 1, counters.receivedPackets = 2, counters.lastDelayMillis = 3;
-    counters.slowCount = 4, counters.skippedBytes = 5, counters.reconnects = 6;
-    CaptureStdout();
-    tool::printTable({{"a/b", report}, {"c/d", {1, 2, 3, 4, 1000, 12345678}}});
-    tool::printHost("near host", counters);
-    tool::printProgress(1, 2);
-    tool::clearProgress();
-    EXPECT_EQ(GetCapturedStdout(),
-              "business                  requests   replies   lost        p50        p99\n"
-              "a/b                              7         6      5     999 us     1.2 ms\n"
-              "c/d                              1         2      3     1.0 ms 12345.7 ms\n"
-              "total                            8         8      8\n\n"
-              "replies with wrong bytes: 8\n"
-              "near host sent 1 frames, received 2; last delay 3 ms, slow 4; skipped 5 bytes, "
-              "reconnected 6 times\n");
 }
 
 }  // namespace vesk::e2e

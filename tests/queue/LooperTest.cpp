@@ -117,6 +117,43 @@ TEST_F(QueueTest, SendsWhatIsDueAndSaysWhenTheRestIs) {
     }
 }
 
+TEST_F(QueueTest, APassGoesInOrderOfPriorityAndIsMadeWhenItIsAskedForAlone) {
+    auto const slow = [&](VeskFrame* last) { delete last, clock.jump(700); };
+    queue->enqueue(1, true, std::shared_ptr<VeskFrame>(new VeskFrame, slow));
+    clock.settle();
+    admit(3, 3);
+    clock.jump(100);
+    admit(2, 2);
+    rest();
+    clock.advance(1900);  // where the first expires, and all are due when it is gone
+    EXPECT_EQ(left(), (std::vector<int>{0, 2, 3}));
+
+    admit(2, 4);
+    Packet other = admit(2, 5);
+    rest();
+    clock.jump(2000);
+    queue->removePacket(other);  // has held up nothing
+    rest();
+    EXPECT_EQ(left().size(), 3U);
+    vesk->onChannelAvailable(false);
+
+    for (bool const another : {false, true}) {
+        Packet sent = packet(1, 6), next = packet(1, 7);
+        callback->onSend([&](auto const&) {
+            callback->onSend(nullptr);
+            if (!another) return void(queue->removePacket(sent));
+            std::lock_guard<std::mutex> const lock(queue->mutex());
+            queue->enqueuePacket(next);
+        });
+        std::unique_lock<std::mutex> lock(queue->mutex());
+        queue->enqueuePacket(sent);
+        lock.unlock();
+        unsigned long long wait = 9999;
+        queue->sendPacketToNetwork(wait);
+        EXPECT_EQ(wait, another ? 0U : 9999U);
+    }
+}
+
 TEST_F(QueueTest, WhatFallsDueInASendComesBeforeThePacketBehindIt) {
     // Ms that the first of two sends takes, and whether the second is admitted in it.
     for (auto const& [millis, late] : {std::pair(499, false), {500, false}, {100, true}}) {

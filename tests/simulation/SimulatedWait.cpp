@@ -44,7 +44,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_cond_clockwait(
 bool vesk::simulation::asleep(VeskQueue& queue, bool first) {
     if (!gTakenOver && first) queue.wake();
     if (!gTakenOver) return queue.idle();
-    bool const isIdle = queue.size() == 0 && queue.awaitingAck() == 0 && queue.owedAcks() == 0;
+    bool const isIdle = size_t(queue.size()) + queue.awaitingAck() + queue.owedAcks() == 0;
     std::unique_lock<std::mutex> lock(queue.mutex());
     bool const sleeps = gSleeper != nullptr;
     bool const over = sleeps && gUntil <= quillex::SystemClock::uptimeMillis();

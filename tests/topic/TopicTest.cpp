@@ -67,5 +67,13 @@ TEST_F(TopicTest, PrioritiesAreCalculatedByTable) {
         EXPECT_EQ(topic->calPriority(value), priorities[value + 1]) << value;
 }
 
+TEST_F(TopicTest, ASessionIsFoundByItsOwnIdWhateverItsKeyAndByTheKeyFirst) {
+    topic->addSession(9, false, std::make_shared<VeskSession>(7, false, CONSUMER, 4, 12, 5, ""));
+    EXPECT_EQ(receiver(3, 5, 7), 4U);
+    add(6, CONSUMER, 5, 1);
+    topic->addSession(8, false, std::make_shared<VeskSession>(6, false, CONSUMER, 2, 12, 5, ""));
+    EXPECT_EQ(receiver(3, 5, 6), 1U);
+}
+
 }  // namespace
 }  // namespace vesk

@@ -83,8 +83,10 @@ private:
     CallReport mReport;
     Clock::time_point mNextProgress = Clock::now();
     Clock::time_point const mStart = Clock::now();
-    asio::steady_timer mTimer;         // the main thread's
-    std::optional<StdinWatch> mStdin;  // likewise
+    asio::steady_timer mTimer;             // the main thread's
+    std::optional<StdinWatch> mStdin;      // the main thread's
+    std::optional<client::Bytes> mUnsent;  // a line for which there was no room
+    bool mAllSent = false;
     bool mAwaitsLine = false;
     Clock::time_point mNextSend{};
     bool mFinished = false;
@@ -138,14 +140,15 @@ void Caller::sendMore() {
         while (mStatus == EXIT_OK && mOutstanding < mOptions.window && !isAllSent()) {
             if (!mayGoOn() || !sendOne()) return;
         }
-        if (isAllSent() && mOutstanding == 0) finish();
+        mAllSent = isAllSent();
+        if (mAllSent && mOutstanding == 0) finish();
     } catch (UsageError const& error) {
         fail(error.what(), EXIT_USAGE);  // a line that is too long
     }
 }
 
 bool Caller::isAllSent() {
-    if (mOptions.lines) return mPayloads.atEnd();
+    if (mOptions.lines) return !mUnsent && mPayloads.atEnd();
     return mReport.requests == mOptions.count;
 }
 
@@ -213,7 +216,8 @@ void Caller::askWhy() {
 
 bool Caller::sendOne() {
     using Sent = client::Client::Sent;
-    client::Bytes payload = mPayloads.next();
+    client::Bytes payload = mUnsent ? *std::exchange(mUnsent, std::nullopt) : mPayloads.next();
+    if (mOptions.lines) mUnsent = payload;
     client::Bytes kept = mOptions.verify ? payload : client::Bytes();
     client::Client::Done done = [this, sent = Clock::now(),
                                  kept = std::move(kept)](client::Client::Reply const& reply) {
@@ -222,6 +226,7 @@ bool Caller::sendOne() {
     auto const timeout = std::chrono::milliseconds(mOptions.timeoutMillis);
     Sent const sent = mHost->call(std::move(payload), timeout, std::move(done));
     if (sent == Sent::YES) {
+        mUnsent.reset();
         ++mOutstanding;
         ++mReport.requests;
     } else if (sent == Sent::NO_ID) {
@@ -294,7 +299,7 @@ int Caller::conclude() {
     if (mReport.wrong > 0)
         say(std::to_string(mReport.wrong) + " replies were not the request's bytes");
     if (mStatus != EXIT_OK) return mStatus;
-    return mReport.complete() && isAllSent() ? EXIT_OK : EXIT_FAILED;
+    return mReport.complete() && mAllSent ? EXIT_OK : EXIT_FAILED;
 }
 
 void Caller::printStats() const {

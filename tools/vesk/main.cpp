@@ -137,7 +137,7 @@ void addHost(CLI::App& app, HostOptions& options, Command& command) {
     sub->footer(
             "Examples:\n"
             "  vesk host --channel tcp:localhost:7000 --listen\n"
-            "  vesk host --channel tty:/dev/ttyS0,115200 --clients unix:/tmp/board\n"
+            "  vesk host --channel tty:/dev/ttyS0,115200 --clients unix:$XDG_RUNTIME_DIR/board\n"
             "  vesk host --channel 'exec:ssh board vesk host --channel stdio:' --capture "
             "board.pcapng");
     sub->callback([&] { command = [&] { return runHost(options); }; });
@@ -244,7 +244,7 @@ void addStatus(CLI::App& app, StatusOptions& options, Command& command) {
     sub->footer(
             "Examples:\n"
             "  vesk status --watch\n"
-            "  vesk status --host unix:/tmp/board --json");
+            "  vesk status --host unix:$XDG_RUNTIME_DIR/board --json");
     sub->callback([&] { command = [&] { return runStatus(options); }; });
 }
 
@@ -282,7 +282,7 @@ void addList(CLI::App& app, ListOptions& options, Command& command) {
     sub->footer(
             "Examples:\n"
             "  vesk list\n"
-            "  vesk list --host unix:/tmp/board --json");
+            "  vesk list --host unix:$XDG_RUNTIME_DIR/board --json");
     sub->callback([&] { command = [&] { return runList(options); }; });
 }
 

@@ -40,8 +40,8 @@ namespace vesk::client {
  *            because it has maxUnanswered, the answers to query(), status() and untap() wait too,
  *            and those that wait for them may run into Options::limit. Who has to know at such a
  *            time asks by a client of its own, which has not joined.
- * Times:     milliseconds; those of requests begin when they are sent. A time of more than 68 years
- *            counts as 68 years, and a negative one as 0.
+ * Times:     milliseconds; those of requests begin when they are sent. A time of more than 34 years
+ *            counts as 34 years, and a negative one as 0.
  */
 class VESK_EXPORT Client {
 public:

@@ -48,7 +48,7 @@ public:
 
     /**
      * @param catalogue must outlive the reader.
-     * @param onFrame   must not be empty, and must not call the reader.
+     * @param onFrame   must not be empty, and must call nothing of the reader but skippedBytes().
      */
     FrameReader(VeskConfig const& catalogue, FrameHandler onFrame);
 

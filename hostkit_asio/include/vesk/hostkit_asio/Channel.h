@@ -60,8 +60,9 @@ public:
     void write(std::vector<uint8_t> bytes);
 
     /**
-     * While held, nothing is handed on and no more is read, so that the peer comes to a stop. That
-     * the peer has left may then be noticed only on release or when a write fails.
+     * While held, nothing is read, so that the peer comes to a stop, and nothing is handed on but
+     * the frames of the 4 KiB that are just being gone through. That the peer has left may then be
+     * noticed only on release or when a write fails; what was read before is handed on then.
      */
     void hold(bool held);
 

@@ -23,7 +23,8 @@ namespace vesk::hostkit {
  * into the library and the library's deliveries to them.
  *
  * Several providers of one business: the one that joined last gets the requests, whichever session
- * the library chooses; when it leaves, the one before it gets them again. Both are told.
+ * the library chooses; when it leaves, the one before it gets them again. Both are told,
+ * where they have asked for notices.
  *
  * Flow control: each client slows only itself, and what is kept for all of them together has a
  * bound. What a client may expect is said in client/ClientProtocol.h, how the memory is divided in
@@ -63,7 +64,7 @@ public:
     void topicChanged(bool added, std::string const& topic);
     void providerChanged(bool added, std::string const& topic, std::string const& business);
 
-    /** Tells the clients that watch something that a person may want to know. */
+    /** Tells the clients that watch, and have asked for notices, what a person may want to know. */
     void announce(std::string const& text);
 
 private:
