@@ -114,8 +114,8 @@ private:
     void end() VESK_EXCLUDES(mCallbackMutex);
     std::shared_ptr<VeskCallback> callback() const VESK_EXCLUDES(mCallbackMutex);
 
-    // Its deleter has the library's one reference. It is cheaper to copy than an sp, and every frame
-    // takes a copy.
+    // Its deleter has the library's one reference. It is cheaper to copy than an sp, and every
+    // frame takes a copy.
     std::shared_ptr<VeskCallback> mCallback VESK_GUARDED_BY(mCallbackMutex);
     std::shared_ptr<VeskQueue> mQueue;
     VeskTopicManager mTopicManager;
