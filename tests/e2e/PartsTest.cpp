@@ -8,7 +8,6 @@
 
 namespace vesk::e2e {
 
-
 class PartsTest : public Scene {};
 
 TEST_F(PartsTest, APayloadIsWhatTheOptionsSayUpToItsSize) {
