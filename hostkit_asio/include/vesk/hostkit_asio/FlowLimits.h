@@ -8,7 +8,9 @@ namespace vesk::hostkit {
 /**
  * How a host divides the memory that it may hold for others: with its clients, its channel and the
  * library. Bytes, all in proportion to the whole, and milliseconds, which are not. A host may
- * change any of them before it hands them over.
+ * change any of them before it hands them over. Nothing is checked: keep each `low` below its
+ * `high`, and times at 1 ms or more. A share that is computed from another one, as `consumerLow` is
+ * from `consumerHigh`, does not follow a change of that.
  *
  * A quarter of the whole is nobody's share: the allocator's loss, and what is fixed.
  */
