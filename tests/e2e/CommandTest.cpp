@@ -162,7 +162,7 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
           {mJoined, noMessage, 1, "messages are not understood"}}) {
         for (char const* const command : {"provide a/b --echo", "call a/b"}) {
             auto const [process, line] = startClient(command);
-            awaitHeard(line, 1);
+            awaitHeard(line, joining(command[0] == 'p' ? PROVIDER : CONSUMER, "a", "b"));
             line.say(first);
             line.say(second);
             line.close();
@@ -197,7 +197,7 @@ TEST_F(CommandTest, WhatAHostDoesWrongIsSaid) {
     reply(line, 1, "x");
     expectEnd(unread, 1, "cannot write to stdout");
     auto const [watch, news] = startClient("watch");
-    awaitHeard(news, 1);
+    awaitHeard(news, client::encodeMessage(Type::WATCH));
     news.say(client::ChangeMessage{true, "a\x1B", "b\x9B"}.encode(Type::PROVIDER));
     awaitText(watch, "provider a\\x1B/b\\x9B added\n");
     mListener.acceptor().listen(0);  // who does not accept has room for one that waits
