@@ -53,4 +53,8 @@ def prepare():
     """For this process and all that it starts: no core files, no memory without end."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_AS, (8 << 30, 8 << 30))
+    # A shell that starts this in the background has them ignored; the tests send them.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    for number in (signal.SIGHUP, signal.SIGQUIT):
+        signal.signal(number, signal.SIG_DFL)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("scripts/mutants: ended by a signal"))
