@@ -114,7 +114,7 @@ void VeskQueue::State::receiveAckMessage(VeskFrame const& frame) {
         uint8_t const* const entry = &frame.data[i * ACK_ENTRY_SIZE];
         uint16_t const hold = getU16(entry);
         Packet sent = mWaitAckList.takeBySerial(getU16(entry + 2));
-        if (sent == nullptr) continue;  // it has timed out, or was acknowledged before
+        if (sent == nullptr) continue;  // nothing awaits it any more, or ever did
         mFeedback.updateDelay(now - (low32(sent->sendTime()) + hold));
         letGo(std::move(sent), released);
         ++count;

@@ -154,7 +154,7 @@ bool Caller::isAllSent() {
 
 /** Whether the next request may be sent now; otherwise this comes back to it. */
 bool Caller::mayGoOn() {
-    if (mOptions.lines && !mPayloads.hasLine()) {
+    if (mOptions.lines && !mUnsent && !mPayloads.hasLine()) {
         awaitLine();
         return false;
     }
